@@ -1,0 +1,45 @@
+# Thin wrapper over CMake. Every target installs missing dependencies first.
+BUILD   ?= build
+JOBS    ?= $(shell nproc)
+PREFIX  ?= /usr/local/ardent
+CMAKE_FLAGS ?=
+CTEST_FLAGS ?=
+
+.PHONY: all deps build demo test test-asan test-tsan bench install clean
+
+all: build
+
+deps:
+	@bash scripts/install-deps.sh
+
+$(BUILD)/CMakeCache.txt: | deps
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_FLAGS)
+
+build: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS)
+
+# Scans the bundled demo web root with the starter rules and prints the events.
+demo: build
+	@bash scripts/demo.sh $(BUILD)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(CTEST_FLAGS)
+
+# The whole suite under AddressSanitizer + UndefinedBehaviorSanitizer.
+test-asan:
+	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DARDENT_SANITIZE=address,undefined -DCMAKE_BUILD_TYPE=Debug"
+
+# The queue, framework and messaging tests under ThreadSanitizer.
+test-tsan:
+	$(MAKE) test BUILD=build-tsan CMAKE_FLAGS="-DARDENT_SANITIZE=thread -DCMAKE_BUILD_TYPE=Debug" CTEST_FLAGS="-L tsan"
+
+bench: deps
+	cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DARDENT_BUILD_BENCH=ON -DARDENT_BUILD_TESTS=OFF
+	cmake --build build-bench -j $(JOBS)
+	bash bench/run.sh build-bench
+
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
+
+clean:
+	rm -rf build build-asan build-tsan build-bench

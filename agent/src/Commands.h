@@ -1,0 +1,26 @@
+#pragma once
+// The subcommands of ardent-agent. main() parses the command line into
+// AgentOptions and hands it to one of these; each returns the exit code.
+
+#include <string>
+#include <vector>
+
+namespace Agent {
+
+struct AgentOptions {
+    std::string command;             // "run", "scan", "ctl"
+    std::string installDir;          // --install-dir, ends with "/" once resolved
+    std::string logLevel = "information";
+    std::string policyFile;          // --policy
+    std::string rulesFile;           // --rules (scan)
+    std::string eventsSink;          // --events: file or "-"; empty: the command's default
+    int cpuLimit = 0;                // --cpu-limit, percent of one core, 0 = off
+    std::string hostRoot = "/";      // --host-root
+    std::vector<std::string> args;   // scan: paths; ctl: the request and its argument
+};
+
+int RunCommandMain(const AgentOptions& options);   // agent/src/RunCommand.cpp
+int ScanCommandMain(const AgentOptions& options);  // agent/src/ScanCommand.cpp
+int CtlCommandMain(const AgentOptions& options);   // agent/src/CtlCommand.cpp
+
+}  // namespace Agent

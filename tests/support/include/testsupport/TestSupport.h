@@ -1,0 +1,133 @@
+#pragma once
+// Shared by every test binary: temp trees, waiting with a deadline, a task
+// that captures the messages sent to it, and the real agent as a process.
+
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "framework/Engine.h"
+#include "framework/Task.h"
+
+namespace TestSupport {
+
+// A temporary directory, removed with everything under it (modes restored
+// first) when the object goes.
+class TempDir {
+public:
+    explicit TempDir(const std::string& prefix = "ardent-test");
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& Path() const { return m_path; }
+    // Creates parents as needed; returns the full path.
+    std::string Write(const std::string& rel, const std::string& content, mode_t mode = 0644);
+    std::string MkDir(const std::string& rel, mode_t mode = 0755);
+    std::string Symlink(const std::string& target, const std::string& rel);
+    std::string Fifo(const std::string& rel);
+    std::string Socket(const std::string& rel);  // a bound, listening UNIX socket left behind
+    std::string Join(const std::string& rel) const { return m_path + "/" + rel; }
+
+private:
+    std::string m_path;
+};
+
+// Polls `pred` every few milliseconds until it holds or the deadline passes.
+bool WaitFor(const std::function<bool()>& pred, int timeoutMs = 5000);
+
+std::string ReadFile(const std::string& path);
+std::vector<std::string> ReadLines(const std::string& path);
+bool FileExists(const std::string& path);
+// sha256sum's answer, computed independently of the SDK.
+std::string Sha256Sum(const std::string& path);
+// Runs a shell command; returns its exit status and fills `out` with stdout.
+int RunCommand(const std::string& command, std::string* out = nullptr);
+
+// Build locations (from the environment ctest sets).
+std::string StageDir();   // build/stage
+std::string SourceDir();  // repository root
+std::string BuildDir();   // build/
+std::string AgentBinary();
+
+// Makes an install tree for one test (bin, lib, module, data/webshell,
+// data/upload, policy, log, run) whose lib/ and module/ link to the staged
+// ones. `modules` limits which lib*_module.so are linked in (empty: all).
+std::string MakeInstallTree(const TempDir& dir, const std::vector<std::string>& modules = {});
+
+// Compiles YARA source into a rule file (`compiled`: yarac output).
+std::string WriteRules(TempDir& dir, const std::string& rel, const std::string& source,
+                       bool compiled = false);
+
+// A resident task that records every message it receives. Register it under
+// the name of the service it stands in for ("data_comm_report_task", ...).
+class CaptureTask : public Framework::Task {
+public:
+    explicit CaptureTask(const std::string& name, unsigned int size = 1024);
+    int Run() override;
+    int HandleMsg(std::shared_ptr<Framework::Message>& msg) override;
+
+    std::vector<std::shared_ptr<Framework::Message>> Messages();
+    size_t Count();
+    bool WaitForCount(size_t n, int timeoutMs = 5000);
+    void Clear();
+
+    template <typename T>
+    std::vector<std::shared_ptr<T>> MessagesOf()
+    {
+        std::vector<std::shared_ptr<T>> out;
+        for (auto& m : Messages()) {
+            if (auto t = std::dynamic_pointer_cast<T>(m)) {
+                out.push_back(t);
+            }
+        }
+        return out;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::shared_ptr<Framework::Message>> m_messages;
+};
+
+// An engine for in-process tests, its install dir a fresh tree.
+class TestEngine {
+public:
+    explicit TestEngine(const std::vector<std::string>& modules = {});
+    ~TestEngine();
+    Framework::Engine& engine() { return *m_engine; }
+    const std::string& InstallDir() const { return m_installDir; }
+    TempDir& Dir() { return m_dir; }
+
+private:
+    TempDir m_dir;
+    std::string m_installDir;
+    std::unique_ptr<Framework::Engine> m_engine;
+};
+
+// The real ardent-agent as a child process; stdout and stderr go to files.
+class AgentProcess {
+public:
+    AgentProcess() = default;
+    ~AgentProcess();  // SIGKILLs a process still running
+    bool Start(const std::vector<std::string>& args, const std::string& workDir = "");
+    // Sends `sig` and waits; returns the exit code (128+n for a signal), -1 on timeout.
+    int Stop(int sig = 15, int timeoutMs = 10000);
+    int Wait(int timeoutMs = 60000);
+    bool Running();
+    pid_t Pid() const { return m_pid; }
+    std::string Stdout() const;
+    std::string Stderr() const;
+
+private:
+    pid_t m_pid = -1;
+    int m_status = -1;
+    std::string m_outPath;
+    std::string m_errPath;
+    std::unique_ptr<TempDir> m_ioDir;
+};
+
+}  // namespace TestSupport
