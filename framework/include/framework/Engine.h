@@ -65,6 +65,9 @@ public:
     int UnRegisterTask(const std::string& taskName);
     Task* FindTask(const std::string& taskName);
     std::vector<std::string> GetTaskNames();
+    std::vector<Poco::AutoPtr<Task>> GetRegisteredTasks();
+    // Unregisters every task `owner` registered; returns how many.
+    int UnRegisterTasksOf(Module* owner);
 
     // Messages. The engine owns `msg` from the call on.
     bool SendDirectMsg(const std::string& target, Message* msg);
@@ -80,6 +83,10 @@ public:
     // since the last call; unreadable files are logged and skipped. Returns
     // how many documents were applied.
     int ApplyPolicyDirectory(bool force);
+    // Applies `content` and, when the module takes it, keeps it as
+    // policy/<id>.json so that it survives a restart.
+    bool InstallPolicyDocument(const std::string& policyId, const std::string& content,
+                               std::string& error);
 
     // Tasklets. With `wait` false a long action runs on a worker thread.
     enum TaskletResult { TASKLET_DONE, TASKLET_STARTED, TASKLET_ALREADY_RUNNING, TASKLET_UNKNOWN };
@@ -98,6 +105,9 @@ public:
     int RunAgent();
     void RequestStop();
     bool StopRequested() const { return m_stop.load(); }
+
+    // The installation directory (config agent.install_dir), ending with "/".
+    std::string InstallDir();
 
     // Serialises policy callbacks, tasklets and module (un)initialisation.
     Poco::Mutex& ControlMutex() { return m_controlMutex; }
@@ -121,8 +131,12 @@ private:
         std::shared_ptr<std::atomic<bool>> done;
     };
 
+    bool InitModule(LoadedModule entry);
+    Module* ModuleForPolicy(const std::string& policyId);
+    Module* ModuleForTasklet(const std::string& id, AbstractTaskletCallback*& callback);
     void HandleOnDemandMessages();
     void ReapTasklets();
+    std::string DirFor(const std::string& key, const std::string& sub);
 
     Poco::Mutex m_controlMutex;  // recursive
     Poco::FastMutex m_moduleMutex;
@@ -136,6 +150,8 @@ private:
     std::map<std::string, TaskletRun> m_tasklets;
     std::atomic<bool> m_stop{false};
     std::unique_ptr<ControlServer> m_control;
+    std::vector<std::unique_ptr<Poco::SharedLibrary>> m_keptLibraries;
+    int64_t m_startMs = 0;
 };
 
 }  // namespace Framework

@@ -168,6 +168,14 @@ public:
 
     // Queue without virtual dispatch (used for deliveries by pointer).
     int Deliver(const std::shared_ptr<Message>& msg);
+    // Back to idle before the engine starts the task (again).
+    void ResetForStart();
+
+    // Delivers to `target` only while it is a live task object.
+    static bool DeliverToLive(Task* target, const std::shared_ptr<Message>& msg);
+    static std::vector<Task*> LiveTasksOfType(TaskCondition::TaskType type);
+    // Marks every task object cancelling (shutdown: long loops stop early).
+    static void CancelAllLive();
 
 private:
     void RunScheduled();

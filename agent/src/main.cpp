@@ -1,0 +1,132 @@
+// ardent-agent: the host of the agent's modules.
+//   ardent-agent run  [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR]
+//   ardent-agent scan [--policy F] [--rules F] [--events F|-] [PATH...]
+//   ardent-agent ctl  status|scan-now|reload|policy F
+// Every subcommand takes --install-dir D and --log-level L.
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <string>
+
+#include <Poco/Path.h>
+
+#include "Commands.h"
+#include "sdk/PathUtils.h"
+
+namespace {
+
+const char* const kUsage =
+    "usage: ardent-agent <command> [options]\n"
+    "\n"
+    "commands:\n"
+    "  run    run the agent in the foreground until SIGTERM or SIGINT\n"
+    "         [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR]\n"
+    "  scan   one full web-shell scan pass, then exit (0: nothing certain found,\n"
+    "         1: web shells found, 2: error)\n"
+    "         [--policy F] [--rules F] [--events F|-] [PATH...]\n"
+    "  ctl    talk to the running agent: status | scan-now | reload | policy F\n"
+    "\n"
+    "options of every command:\n"
+    "  --install-dir D   installation directory (default: the parent of the\n"
+    "                    directory holding this program)\n"
+    "  --log-level L     fatal, critical, error, warning, notice, information,\n"
+    "                    debug or trace (default information)\n";
+
+bool KnownLevel(const std::string& level)
+{
+    for (const char* l : {"fatal", "critical", "error", "warning", "notice", "information", "debug", "trace"}) {
+        if (level == l) {
+            return true;
+        }
+    }
+    return false;
+}
+
+int Fail(const std::string& message)
+{
+    std::cerr << "ardent-agent: " << message << "\n\n" << kUsage;
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    Agent::AgentOptions options;
+    if (argc < 2) {
+        return Fail("no command given");
+    }
+    options.command = argv[1];
+    if (options.command == "-h" || options.command == "--help" || options.command == "help") {
+        std::cout << kUsage;
+        return 0;
+    }
+    if (options.command != "run" && options.command != "scan" && options.command != "ctl") {
+        return Fail("unknown command '" + options.command + "'");
+    }
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        auto value = [&](std::string& out) -> bool {
+            if (i + 1 >= argc) {
+                return false;
+            }
+            out = argv[++i];
+            return true;
+        };
+        std::string cpu;
+        if (arg == "-h" || arg == "--help") {
+            std::cout << kUsage;
+            return 0;
+        } else if (arg == "--install-dir") {
+            if (!value(options.installDir)) return Fail("--install-dir needs a directory");
+        } else if (arg == "--log-level") {
+            if (!value(options.logLevel) || !KnownLevel(options.logLevel))
+                return Fail("--log-level needs one of fatal ... trace");
+        } else if (arg == "--policy" && options.command != "ctl") {
+            if (!value(options.policyFile)) return Fail("--policy needs a file");
+        } else if (arg == "--rules" && options.command == "scan") {
+            if (!value(options.rulesFile)) return Fail("--rules needs a file");
+        } else if (arg == "--events" && options.command != "ctl") {
+            if (!value(options.eventsSink)) return Fail("--events needs a file or -");
+        } else if (arg == "--cpu-limit" && options.command != "ctl") {
+            if (!value(cpu)) return Fail("--cpu-limit needs a percentage");
+            char* end = nullptr;
+            long percent = std::strtol(cpu.c_str(), &end, 10);
+            if (end == cpu.c_str() || *end != '\0' || percent < 0 || percent > 100)
+                return Fail("--cpu-limit takes a whole number from 0 (off) to 100");
+            options.cpuLimit = static_cast<int>(percent);
+        } else if (arg == "--host-root" && options.command == "run") {
+            if (!value(options.hostRoot)) return Fail("--host-root needs a directory");
+        } else if (arg.size() > 1 && arg[0] == '-' && arg != "-") {
+            return Fail("unknown option '" + arg + "' for " + options.command);
+        } else if (options.command == "run") {
+            return Fail("run takes no argument '" + arg + "'");
+        } else {
+            options.args.push_back(arg);
+        }
+    }
+
+    if (!options.installDir.empty()) {
+        std::string dir = Poco::Path(options.installDir).absolute().toString();
+        if (dir.empty() || dir.back() != '/') {
+            dir += '/';
+        }
+        SDK::PathUtils::SetInstallationPath(dir);
+    }
+    if (SDK::PathUtils::GetInstallationPath(options.installDir) != 0) {
+        std::cerr << "ardent-agent: the installation directory "
+                  << (options.installDir.empty() ? std::string("cannot be found") : "'" + options.installDir + "' does not exist")
+                  << "; give one with --install-dir\n";
+        return 2;
+    }
+
+    if (options.command == "run") {
+        return Agent::RunCommandMain(options);
+    }
+    if (options.command == "scan") {
+        return Agent::ScanCommandMain(options);
+    }
+    return Agent::CtlCommandMain(options);
+}

@@ -1,0 +1,426 @@
+#include "testsupport/TestSupport.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <Poco/DirectoryIterator.h>
+#include <Poco/File.h>
+#include <Poco/Path.h>
+#include <Poco/TemporaryFile.h>
+
+#include "sdk/PathUtils.h"
+
+extern char** environ;
+
+namespace TestSupport {
+
+namespace {
+
+std::string Env(const char* name, const std::string& def)
+{
+    const char* v = std::getenv(name);
+    return v != nullptr && *v != '\0' ? std::string(v) : def;
+}
+
+void MakeParents(const std::string& path)
+{
+    Poco::Path p(path);
+    p.makeParent();
+    Poco::File(p).createDirectories();
+}
+
+void RestoreModes(const std::string& dir)
+{
+    chmod(dir.c_str(), 0755);
+    std::string cmd = "chmod -R u+rwX '" + dir + "' 2>/dev/null";
+    if (std::system(cmd.c_str()) != 0) {
+        // best effort: removal below reports what is left
+    }
+}
+
+}  // namespace
+
+TempDir::TempDir(const std::string& prefix)
+{
+    std::string templ = "/tmp/" + prefix + "-XXXXXX";
+    std::vector<char> buf(templ.begin(), templ.end());
+    buf.push_back('\0');
+    if (mkdtemp(buf.data()) == nullptr) {
+        throw std::runtime_error("mkdtemp failed: " + std::string(strerror(errno)));
+    }
+    m_path = buf.data();
+}
+
+TempDir::~TempDir()
+{
+    RestoreModes(m_path);
+    try {
+        Poco::File(m_path).remove(true);
+    } catch (...) {
+        std::string cmd = "rm -rf '" + m_path + "'";
+        if (std::system(cmd.c_str()) != 0) {
+            // left behind in /tmp
+        }
+    }
+}
+
+std::string TempDir::Write(const std::string& rel, const std::string& content, mode_t mode)
+{
+    const std::string path = Join(rel);
+    MakeParents(path);
+    {
+        std::ofstream out(path, std::ios::binary | std::ios::trunc);
+        out << content;
+        if (!out) {
+            throw std::runtime_error("cannot write " + path);
+        }
+    }
+    chmod(path.c_str(), mode);
+    return path;
+}
+
+std::string TempDir::MkDir(const std::string& rel, mode_t mode)
+{
+    const std::string path = Join(rel);
+    Poco::File(path).createDirectories();
+    chmod(path.c_str(), mode);
+    return path;
+}
+
+std::string TempDir::Symlink(const std::string& target, const std::string& rel)
+{
+    const std::string path = Join(rel);
+    MakeParents(path);
+    if (symlink(target.c_str(), path.c_str()) != 0) {
+        throw std::runtime_error("symlink failed: " + path);
+    }
+    return path;
+}
+
+std::string TempDir::Fifo(const std::string& rel)
+{
+    const std::string path = Join(rel);
+    MakeParents(path);
+    if (mkfifo(path.c_str(), 0644) != 0) {
+        throw std::runtime_error("mkfifo failed: " + path);
+    }
+    return path;
+}
+
+std::string TempDir::Socket(const std::string& rel)
+{
+    const std::string path = Join(rel);
+    MakeParents(path);
+    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    if (fd < 0 || path.size() >= sizeof(addr.sun_path)) {
+        throw std::runtime_error("socket failed: " + path);
+    }
+    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        close(fd);
+        throw std::runtime_error("bind failed: " + path);
+    }
+    close(fd);  // the socket file stays
+    return path;
+}
+
+bool WaitFor(const std::function<bool()>& pred, int timeoutMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        if (pred()) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return pred();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+}
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+std::vector<std::string> ReadLines(const std::string& path)
+{
+    std::vector<std::string> lines;
+    std::ifstream in(path, std::ios::binary);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (!line.empty()) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+bool FileExists(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0;
+}
+
+int RunCommand(const std::string& command, std::string* out)
+{
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return -1;
+    }
+    char buf[4096];
+    std::string text;
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) {
+        text.append(buf, n);
+    }
+    const int status = pclose(pipe);
+    if (out != nullptr) {
+        *out = text;
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string Sha256Sum(const std::string& path)
+{
+    std::string out;
+    RunCommand("sha256sum '" + path + "'", &out);
+    return out.substr(0, 64);
+}
+
+std::string StageDir()
+{
+    return Env("ARDENT_STAGE", Env("ARDENT_BUILD", "build") + "/stage");
+}
+
+std::string SourceDir()
+{
+    return Env("ARDENT_SOURCE", ".");
+}
+
+std::string BuildDir()
+{
+    return Env("ARDENT_BUILD", "build");
+}
+
+std::string AgentBinary()
+{
+    return StageDir() + "/bin/ardent-agent";
+}
+
+std::string MakeInstallTree(const TempDir& dir, const std::vector<std::string>& modules)
+{
+    const std::string root = dir.Path() + "/install/";
+    for (const char* sub : {"bin", "lib", "module", "data/webshell", "policy", "log", "run", "etc", "share"}) {
+        Poco::File(root + sub).createDirectories();
+    }
+    Poco::File(root + "data/upload").createDirectories();
+    chmod((root + "data/upload").c_str(), 0700);
+    const std::string stage = StageDir();
+    auto link = [](const std::string& target, const std::string& at) {
+        if (symlink(target.c_str(), at.c_str()) != 0 && errno != EEXIST) {
+            throw std::runtime_error("symlink failed: " + at);
+        }
+    };
+    link(stage + "/bin/ardent-agent", root + "bin/ardent-agent");
+    for (Poco::DirectoryIterator it(stage + "/lib"), end; it != end; ++it) {
+        link(it->path(), root + "lib/" + it.name());
+    }
+    for (Poco::DirectoryIterator it(stage + "/module"), end; it != end; ++it) {
+        bool wanted = modules.empty();
+        for (auto& m : modules) {
+            wanted = wanted || it.name() == m || it.name() == "lib" + m + "_module.so";
+        }
+        if (wanted) {
+            link(it->path(), root + "module/" + it.name());
+        }
+    }
+    if (Poco::File(stage + "/share").exists()) {
+        for (Poco::DirectoryIterator it(stage + "/share"), end; it != end; ++it) {
+            link(it->path(), root + "share/" + it.name());
+        }
+    }
+    return root;
+}
+
+std::string WriteRules(TempDir& dir, const std::string& rel, const std::string& source, bool compiled)
+{
+    if (!compiled) {
+        return dir.Write(rel, source);
+    }
+    const std::string src = dir.Write(rel + ".yar", source);
+    const std::string out = dir.Join(rel);
+    std::string log;
+    if (RunCommand("yarac '" + src + "' '" + out + "' 2>&1", &log) != 0) {
+        throw std::runtime_error("yarac failed: " + log);
+    }
+    return out;
+}
+
+CaptureTask::CaptureTask(const std::string& name, unsigned int size)
+    : Framework::Task(name, "test_feature", Framework::TaskCondition::TASK_TYPE_RESIDENT, size)
+{
+}
+
+int CaptureTask::Run()
+{
+    while (!IsCancelling()) {
+        GetEventWaiter().WaitAndHandleEvent(50, 128);
+    }
+    return 0;
+}
+
+int CaptureTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_messages.push_back(msg);
+    return 0;
+}
+
+std::vector<std::shared_ptr<Framework::Message>> CaptureTask::Messages()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_messages;
+}
+
+size_t CaptureTask::Count()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_messages.size();
+}
+
+bool CaptureTask::WaitForCount(size_t n, int timeoutMs)
+{
+    return WaitFor([&] { return Count() >= n; }, timeoutMs);
+}
+
+void CaptureTask::Clear()
+{
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_messages.clear();
+}
+
+TestEngine::TestEngine(const std::vector<std::string>& modules) : m_dir("ardent-engine")
+{
+    m_installDir = MakeInstallTree(m_dir, modules);
+    SDK::PathUtils::SetInstallationPath(m_installDir);
+    m_engine = std::make_unique<Framework::Engine>();
+    m_engine->config().setString("agent.install_dir", m_installDir);
+    m_engine->config().setString("agent.events", m_installDir + "log/webshell_events.jsonl");
+    m_engine->config().setString("agent.host_root", "/");
+}
+
+TestEngine::~TestEngine()
+{
+    m_engine.reset();
+    SDK::PathUtils::SetInstallationPath("");
+}
+
+AgentProcess::~AgentProcess()
+{
+    if (m_pid > 0 && Running()) {
+        kill(m_pid, SIGKILL);
+        int status = 0;
+        waitpid(m_pid, &status, 0);
+    }
+}
+
+bool AgentProcess::Start(const std::vector<std::string>& args, const std::string& workDir)
+{
+    m_ioDir = std::make_unique<TempDir>("ardent-agent-io");
+    m_outPath = m_ioDir->Join("stdout");
+    m_errPath = m_ioDir->Join("stderr");
+    std::vector<std::string> argv{AgentBinary()};
+    argv.insert(argv.end(), args.begin(), args.end());
+    std::vector<char*> cargv;
+    for (auto& a : argv) {
+        cargv.push_back(const_cast<char*>(a.c_str()));
+    }
+    cargv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, m_outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, m_errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (!workDir.empty()) {
+        posix_spawn_file_actions_addchdir_np(&actions, workDir.c_str());
+    }
+    // The child starts with no signal blocked, whatever the test's threads do.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t none;
+    sigemptyset(&none);
+    posix_spawnattr_setsigmask(&attr, &none);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK);
+    const int rc = posix_spawn(&m_pid, cargv[0], &actions, &attr, cargv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
+    if (rc != 0) {
+        m_pid = -1;
+        return false;
+    }
+    m_status = -1;
+    return true;
+}
+
+bool AgentProcess::Running()
+{
+    if (m_pid <= 0 || m_status != -1) {
+        return false;
+    }
+    int status = 0;
+    const pid_t r = waitpid(m_pid, &status, WNOHANG);
+    if (r == m_pid) {
+        m_status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        return false;
+    }
+    return r == 0;
+}
+
+int AgentProcess::Wait(int timeoutMs)
+{
+    if (m_pid <= 0) {
+        return -1;
+    }
+    WaitFor([&] { return !Running(); }, timeoutMs);
+    return Running() ? -1 : m_status;
+}
+
+int AgentProcess::Stop(int sig, int timeoutMs)
+{
+    if (Running()) {
+        kill(m_pid, sig);
+    }
+    return Wait(timeoutMs);
+}
+
+std::string AgentProcess::Stdout() const
+{
+    return ReadFile(m_outPath);
+}
+
+std::string AgentProcess::Stderr() const
+{
+    return ReadFile(m_errPath);
+}
+
+}  // namespace TestSupport
