@@ -108,8 +108,19 @@ const char* StateName(Poco::Task::TaskState state)
 
 }  // namespace
 
+Detail::LogChannelKeeper::LogChannelKeeper()
+{
+    Poco::Logger& root = Poco::Logger::root();
+    channel = root.getChannel();
+    level = root.getLevel();
+}
+
 Engine::Engine()
 {
+    if (!channel.isNull()) {
+        Poco::Logger::setChannel("", channel);
+        Poco::Logger::setLevel("", level);
+    }
     std::string install;
     if (SDK::PathUtils::GetInstallationPath(install) == 0) {
         config().setString("agent.install_dir", install);

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
 #include <Poco/Mutex.h>
 #include <Poco/SharedLibrary.h>
 #include <Poco/Thread.h>
@@ -39,7 +40,17 @@ namespace Framework {
 
 class ControlServer;
 
-class Engine : public Poco::Util::ServerApplication {
+namespace Detail {
+// Poco's Application constructor resets the root logger's channel; this
+// base, built first, keeps what the agent configured so Engine can restore it.
+struct LogChannelKeeper {
+    LogChannelKeeper();
+    Poco::AutoPtr<Poco::Channel> channel;
+    int level = 0;
+};
+}  // namespace Detail
+
+class Engine : private Detail::LogChannelKeeper, public Poco::Util::ServerApplication {
 public:
     Engine();
     ~Engine() override;

@@ -80,6 +80,8 @@ public:
 
     // Parses the "task_condition" text into this policy's condition.
     bool ParseCondition(const std::string& text);
+    // By default the whole content is the condition.
+    bool Parse(const std::string& content) override { return ParseCondition(content); }
     const TaskCondition& GetCondition() const { return m_condition; }
 
     // Gives the condition to the registered task of this policy's name.

@@ -1,0 +1,279 @@
+// The engine with real modules: loading, policies from the policy directory,
+// tasklets, and the real agent binary with its control socket.
+
+#include <pwd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "framework/Engine.h"
+#include "sdk/JsonUtils.h"
+#include "testsupport/TestSupport.h"
+
+using TestSupport::TempDir;
+using TestSupport::WaitFor;
+
+namespace {
+
+const char* const kPolicy = R"({"feature_name":"test_feature","hash":"h1","content":{}})";
+
+std::string Log(const std::string& install)
+{
+    return TestSupport::ReadFile(install + "log/agent.log");
+}
+
+bool LogHas(const std::string& install, const std::string& text, int timeoutMs = 10000)
+{
+    return WaitFor([&] { return Log(install).find(text) != std::string::npos; }, timeoutMs);
+}
+
+std::string Ctl(const std::string& install, const std::string& request, int* rc = nullptr)
+{
+    std::string out;
+    const int code = TestSupport::RunCommand(TestSupport::AgentBinary() + " ctl " + request +
+                                                 " --install-dir " + install + " 2>&1",
+                                             &out);
+    if (rc != nullptr) {
+        *rc = code;
+    }
+    return out;
+}
+
+// Sends raw bytes to the control socket, optionally as another user.
+std::string RawRequest(const std::string& socketPath, const std::string& bytes, uid_t asUser)
+{
+    int pipefd[2];
+    if (pipe(pipefd) != 0) {
+        return "";
+    }
+    pid_t pid = fork();
+    if (pid == 0) {
+        close(pipefd[0]);
+        if (asUser != 0 && setuid(asUser) != 0) {
+            _exit(3);
+        }
+        int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        memcpy(addr.sun_path, socketPath.c_str(), socketPath.size() + 1);
+        if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+            _exit(4);
+        }
+        if (write(fd, bytes.data(), bytes.size()) < 0) {
+            _exit(5);
+        }
+        shutdown(fd, SHUT_WR);
+        char buf[4096];
+        ssize_t n;
+        while ((n = read(fd, buf, sizeof(buf))) > 0) {
+            if (write(pipefd[1], buf, static_cast<size_t>(n)) < 0) {
+                _exit(6);
+            }
+        }
+        _exit(0);
+    }
+    close(pipefd[1]);
+    std::string reply;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(pipefd[0], buf, sizeof(buf))) > 0) {
+        reply.append(buf, static_cast<size_t>(n));
+    }
+    close(pipefd[0]);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return reply;
+}
+
+}  // namespace
+
+TEST(Engine, LoadsModulesSkipsFilesWithoutEntryPointAndAppliesPolicies)
+{
+    TestSupport::TestEngine env({"none"});
+    auto& engine = env.engine();
+    const std::string install = env.InstallDir();
+    // A shared library that is not a module, and a file that is no library.
+    ASSERT_EQ(symlink((TestSupport::StageDir() + "/lib/libsdk.so").c_str(),
+                      (install + "module/libnotamodule_module.so").c_str()), 0);
+    env.Dir().Write("install/module/libgarbage_module.so", "not an ELF file");
+    ASSERT_EQ(symlink(TEST_MODULE_PATH, (install + "module/libtest_service_module.so").c_str()), 0);
+
+    EXPECT_EQ(engine.LoadModules(install + "module"), 1);
+    ASSERT_EQ(engine.GetModuleNames(), std::vector<std::string>{"test_service_module"});
+
+    // Policy directory: applied once, again only when it changes.
+    env.Dir().Write("install/policy/20001.json", kPolicy);
+    EXPECT_EQ(engine.ApplyPolicyDirectory(false), 1);
+    EXPECT_NE(engine.FindTask("test_resident_task"), nullptr);
+    EXPECT_NE(engine.FindTask("test_scheduled_task"), nullptr);
+    EXPECT_EQ(engine.FindTask("test_ondemand_task"), nullptr) << "on-demand tasks are not registered";
+    EXPECT_EQ(engine.ApplyPolicyDirectory(false), 0);
+    env.Dir().Write("install/policy/20001.json", R"({"feature_name":"test_feature","hash":"h2","content":{}})");
+    EXPECT_EQ(engine.ApplyPolicyDirectory(false), 1);
+    EXPECT_EQ(engine.Status()["policies"]["20001"]["feature"].asString(), "test_feature");
+
+    // The dispatch gave every task of the feature the policy and the schedule.
+    auto* scheduled = engine.FindTask("test_scheduled_task");
+    ASSERT_NE(scheduled, nullptr);
+    EXPECT_NE(scheduled->GetFeaturePolicy(), nullptr);
+    EXPECT_TRUE(scheduled->GetCondition().HasSchedule());
+
+    // A rejected document keeps the policy in force; an unknown id is refused.
+    std::string error;
+    EXPECT_FALSE(engine.ApplyPolicyDocument("20001", R"({"feature_name":"test_feature","reject":1})", error));
+    EXPECT_NE(error.find("rejected"), std::string::npos);
+    EXPECT_EQ(engine.Status()["policies"]["20001"]["hash"].asString(), "");  // hash is the module's business
+    EXPECT_FALSE(engine.ApplyPolicyDocument("99999", kPolicy, error));
+    EXPECT_NE(error.find("99999"), std::string::npos);
+
+    // An unreadable policy file is skipped, the others still apply.
+    env.Dir().Symlink("/nonexistent/target", "install/policy/20002.json");
+    EXPECT_EQ(engine.ApplyPolicyDirectory(true), 1);
+
+    engine.UnloadModules();
+    EXPECT_EQ(engine.FindTask("test_resident_task"), nullptr);
+    EXPECT_TRUE(engine.GetModuleNames().empty());
+}
+
+TEST(Engine, LongTaskletRunsOnceAtATime)
+{
+    TestSupport::TestEngine env({"none"});
+    auto& engine = env.engine();
+    class SlowModule : public Framework::Module {
+    public:
+        SlowModule() : Framework::Module("slow_module") {}
+        int Init() override
+        {
+            RegisterTaskletCallback("slow", new Framework::TaskletCallback<SlowModule>(this, &SlowModule::Slow, true));
+            return 0;
+        }
+        int Slow(const std::string&)
+        {
+            ++started;
+            while (!release.load()) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            }
+            return 7;
+        }
+        std::atomic<int> started{0};
+        std::atomic<bool> release{false};
+    };
+    auto* module = new SlowModule();
+    ASSERT_TRUE(engine.AddModule(module));
+    int rc = -1;
+    EXPECT_EQ(engine.InvokeTasklet("slow", "", false, rc), Framework::Engine::TASKLET_STARTED);
+    ASSERT_TRUE(WaitFor([&] { return module->started.load() == 1; }));
+    EXPECT_EQ(engine.InvokeTasklet("slow", "", false, rc), Framework::Engine::TASKLET_ALREADY_RUNNING);
+    EXPECT_EQ(engine.InvokeTasklet("missing", "", false, rc), Framework::Engine::TASKLET_UNKNOWN);
+    module->release = true;
+    engine.WaitForTasklets();
+    EXPECT_EQ(engine.InvokeTasklet("slow", "", true, rc), Framework::Engine::TASKLET_DONE);
+    EXPECT_EQ(rc, 7);
+    EXPECT_EQ(module->started.load(), 2);
+}
+
+TEST(Agent, RoundTripThroughTheRealBinaryWithTheTestModule)
+{
+    TempDir dir("ardent-agent-e2e");
+    const std::string install = TestSupport::MakeInstallTree(dir, {"none"});
+    ASSERT_EQ(symlink(TEST_MODULE_PATH, (install + "module/libtest_service_module.so").c_str()), 0);
+    dir.Write("install/policy/20001.json", kPolicy);
+
+    TestSupport::AgentProcess agent;
+    ASSERT_TRUE(agent.Start({"run", "--install-dir", install}));
+    ASSERT_TRUE(LogHas(install, "test module: Init")) << Log(install);
+    EXPECT_TRUE(LogHas(install, "test module: policy accepted for feature test_feature"));
+    EXPECT_TRUE(LogHas(install, "test module: resident task running"));
+    EXPECT_TRUE(LogHas(install, "test module: ping received by test_scheduled_task"));
+    EXPECT_TRUE(LogHas(install, "test module: pong received by test_resident_task"));
+    EXPECT_TRUE(LogHas(install, "test module: scheduled run 1, policy present"));
+
+    // Status over the control socket.
+    int rc = -1;
+    Json::Value status;
+    ASSERT_TRUE(WaitFor([&] { return SDK::JsonUtils::ParseJsonStr(Ctl(install, "status", &rc), status) == 0; }));
+    EXPECT_EQ(rc, 0);
+    std::vector<std::string> names;
+    for (auto& t : status["tasks"]) {
+        names.push_back(t["name"].asString());
+    }
+    EXPECT_EQ(names, (std::vector<std::string>{"test_resident_task", "test_scheduled_task"}));
+
+    // scan-now reaches the tasklet; SIGUSR1 does too.
+    EXPECT_NE(Ctl(install, "scan-now", &rc).find("test_tasklet"), std::string::npos);
+    EXPECT_TRUE(LogHas(install, "test module: tasklet invoked"));
+    EXPECT_TRUE(LogHas(install, "test module: on-demand run"));
+
+    // Editing the policy file is picked up.
+    dir.Write("install/policy/20001.json", R"({"feature_name":"test_feature","hash":"h9","content":{}})");
+    EXPECT_TRUE(WaitFor([&] {
+        std::string log = Log(install);
+        size_t first = log.find("test module: policy accepted");
+        return first != std::string::npos && log.find("test module: policy accepted", first + 1) != std::string::npos;
+    }, 10000));
+
+    // Garbage gets an error reply; another user is refused; the agent lives on.
+    const std::string sock = install + "run/agent.sock";
+    struct stat st;
+    ASSERT_EQ(stat(sock.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    std::string reply = RawRequest(sock, std::string("\x01\x02garbage\xff\n", 12), 0);
+    EXPECT_NE(reply.find("\"ok\":false"), std::string::npos) << reply;
+    EXPECT_NE(reply.find("unknown request"), std::string::npos) << reply;
+    // Let the other user reach the peer check itself.
+    for (const std::string& d : {dir.Path(), install, install + "run"}) {
+        chmod(d.c_str(), 0755);
+    }
+    chmod(sock.c_str(), 0666);
+    struct passwd* nobody = getpwnam("nobody");
+    if (nobody != nullptr && getuid() == 0) {
+        reply = RawRequest(sock, "status\n", nobody->pw_uid);
+        EXPECT_NE(reply.find("permission denied"), std::string::npos) << reply;
+        EXPECT_TRUE(LogHas(install, "Control socket: refused a peer of uid"));
+    }
+    EXPECT_NE(Ctl(install, "status", &rc).find("\"ok\" : true"), std::string::npos);
+
+    // SIGTERM: modules uninitialised in reverse order, exit 0, promptly.
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(agent.Stop(SIGTERM, 10000), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    const std::string log = Log(install);
+    EXPECT_NE(log.find("test module: resident task stopped"), std::string::npos);
+    EXPECT_NE(log.find("test module: UnInit, 2 task(s) unregistered"), std::string::npos);
+    EXPECT_NE(log.find("Agent stopped"), std::string::npos);
+}
+
+TEST(Agent, StartsAndStopsCleanlyWithAnEmptyModuleDirectory)
+{
+    TempDir dir("ardent-agent-empty");
+    const std::string install = TestSupport::MakeInstallTree(dir, {"none"});
+    TestSupport::AgentProcess agent;
+    ASSERT_TRUE(agent.Start({"run", "--install-dir", install}));
+    ASSERT_TRUE(LogHas(install, "the agent runs without modules"));
+    int rc = -1;
+    EXPECT_TRUE(WaitFor([&] { return Ctl(install, "status", &rc).find("\"modules\" : []") != std::string::npos; }));
+    EXPECT_EQ(agent.Stop(SIGINT), 0);
+
+    // A second agent on the same install dir is refused the socket, not crashed.
+    TestSupport::AgentProcess first;
+    TestSupport::AgentProcess second;
+    ASSERT_TRUE(first.Start({"run", "--install-dir", install}));
+    ASSERT_TRUE(WaitFor([&] { return Ctl(install, "status", &rc).find("\"ok\"") != std::string::npos; }));
+    ASSERT_TRUE(second.Start({"run", "--install-dir", install}));
+    EXPECT_TRUE(LogHas(install, "another agent already listens"));
+    EXPECT_EQ(second.Stop(SIGTERM), 0);
+    EXPECT_EQ(first.Stop(SIGTERM), 0);
+
+    // Bad command lines are refused with exit 2 and a usage text.
+    TestSupport::AgentProcess bad;
+    ASSERT_TRUE(bad.Start({"run", "--cpu-limit", "250", "--install-dir", install}));
+    EXPECT_EQ(bad.Wait(), 2);
+    EXPECT_NE(bad.Stderr().find("--cpu-limit"), std::string::npos);
+}
