@@ -30,8 +30,10 @@ test-asan:
 	$(MAKE) test BUILD=build-asan CMAKE_FLAGS="-DARDENT_SANITIZE=address,undefined -DCMAKE_BUILD_TYPE=Debug"
 
 # The queue, framework and messaging tests under ThreadSanitizer.
-test-tsan:
-	$(MAKE) test BUILD=build-tsan CMAKE_FLAGS="-DARDENT_SANITIZE=thread -DCMAKE_BUILD_TYPE=Debug" CTEST_FLAGS="-L tsan"
+test-tsan: deps
+	cmake -S . -B build-tsan -G Ninja -DARDENT_SANITIZE=thread -DCMAKE_BUILD_TYPE=Debug
+	cmake --build build-tsan -j $(JOBS) --target tsan_tests
+	cd build-tsan && ctest --output-on-failure -j $(JOBS) -L tsan
 
 bench: deps
 	cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DARDENT_BUILD_BENCH=ON -DARDENT_BUILD_TESTS=OFF
