@@ -306,8 +306,11 @@ int Engine::RegisterTask(Task* task, Module* owner)
     task->ResetForStart();
     const TaskCondition::TaskType type = task->GetTaskType();
     if (type == TaskCondition::TASK_TYPE_SCHEDULED || type == TaskCondition::TASK_TYPE_RESIDENT) {
+        // Init, the runs and UnInit happen on the task's own thread (Task::run).
         entry.thread = std::make_unique<Poco::Thread>(name.substr(0, 15));
         entry.thread->start(*task);
+    } else {
+        task->Init();
     }
     SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "Registered task %s (%s, feature %s)",
             name, std::string(TaskTypeName(type)), task->GetFeatureName());
@@ -327,7 +330,9 @@ int Engine::UnRegisterTask(const std::string& taskName)
         m_tasks.erase(it);
     }
     entry.task->cancel();
-    if (entry.thread) {
+    if (!entry.thread) {
+        entry.task->UnInit();
+    } else {
         if (Poco::Thread::current() == entry.thread.get()) {
             SDK_LOG(Log(), Poco::Message::PRIO_WARNING, kSource,
                     "Task %s unregistered itself; its thread ends on its own", taskName);

@@ -123,7 +123,16 @@ void Task::run()
 {
     SetState(TASK_RUNNING);
     try {
-        runTask();
+        // A registered task starts and stops its own side on its own thread,
+        // so Init, the messages it handles and UnInit never overlap.
+        const int rc = Init();
+        if (rc == 0) {
+            runTask();
+        } else {
+            SDK_LOG(FrameworkLogger(), Poco::Message::PRIO_ERROR, kSource,
+                    "Task %s: Init returned %d; the task does not run", GetTaskName(), rc);
+        }
+        UnInit();
     } catch (const std::exception& e) {
         SDK_LOG(FrameworkLogger(), Poco::Message::PRIO_ERROR, kSource,
                 "Task %s stopped by an exception: %s", GetTaskName(), std::string(e.what()));

@@ -19,6 +19,17 @@ class CountingTask : public Framework::Task {
 public:
     CountingTask(const std::string& name, TaskCondition::TaskType type, unsigned int size = 64)
         : Framework::Task(name, "test_feature", type, size) {}
+    int Init() override
+    {
+        initThread = std::this_thread::get_id();
+        ++inits;
+        return Framework::Task::Init();
+    }
+    int UnInit() override
+    {
+        ++uninits;
+        return Framework::Task::UnInit();
+    }
     int Run() override
     {
         runner = std::this_thread::get_id();
@@ -41,6 +52,9 @@ public:
     std::atomic<bool> type4Loop{false};
     int sleepMs = 0;
     std::thread::id runner;
+    std::thread::id initThread;
+    std::atomic<int> inits{0};
+    std::atomic<int> uninits{0};
 };
 
 // A message that records its own destruction and can throw when handled.
@@ -92,6 +106,9 @@ TEST(Task, EachTypeRunsAsItsTypeSays)
 
     ASSERT_TRUE(WaitFor([&] { return resident->runs.load() == 1; }));
     EXPECT_NE(resident->runner, std::this_thread::get_id());
+    EXPECT_EQ(resident->inits.load(), 1);
+    EXPECT_EQ(resident->initThread, resident->runner) << "Init runs on the task's own thread";
+    EXPECT_EQ(ondemand->inits.load(), 1);
 
     // Without a schedule a scheduled task waits; with one it fires.
     TaskCondition every1s(TaskCondition::TASK_TYPE_SCHEDULED);
@@ -106,10 +123,12 @@ TEST(Task, EachTypeRunsAsItsTypeSays)
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(900));
     EXPECT_EQ(resident->GetState(), Poco::Task::TASK_FINISHED);
     EXPECT_EQ(engine.UnRegisterTask("resident"), 0);
+    EXPECT_EQ(resident->uninits.load(), 1);
 
     EXPECT_EQ(engine.UnRegisterTask("scheduled"), 1);
     EXPECT_EQ(engine.UnRegisterTask("ondemand"), 1);
     EXPECT_EQ(ondemand->runs.load(), 0) << "the framework never runs an on-demand task";
+    EXPECT_EQ(ondemand->uninits.load(), 1);
 
     // The same object can be registered again after it was stopped.
     resident->runs = 0;

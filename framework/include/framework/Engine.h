@@ -70,8 +70,10 @@ public:
     std::vector<std::string> GetModuleNames();
 
     // Tasks. RegisterTask takes a reference; a task of type 1 or 4 starts on
-    // its own thread. UnRegisterTask cancels, wakes, joins and releases:
-    // 1 when it did, 0 when no such task was registered.
+    // its own thread, which calls its Init first and its UnInit last (a task
+    // of type 3 gets both on the caller's thread). UnRegisterTask cancels,
+    // wakes, joins and releases: 1 when it did, 0 when no such task was
+    // registered.
     int RegisterTask(Task* task, Module* owner);
     int UnRegisterTask(const std::string& taskName);
     Task* FindTask(const std::string& taskName);

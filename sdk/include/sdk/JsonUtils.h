@@ -32,8 +32,11 @@ public:
     static bool GetArrayValue(const Json::Value& value, const std::string& key,
                               Json::Value& out);
 
-    // Compact one-line JSON, members in key order. Bytes that are not UTF-8
-    // and control characters are escaped, so the text is always valid JSON.
+    // Compact one-line JSON, members in key order. Control characters are
+    // escaped (\n, \u0001, ...) and well-formed UTF-8 is written as it is.
+    // A byte that is not part of well-formed UTF-8 (in a value or a key) is
+    // written as the character with the same number, U+0080..U+00FF (read as
+    // Latin-1): the text is always valid UTF-8 JSON and the byte stays visible.
     static std::string JsonToString(const Json::Value& value);
 };
 

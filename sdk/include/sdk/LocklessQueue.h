@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <thread>
 #include <vector>
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -22,6 +23,20 @@
 #endif
 
 namespace SDK {
+
+// A claimer that was preempted between its claim and its commit holds up
+// everyone behind it. After this many pause hints a waiter also yields its
+// core, so that on a machine with more threads than cores the stalled thread
+// gets to run instead of the waiters burning whole time slices.
+constexpr unsigned int kLocklessQueueSpinsBeforeYield = 1024;
+
+inline void LocklessQueueBackoff(unsigned int& spins)
+{
+    SDK_QUEUE_PAUSE();
+    if (++spins >= kLocklessQueueSpinsBeforeYield) {
+        std::this_thread::yield();
+    }
+}
 
 template <typename T>
 class LocklessQueue {
@@ -78,7 +93,11 @@ public:
         if (ring == nullptr) {
             return 0;
         }
-        std::vector<T> one(1, item);
+        // reserve + push_back rather than vector(1, item): GCC 12 at -O3 gives
+        // a false -Wfree-nonheap-object for the latter once this is inlined.
+        std::vector<T> one;
+        one.reserve(1);
+        one.push_back(item);
         return EnqueueBulk(one, 1);
     }
 
@@ -93,9 +112,14 @@ public:
         unsigned int start = 0;
         unsigned int n = 0;
         for (;;) {
-            start = writeReserve.load(std::memory_order_relaxed);
+            // Acquire: the readCommit read below is then at least as new as the
+            // one the claimer of `start` saw, so free_slots cannot wrap around.
+            start = writeReserve.load(std::memory_order_acquire);
             const unsigned int free_slots =
                 readCommit.load(std::memory_order_acquire) + capacity - start;
+            if (free_slots > capacity) {
+                continue;  // torn snapshot; read again
+            }
             n = std::min(wanted, free_slots);
             if (n == 0) {
                 return 0;
@@ -110,8 +134,9 @@ public:
         }
         _EnqueueElements(start, items, n);
         if (!singleProducer) {
+            unsigned int spins = 0;
             while (writeCommit.load(std::memory_order_acquire) != start) {
-                SDK_QUEUE_PAUSE();
+                LocklessQueueBackoff(spins);
             }
         }
         writeCommit.store(start + n, std::memory_order_release);
@@ -140,8 +165,13 @@ public:
         unsigned int start = 0;
         unsigned int n = 0;
         for (;;) {
-            start = readReserve.load(std::memory_order_relaxed);
+            // Acquire, as in EnqueueBulk: writeCommit is read after readReserve,
+            // so `available` cannot wrap around and hand out unpublished slots.
+            start = readReserve.load(std::memory_order_acquire);
             const unsigned int available = writeCommit.load(std::memory_order_acquire) - start;
+            if (available > capacity) {
+                continue;  // torn snapshot; read again
+            }
             n = std::min(static_cast<unsigned int>(maxCount), available);
             if (n == 0) {
                 return 0;
@@ -156,8 +186,9 @@ public:
         }
         _DequeueElements(start, out, n);
         if (!singleConsumer) {
+            unsigned int spins = 0;
             while (readCommit.load(std::memory_order_acquire) != start) {
-                SDK_QUEUE_PAUSE();
+                LocklessQueueBackoff(spins);
             }
         }
         readCommit.store(start + n, std::memory_order_release);
@@ -167,8 +198,11 @@ public:
     // Elements published and not yet claimed by a consumer (a snapshot).
     unsigned int Size() const
     {
-        return writeCommit.load(std::memory_order_acquire) -
-               readReserve.load(std::memory_order_acquire);
+        // readReserve first: it never passes writeCommit, so the difference
+        // cannot wrap around however far consumers advance in between.
+        const unsigned int read = readReserve.load(std::memory_order_acquire);
+        const unsigned int written = writeCommit.load(std::memory_order_acquire);
+        return std::min(written - read, capacity);
     }
     unsigned int Capacity() const { return capacity; }
     unsigned int RingSize() const { return ringSize; }

@@ -16,7 +16,10 @@ public:
     // Sets up the root channel. `logFile` empty: stderr only. `toStderr`
     // duplicates records to stderr as well. Level names are Poco's
     // ("fatal" ... "trace"). Returns false when the file cannot be opened
-    // (logging then goes to stderr).
+    // (logging then goes to stderr) or the level is unknown (information is
+    // used); the reason is logged. The file rotates at 10 MB and keeps five
+    // numbered archives. Channel and level apply to every logger, made
+    // before or after this call, except the level of own-level loggers.
     bool Configure(const std::string& logFile, bool toStderr, const std::string& level);
 
     // A child of the root logger named `name`. With `ownLevel` false it

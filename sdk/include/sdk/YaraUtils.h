@@ -29,7 +29,9 @@ public:
     // `userData`. `timeout` is in seconds. The path is opened with O_NONBLOCK
     // and checked with fstat: anything but a regular file (FIFO, socket,
     // device) is refused without being read or waited on. false when there
-    // are no rules, the file cannot be opened or the scan failed.
+    // are no rules, the file cannot be opened or the scan failed (a timeout
+    // too; LastError says which). A callback that stops the scan early
+    // (CALLBACK_ABORT) still makes a successful scan. timeout <= 0: none.
     bool CheckFile(const std::string& path, void* userData, int timeout);
 
     // The last error text (for logs).

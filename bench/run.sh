@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Runs every benchmark program found in a bench build directory; builds nothing.
+# Usage: bench/run.sh BUILD_DIR   (configured with -DARDENT_BUILD_BENCH=ON)
+set -euo pipefail
+
+if [ $# -ne 1 ] || [ ! -d "$1" ]; then
+  echo "usage: $0 BENCH_BUILD_DIR" >&2
+  exit 2
+fi
+B="$(cd "$1" && pwd)"
+ran=0
+
+if [ -x "$B/bench/bench_queue" ]; then
+  echo "== queue: messages/s, N producers -> 1 consumer, lock-free vs mutex+deque"
+  "$B/bench/bench_queue" --benchmark_counters_tabular=true
+  ran=$((ran + 1))
+fi
+
+if [ -x "$B/bench/bench_watch" ]; then
+  echo "== watch: close-to-event latency, checks of a 10 MB upload, burst of new files (real agent)"
+  ARDENT_STAGE="$B/stage" "$B/bench/bench_watch"
+  ran=$((ran + 1))
+fi
+
+if [ "$ran" -eq 0 ]; then
+  echo "no benchmark programs under $B/bench (configure with -DARDENT_BUILD_BENCH=ON and build)" >&2
+  exit 1
+fi

@@ -1,0 +1,204 @@
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "sdk/JsonUtils.h"
+#include "testsupport/TestSupport.h"
+
+using SDK::JsonUtils;
+
+namespace {
+
+Json::Value Parse(const std::string& text)
+{
+    Json::Value v;
+    EXPECT_EQ(0, JsonUtils::ParseJsonStr(text, v)) << text;
+    return v;
+}
+
+std::string Nested(int depth)
+{
+    return std::string(depth, '[') + std::string(depth, ']');
+}
+
+// An independent strict check: Python decodes each line as UTF-8 (errors
+// raise) and parses it as JSON.
+bool PythonAcceptsJsonLines(const std::vector<std::string>& docs)
+{
+    TestSupport::TempDir dir("ardent-json");
+    std::string text;
+    for (const std::string& doc : docs) {
+        text += doc + "\n";
+    }
+    const std::string path = dir.Write("docs.jsonl", text);
+    return TestSupport::RunCommand(
+               "python3 -c 'import json,sys\nfor l in open(sys.argv[1], \"rb\").read()"
+               ".decode(\"utf-8\").split(\"\\n\")[:-1]: json.loads(l)' '" + path + "'") == 0;
+}
+
+}  // namespace
+
+TEST(JsonUtils, ParseAcceptsOneDocumentAndRefusesEverythingElse)
+{
+    Json::Value v;
+    EXPECT_EQ(0, JsonUtils::ParseJsonStr(std::string("{\"a\":1}  \n"), v));
+    EXPECT_EQ(1, v["a"].asInt());
+    EXPECT_EQ(0, JsonUtils::ParseJsonStr(std::string("42"), v));
+    EXPECT_EQ(42, v.asInt());
+
+    // Only `length` bytes count, whatever follows them.
+    const char* text = "{\"b\":2}garbage";
+    ASSERT_EQ(0, JsonUtils::ParseJsonStr(text, 7, v));
+    EXPECT_EQ(2, v["b"].asInt());
+
+    v = Json::Value("kept");
+    for (const std::string bad :
+         {"", " ", "{\"a\":1} x", "{\"a\":1}{}", "{\"a\":", "[1,2", "{'a':1}",
+          "// note\n{}", "{\"a\":NaN}", "nul", "\"unterminated"}) {
+        EXPECT_EQ(-1, JsonUtils::ParseJsonStr(bad, v)) << "accepted: " << bad;
+    }
+    EXPECT_EQ(-1, JsonUtils::ParseJsonStr(nullptr, 5, v));
+    EXPECT_EQ("kept", v.asString()) << "a failed parse must not touch the output";
+}
+
+TEST(JsonUtils, DeepNestingIsRefusedNotRecursedInto)
+{
+    Json::Value v;
+    EXPECT_EQ(0, JsonUtils::ParseJsonStr(Nested(1000), v));
+    EXPECT_EQ(-1, JsonUtils::ParseJsonStr(Nested(1001), v));
+    EXPECT_EQ(-1, JsonUtils::ParseJsonStr(std::string(500000, '['), v));
+    std::string objects;
+    for (int i = 0; i < 200000; ++i) {
+        objects += "{\"a\":";
+    }
+    EXPECT_EQ(-1, JsonUtils::ParseJsonStr(objects, v));
+}
+
+TEST(JsonUtils, GettersAreTotal)
+{
+    const Json::Value doc = Parse(
+        R"({"s":"text","i":7,"neg":-3,"big":2147483648,"min":-2147483648,"max":2147483647,)"
+        R"("r":1.5,"tenth":0.1,"whole":5.0,"b":true,"n":null,"o":{"k":"v"},"a":["x",2,false],)"
+        R"("si":"5"})");
+
+    // Strings: a string, or the text of a number or bool; defaults otherwise.
+    EXPECT_EQ("text", JsonUtils::GetStringValue(doc, "s", "d"));
+    EXPECT_EQ("7", JsonUtils::GetStringValue(doc, "i", "d"));
+    EXPECT_EQ("-3", JsonUtils::GetStringValue(doc, "neg", "d"));
+    EXPECT_EQ("1.5", JsonUtils::GetStringValue(doc, "r", "d"));
+    EXPECT_EQ("0.1", JsonUtils::GetStringValue(doc, "tenth", "d"));
+    EXPECT_EQ("true", JsonUtils::GetStringValue(doc, "b", "d"));
+    EXPECT_EQ("d", JsonUtils::GetStringValue(doc, "n", "d"));
+    EXPECT_EQ("d", JsonUtils::GetStringValue(doc, "o", "d"));
+    EXPECT_EQ("d", JsonUtils::GetStringValue(doc, "a", "d"));
+    EXPECT_EQ("d", JsonUtils::GetStringValue(doc, "missing", "d"));
+    // Empty key: the value itself (array elements).
+    EXPECT_EQ("x", JsonUtils::GetStringValue(doc["a"][0], "", ""));
+    EXPECT_EQ("2", JsonUtils::GetStringValue(doc["a"][1], "", ""));
+    EXPECT_EQ("false", JsonUtils::GetStringValue(doc["a"][2], "", ""));
+
+    EXPECT_TRUE(JsonUtils::GetBoolValue(doc, "b", false));
+    EXPECT_FALSE(JsonUtils::GetBoolValue(doc, "i", false)) << "a number is not a bool";
+    EXPECT_TRUE(JsonUtils::GetBoolValue(doc, "s", true));
+    EXPECT_FALSE(JsonUtils::GetBoolValue(doc, "missing", false));
+
+    EXPECT_EQ(7, JsonUtils::GetIntValue(doc, "i", -1));
+    EXPECT_EQ(-3, JsonUtils::GetIntValue(doc, "neg", -1));
+    EXPECT_EQ(2147483647, JsonUtils::GetIntValue(doc, "max", -1));
+    EXPECT_EQ(-2147483647 - 1, JsonUtils::GetIntValue(doc, "min", -1));
+    EXPECT_EQ(5, JsonUtils::GetIntValue(doc, "whole", -1));
+    EXPECT_EQ(-1, JsonUtils::GetIntValue(doc, "big", -1)) << "does not fit in 32 bits";
+    EXPECT_EQ(-1, JsonUtils::GetIntValue(doc, "r", -1));
+    EXPECT_EQ(-1, JsonUtils::GetIntValue(doc, "si", -1)) << "a numeric string is not a number";
+    EXPECT_EQ(-1, JsonUtils::GetIntValue(doc, "b", -1));
+    EXPECT_EQ(-1, JsonUtils::GetIntValue(doc, "n", -1));
+
+    Json::Value out("untouched");
+    EXPECT_TRUE(JsonUtils::GetSubobjectValue(doc, "o", out));
+    EXPECT_EQ("v", out["k"].asString());
+    out = "untouched";
+    EXPECT_FALSE(JsonUtils::GetSubobjectValue(doc, "a", out));
+    EXPECT_FALSE(JsonUtils::GetSubobjectValue(doc, "missing", out));
+    EXPECT_EQ("untouched", out.asString());
+    EXPECT_TRUE(JsonUtils::GetArrayValue(doc, "a", out));
+    EXPECT_EQ(3u, out.size());
+    out = "untouched";
+    EXPECT_FALSE(JsonUtils::GetArrayValue(doc, "o", out));
+    EXPECT_FALSE(JsonUtils::GetArrayValue(doc, "s", out));
+    EXPECT_EQ("untouched", out.asString());
+
+    // A root that is not an object: JsonCpp would throw on a member lookup.
+    for (const Json::Value& root :
+         {Json::Value(Json::arrayValue), Json::Value("s"), Json::Value(3), Json::Value(),
+          Json::Value(true)}) {
+        EXPECT_EQ("d", JsonUtils::GetStringValue(root, "k", "d"));
+        EXPECT_TRUE(JsonUtils::GetBoolValue(root, "k", true));
+        EXPECT_EQ(9, JsonUtils::GetIntValue(root, "k", 9));
+        EXPECT_FALSE(JsonUtils::GetSubobjectValue(root, "k", out));
+        EXPECT_FALSE(JsonUtils::GetArrayValue(root, "k", out));
+    }
+    EXPECT_EQ("d", JsonUtils::GetStringValue(Json::Value(), "", "d"));
+}
+
+TEST(JsonUtils, JsonToStringIsCompactSortedAndRoundTrips)
+{
+    Json::Value v;
+    v["zeta"] = 1;
+    v["alpha"] = "a";
+    v["mid"]["inner"] = Json::Value(Json::arrayValue);
+    v["mid"]["inner"].append(true);
+    v["mid"]["inner"].append(Json::Value());
+    v["big"] = Json::Int64(1) << 40;
+    const std::string text = JsonUtils::JsonToString(v);
+    EXPECT_EQ(R"({"alpha":"a","big":1099511627776,"mid":{"inner":[true,null]},"zeta":1})", text);
+    EXPECT_EQ(v, Parse(text));
+}
+
+TEST(JsonUtils, JsonToStringIsValidForAnyBytes)
+{
+    std::string controls;
+    for (int c = 0; c < 0x20; ++c) {
+        controls += static_cast<char>(c);
+    }
+    controls += "\x7f\"\\/";
+    const std::string utf8 = "caf\xc3\xa9 \xe2\x82\xac \xf0\x9d\x84\x9e \xe4\xb8\xad";
+
+    struct Case {
+        std::string in;
+        std::string expected;  // after writing and reading back
+    };
+    const Case cases[] = {
+        {controls, controls},
+        {utf8, utf8},
+        {"a\xff" "b", "a\xc3\xbf" "b"},            // stray byte -> U+00FF
+        {"\xc3" "A", "\xc3\x83" "A"},              // truncated sequence: the A survives
+        {"\x80x", "\xc2\x80x"},                    // lone continuation byte
+        {"\xc0\xaf", "\xc3\x80\xc2\xaf"},          // overlong '/'
+        {"\xed\xa0\x80", "\xc3\xad\xc2\xa0\xc2\x80"},  // UTF-16 surrogate
+        {"\xf4\x90\x80\x80", "\xc3\xb4\xc2\x90\xc2\x80\xc2\x80"},  // above U+10FFFF
+        {"\xe2\x82", "\xc3\xa2\xc2\x82"},          // cut at the end
+    };
+    std::vector<std::string> written;
+    for (const Case& c : cases) {
+        Json::Value v;
+        v["path"] = c.in;
+        v["list"].append(c.in);
+        v[c.in] = 1;  // keys too
+        const std::string text = JsonUtils::JsonToString(v);
+        EXPECT_EQ(std::string::npos, text.find('\n')) << "one line";
+        written.push_back(text);
+        Json::Value back;
+        ASSERT_EQ(0, JsonUtils::ParseJsonStr(text, back)) << text;
+        EXPECT_EQ(c.expected, back["path"].asString());
+        EXPECT_EQ(c.expected, back["list"][0].asString());
+        EXPECT_TRUE(back.isMember(c.expected));
+    }
+    EXPECT_TRUE(PythonAcceptsJsonLines(written));
+
+    // Embedded NUL bytes survive.
+    Json::Value nul(std::string("a\0b", 3));
+    Json::Value back;
+    ASSERT_EQ(0, JsonUtils::ParseJsonStr(JsonUtils::JsonToString(nul), back));
+    EXPECT_EQ(std::string("a\0b", 3), back.asString());
+}

@@ -1,0 +1,253 @@
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "sdk/YaraUtils.h"
+#include "testsupport/TestSupport.h"
+
+#include "Deadline.h"
+
+#include <yara.h>
+
+using SDK::YaraUtils;
+using TestSupport::TempDir;
+
+namespace {
+
+const char* const kRules = R"(
+rule php_eval : certain extra_php
+{
+    strings:
+        $eval = "eval($_POST"
+    condition:
+        $eval
+}
+
+rule jsp_exec : extra_jsp
+{
+    strings:
+        $exec = "Runtime.getRuntime().exec("
+    condition:
+        $exec
+}
+)";
+
+// What the scan callback saw, and what it answers.
+struct Seen {
+    int answer = CALLBACK_CONTINUE;
+    std::vector<std::string> rules;
+    std::vector<std::string> tags;
+    std::string matchedText;
+};
+
+// libyara 4.2 packs YR_MATCH records behind their match data in its notebook
+// allocator, so they are not 8-byte aligned (harmless on x86-64). Walking the
+// matches is then an "alignment" finding for UBSan, which is library layout,
+// not a fault of ours.
+__attribute__((no_sanitize("alignment")))
+int Record(void* context, int message, void* messageData, void* userData)
+{
+    auto* seen = static_cast<Seen*>(userData);
+    if (message != CALLBACK_MSG_RULE_MATCHING) {
+        return CALLBACK_CONTINUE;
+    }
+    auto* rule = static_cast<YR_RULE*>(messageData);
+    seen->rules.push_back(rule->identifier);
+    const char* tag = nullptr;
+    yr_rule_tags_foreach(rule, tag)
+    {
+        seen->tags.push_back(tag);
+    }
+    YR_STRING* string = nullptr;
+    yr_rule_strings_foreach(rule, string)
+    {
+        YR_MATCH* match = nullptr;
+        yr_string_matches_foreach(static_cast<YR_SCAN_CONTEXT*>(context), string, match)
+        {
+            seen->matchedText.assign(reinterpret_cast<const char*>(match->data),
+                                     static_cast<size_t>(match->data_length));
+        }
+    }
+    return seen->answer;
+}
+
+std::string Compile(TempDir& dir, const std::string& source, const std::string& name)
+{
+    const std::string src = dir.Write(name + ".yar", source);
+    const std::string out = dir.Join(name + ".yarc");
+    EXPECT_EQ(0, TestSupport::RunCommand("yarac '" + src + "' '" + out + "' 2>&1"));
+    return out;
+}
+
+}  // namespace
+
+TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
+{
+    TempDir dir("ardent-yara");
+    const std::string shell = dir.Write("www/shell.php", "<?php eval($_POST['c']); ?>");
+    const std::string jsp = dir.Write("www/cmd.jsp", "<% Runtime.getRuntime().exec(request); %>");
+    const std::string clean = dir.Write("www/index.php", "<?php echo 'hello'; ?>");
+    const std::string empty = dir.Write("www/empty.php", "");
+    const std::string both = dir.Write("www/both.php",
+                                       "eval($_POST[1]); Runtime.getRuntime().exec(x)");
+
+    for (const std::string& rules :
+         {dir.Write("rules.yar", kRules), Compile(dir, kRules, "compiled")}) {
+        SCOPED_TRACE(rules);
+        YaraUtils yara(Record);
+        EXPECT_FALSE(yara.HasRules());
+        ASSERT_TRUE(yara.LoadRuleFromFile(rules)) << yara.LastError();
+        EXPECT_TRUE(yara.HasRules());
+
+        Seen seen;
+        ASSERT_TRUE(yara.CheckFile(shell, &seen, 5)) << yara.LastError();
+        EXPECT_EQ(std::vector<std::string>{"php_eval"}, seen.rules);
+        EXPECT_EQ((std::vector<std::string>{"certain", "extra_php"}), seen.tags);
+        EXPECT_EQ("eval($_POST", seen.matchedText);
+
+        seen = Seen();
+        ASSERT_TRUE(yara.CheckFile(jsp, &seen, 5));
+        EXPECT_EQ(std::vector<std::string>{"jsp_exec"}, seen.rules);
+
+        for (const std::string& path : {clean, empty}) {
+            seen = Seen();
+            EXPECT_TRUE(yara.CheckFile(path, &seen, 5)) << path << ": " << yara.LastError();
+            EXPECT_TRUE(seen.rules.empty()) << path;
+        }
+
+        // The callback decides how far the scan goes; stopping it is success.
+        seen = Seen();
+        ASSERT_TRUE(yara.CheckFile(both, &seen, 5));
+        EXPECT_EQ(2u, seen.rules.size());
+        seen = Seen();
+        seen.answer = CALLBACK_ABORT;
+        EXPECT_TRUE(yara.CheckFile(both, &seen, 5)) << yara.LastError();
+        EXPECT_EQ(1u, seen.rules.size());
+        seen = Seen();
+        seen.answer = CALLBACK_ERROR;
+        EXPECT_FALSE(yara.CheckFile(both, &seen, 5));
+        EXPECT_FALSE(yara.LastError().empty());
+
+        yara.CleanUsedRules();
+        EXPECT_FALSE(yara.HasRules());
+        yara.CleanUsedRules();
+        EXPECT_FALSE(yara.CheckFile(shell, &seen, 5)) << "no rules loaded";
+    }
+}
+
+TEST(YaraUtils, BadRuleFilesLeaveNothingLoaded)
+{
+    TempDir dir("ardent-yara");
+    const std::string good = dir.Write("good.yar", kRules);
+    const std::string compiled = Compile(dir, kRules, "compiled");
+    const std::string syntax = dir.Write("broken.yar", "rule ok { condition: true }\n\nrule broken {\n  condition: true or or\n}\n");
+    std::string truncatedBytes = TestSupport::ReadFile(compiled);
+    truncatedBytes.resize(truncatedBytes.size() / 2);
+    const std::string truncated = dir.Write("truncated.yarc", truncatedBytes);
+    const std::string binary = dir.Write("garbage.dat", std::string("\x7f" "ELF\x02\x01\x01\0\0\xff\xfe", 11));
+
+    YaraUtils yara(Record);
+    for (const std::string& bad :
+         {syntax, truncated, binary, dir.Join("missing.yar"), dir.Path(), dir.Fifo("rules.fifo")}) {
+        ASSERT_TRUE(yara.LoadRuleFromFile(good)) << yara.LastError();
+        EXPECT_FALSE(yara.LoadRuleFromFile(bad)) << bad;
+        EXPECT_FALSE(yara.HasRules()) << bad;
+        EXPECT_NE(std::string::npos, yara.LastError().find(bad)) << yara.LastError();
+    }
+    // A compile error names the file and the line.
+    EXPECT_FALSE(yara.LoadRuleFromFile(syntax));
+    EXPECT_NE(std::string::npos, yara.LastError().find(syntax + ":4")) << yara.LastError();
+}
+
+TEST(YaraUtils, OnlyRegularFilesAreScanned)
+{
+    TempDir dir("ardent-yara");
+    YaraUtils yara(Record);
+    ASSERT_TRUE(yara.LoadRuleFromFile(dir.Write("r.yar", "rule everything { condition: true }")));
+
+    // A FIFO named like a page must not be opened for reading and waited on.
+    const std::string fifo = dir.Fifo("www/index.php");
+    bool scanned = true;
+    Seen seen;
+    EXPECT_TRUE(ReturnsWithoutWaitingOn(fifo, [&] { scanned = yara.CheckFile(fifo, &seen, 5); }));
+    EXPECT_FALSE(scanned);
+    EXPECT_TRUE(seen.rules.empty());
+    EXPECT_NE(std::string::npos, yara.LastError().find(fifo));
+
+    for (const std::string& path : {dir.Socket("www/sock.php"), std::string("/dev/null"),
+                                    dir.MkDir("www/dir.php"), dir.Join("www/missing.php")}) {
+        EXPECT_FALSE(yara.CheckFile(path, &seen, 5)) << path;
+        EXPECT_NE(std::string::npos, yara.LastError().find(path)) << yara.LastError();
+    }
+    EXPECT_TRUE(seen.rules.empty());
+
+    // A link to a regular file is followed.
+    const std::string target = dir.Write("www/real.php", "x");
+    EXPECT_TRUE(yara.CheckFile(dir.Symlink(target, "www/link.php"), &seen, 5));
+    EXPECT_EQ(std::vector<std::string>{"everything"}, seen.rules);
+}
+
+TEST(YaraUtils, SlowScanTimesOut)
+{
+    TempDir dir("ardent-yara");
+    // Quadratic in the file size: far longer than a second on 64 KiB.
+    const std::string rules = dir.Write("slow.yar", R"(
+rule slow
+{
+    condition:
+        for all i in (0..filesize - 1) : (
+            for all j in (0..filesize - 1) : ( uint8(i) + uint8(j) < 600 )
+        )
+}
+)");
+    const std::string big = dir.Write("big.php", std::string(64 * 1024, 'a'));
+    YaraUtils yara(Record);
+    ASSERT_TRUE(yara.LoadRuleFromFile(rules)) << yara.LastError();
+    Seen seen;
+    EXPECT_FALSE(yara.CheckFile(big, &seen, 1));
+    EXPECT_NE(std::string::npos, yara.LastError().find("timed out")) << yara.LastError();
+    EXPECT_NE(std::string::npos, yara.LastError().find(big));
+}
+
+// One wrapper object per thread, several threads at once.
+TEST(YaraUtils, ObjectsScanConcurrently)
+{
+    TempDir dir("ardent-yara");
+    const std::string source = dir.Write("rules.yar", kRules);
+    std::vector<std::string> files;
+    for (int i = 0; i < 40; ++i) {
+        files.push_back(dir.Write("www/f" + std::to_string(i) + ".php",
+                                  i % 4 == 0 ? "<?php eval($_POST['x']);" : "<?php echo 1;"));
+    }
+    std::atomic<int> matches{0};
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            YaraUtils yara(Record);
+            if (!yara.LoadRuleFromFile(source)) {
+                ++failures;
+                return;
+            }
+            for (int round = 0; round < 5; ++round) {
+                for (const std::string& f : files) {
+                    Seen seen;
+                    if (!yara.CheckFile(f, &seen, 5)) {
+                        ++failures;
+                    }
+                    matches += static_cast<int>(seen.rules.size());
+                }
+            }
+        });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(0, failures.load());
+    EXPECT_EQ(4 * 5 * 10, matches.load());
+}
