@@ -1,0 +1,164 @@
+#pragma once
+// Real servers for the asset tests: find a server binary, pick a free
+// loopback port, and a guard that stops a started server and its children
+// whatever happens to the test.
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "asset/ProcessTable.h"
+#include "testsupport/TestSupport.h"
+
+extern char** environ;
+
+namespace AssetTest {
+
+using TestSupport::WaitFor;
+
+inline std::string FindProgram(const std::string& name)
+{
+    for (const char* dir : {"/usr/sbin/", "/usr/bin/", "/sbin/", "/bin/", "/usr/local/sbin/"}) {
+        const std::string path = std::string(dir) + name;
+        if (access(path.c_str(), X_OK) == 0) {
+            return path;
+        }
+    }
+    return "";
+}
+
+inline int FreePort()
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = 0;
+    socklen_t len = sizeof(addr);
+    int port = -1;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
+        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0) {
+        port = ntohs(addr.sin_port);
+    }
+    close(fd);
+    return port;
+}
+
+inline bool Accepts(int port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    addr.sin_port = htons(static_cast<uint16_t>(port));
+    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
+    close(fd);
+    return ok;
+}
+
+// A server started by the test; stopped (and its children with it) when
+// the guard goes, whatever happened in between.
+class ServerProcess {
+public:
+    ServerProcess() = default;
+    ServerProcess(const ServerProcess&) = delete;
+    ServerProcess& operator=(const ServerProcess&) = delete;
+    ~ServerProcess() { Stop(); }
+
+    bool Start(const std::string& program, const std::vector<std::string>& argv,
+               const std::string& outputFile)
+    {
+        std::vector<char*> args;
+        for (const auto& a : argv) {
+            args.push_back(const_cast<char*>(a.c_str()));
+        }
+        args.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+        posix_spawn_file_actions_addopen(&actions, 1, outputFile.c_str(),
+                                         O_WRONLY | O_CREAT | O_APPEND, 0644);
+        posix_spawn_file_actions_adddup2(&actions, 1, 2);
+        int rc = posix_spawn(&m_pid, program.c_str(), &actions, nullptr, args.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (rc != 0) {
+            m_pid = -1;
+        }
+        return rc == 0;
+    }
+
+    pid_t Pid() const { return m_pid; }
+
+    bool Running()
+    {
+        if (m_pid <= 0) {
+            return false;
+        }
+        int status = 0;
+        if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+            m_pid = -1;
+            return false;
+        }
+        return true;
+    }
+
+    void Stop()
+    {
+        if (m_pid <= 0) {
+            return;
+        }
+        std::vector<int> children;
+        Asset::ProcessTable table("/");
+        table.Load();
+        for (const auto& kv : table.Processes()) {
+            if (kv.second.ppid == m_pid) {
+                children.push_back(kv.first);
+            }
+        }
+        kill(m_pid, SIGTERM);
+        if (!WaitFor([this] { return !Running(); }, 10000)) {
+            kill(m_pid, SIGKILL);
+            int status = 0;
+            waitpid(m_pid, &status, 0);
+            m_pid = -1;
+        }
+        // Workers normally leave with their master; make sure none stays behind.
+        for (int child : children) {
+            if (!WaitFor([child] { return kill(child, 0) != 0; }, 5000)) {
+                kill(child, SIGKILL);
+            }
+        }
+    }
+
+private:
+    pid_t m_pid = -1;
+};
+
+
+// An nginx main file that keeps everything nginx writes inside `dir` and
+// runs in the foreground; `http` is the content of the http block.
+inline std::string NginxMainConf(const std::string& dir, const std::string& http)
+{
+    return "daemon off;\n"
+           "worker_processes 1;\n"
+           "error_log " + dir + "/error.log;\n"
+           "events { worker_connections 64; }\n"
+           "http {\n"
+           "    access_log " + dir + "/access.log;\n"
+           "    client_body_temp_path " + dir + "/tmp/body;\n"
+           "    proxy_temp_path " + dir + "/tmp/proxy;\n"
+           "    fastcgi_temp_path " + dir + "/tmp/fastcgi;\n"
+           "    uwsgi_temp_path " + dir + "/tmp/uwsgi;\n"
+           "    scgi_temp_path " + dir + "/tmp/scgi;\n" +
+           http + "}\n";
+}
+
+}  // namespace AssetTest
