@@ -22,12 +22,15 @@
 //   (bad arguments or policy, rules that cannot be prepared, events that
 //   could not be written).
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fstream>
 #include <iomanip>
@@ -394,7 +397,19 @@ int ScanCommandMain(const AgentOptions& options)
 
     std::vector<std::string> paths;
     for (const auto& arg : options.args) {
-        const std::string path = Absolute(arg);
+        // What a shell user types ("./www/", ".") reads better in events
+        // without the "./" and the trailing slash.
+        std::string typed = arg;
+        while (typed.size() > 2 && typed.compare(0, 2, "./") == 0) {
+            typed.erase(0, 2);
+        }
+        while (typed.size() > 1 && typed.back() == '/') {
+            typed.pop_back();
+        }
+        std::string path = typed == "." ? Poco::Path::current() : Absolute(typed);
+        while (path.size() > 1 && path.back() == '/') {
+            path.pop_back();
+        }
         if (::stat(path.c_str(), &st) != 0) {
             return Error("scan path " + path + " does not exist");
         }
@@ -419,6 +434,18 @@ int ScanCommandMain(const AgentOptions& options)
     }
     content["monitor_file_change"] = false;
     content["monitor_container"] = false;
+
+    // An events file that cannot even be opened fails the scan before it starts.
+    const std::string sink = options.eventsSink.empty() || options.eventsSink == "-"
+                                 ? std::string("-")
+                                 : Absolute(options.eventsSink);
+    if (sink != "-") {
+        const int fd = ::open(sink.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
+        if (fd < 0) {
+            return Error("cannot write events to " + sink + ": " + std::strerror(errno));
+        }
+        ::close(fd);
+    }
 
     // --- the install tree and logging
     for (const char* sub : {"log", "data/webshell", "data/upload"}) {
@@ -461,9 +488,6 @@ int ScanCommandMain(const AgentOptions& options)
     const std::string document = SDK::JsonUtils::JsonToString(policy);
 
     // --- the engine with the report and web-shell modules
-    const std::string sink = options.eventsSink.empty() || options.eventsSink == "-"
-                                 ? std::string("-")
-                                 : Absolute(options.eventsSink);
 
     Framework::Engine engine;
     engine.config().setString("agent.install_dir", install);

@@ -1,0 +1,302 @@
+#include "report/UploadStore.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+#include <Poco/Error.h>
+#include <Poco/Exception.h>
+#include <Poco/File.h>
+#include <json/json.h>
+
+#include "sdk/FileUtils.h"
+#include "sdk/JsonUtils.h"
+#include "sdk/LogMacros.h"
+#include "sdk/TimeUtils.h"
+
+namespace Report {
+
+namespace {
+
+const char* const kSource = "module/module_report/src/UploadStore";
+const char* const kKindWebshell = "webshell";
+const size_t kChunk = 64 * 1024;
+
+std::string ErrnoText(int err)
+{
+    return Poco::Error::getMessage(err);
+}
+
+std::string DirName(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+int MakeTemp(const std::string& pattern, std::string& path)
+{
+    std::vector<char> name(pattern.begin(), pattern.end());
+    name.push_back('\0');
+    int fd = ::mkostemp(name.data(), O_CLOEXEC);
+    if (fd >= 0) {
+        path.assign(name.data());
+        ::fchmod(fd, 0600);
+    }
+    return fd;
+}
+
+std::string WriteAll(int fd, const char* data, size_t size)
+{
+    size_t done = 0;
+    while (done < size) {
+        ssize_t n = ::write(fd, data + done, size - done);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return ErrnoText(errno);
+        }
+        done += static_cast<size_t>(n);
+    }
+    return "";
+}
+
+}  // namespace
+
+UploadStore::UploadStore(const UploadOptions& options, Poco::Logger* logger)
+    : m_options(options), m_logger(logger)
+{
+    while (m_options.dir.size() > 1 && m_options.dir.back() == '/') {
+        m_options.dir.pop_back();
+    }
+}
+
+const char* UploadStore::OutcomeName(UploadResult::Outcome outcome)
+{
+    switch (outcome) {
+    case UploadResult::STORED:
+        return "stored";
+    case UploadResult::DUPLICATE:
+        return "duplicate";
+    case UploadResult::REFUSED:
+        return "refused";
+    case UploadResult::FAILED:
+        break;
+    }
+    return "failed";
+}
+
+std::string UploadStore::PrepareDir()
+{
+    const std::string& dir = m_options.dir;
+    if (dir.empty()) {
+        return "no upload directory is configured";
+    }
+    try {
+        Poco::File(DirName(dir)).createDirectories();
+    } catch (const Poco::Exception& e) {
+        return "cannot create " + DirName(dir) + ": " + e.displayText();
+    }
+    if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+        return "cannot create " + dir + ": " + ErrnoText(errno);
+    }
+    struct stat st;
+    if (::lstat(dir.c_str(), &st) != 0) {
+        return dir + ": " + ErrnoText(errno);
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        return dir + " is not a directory (a link or a file is in its place)";
+    }
+    if (st.st_uid != ::geteuid()) {
+        return dir + " belongs to uid " + std::to_string(st.st_uid) + ", not to the agent";
+    }
+    if ((st.st_mode & 07777) != 0700) {
+        if (::chmod(dir.c_str(), 0700) != 0) {
+            return "cannot restrict " + dir + " to mode 0700: " + ErrnoText(errno);
+        }
+        SDK_LOG(m_logger, Poco::Message::PRIO_NOTICE, kSource,
+                "Upload directory %s had mode %o; restricted to 0700.", dir,
+                static_cast<unsigned>(st.st_mode & 07777));
+    }
+    return "";
+}
+
+std::string UploadStore::CopyToTemp(int srcFd, std::string& tempPath, uint64_t& size)
+{
+    int out = MakeTemp(m_options.dir + "/.incoming.XXXXXX", tempPath);
+    if (out < 0) {
+        return "cannot create a temporary file in " + m_options.dir + ": " + ErrnoText(errno);
+    }
+    std::vector<char> buffer(kChunk);
+    std::string error;
+    size = 0;
+    for (;;) {
+        ssize_t n = ::read(srcFd, buffer.data(), buffer.size());
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            error = "read failed: " + ErrnoText(errno);
+            break;
+        }
+        if (n == 0) {
+            break;
+        }
+        size += static_cast<uint64_t>(n);
+        if (size > m_options.maxBytes) {
+            error = "grew beyond the cap of " + std::to_string(m_options.maxBytes) +
+                    " bytes while being copied";
+            break;
+        }
+        std::string writeError = WriteAll(out, buffer.data(), static_cast<size_t>(n));
+        if (!writeError.empty()) {
+            error = "cannot write " + tempPath + ": " + writeError;
+            break;
+        }
+    }
+    if (error.empty() && ::fsync(out) != 0) {
+        error = "cannot sync " + tempPath + ": " + ErrnoText(errno);
+    }
+    if (::close(out) != 0 && error.empty()) {
+        error = "cannot close " + tempPath + ": " + ErrnoText(errno);
+    }
+    if (!error.empty()) {
+        ::unlink(tempPath.c_str());
+    }
+    return error;
+}
+
+std::string UploadStore::WriteSidecar(const std::string& path, uint64_t size,
+                                      const std::string& kind, const std::string& sha256)
+{
+    Json::Value info(Json::objectValue);
+    info["path"] = path;
+    info["size"] = static_cast<Json::UInt64>(size);
+    info["time"] = static_cast<Json::Int64>(SDK::TimeUtils::GetCurrentTimestampS());
+    info["kind"] = kind;
+    info["sha256"] = sha256;
+    const std::string text = SDK::JsonUtils::JsonToString(info) + "\n";
+
+    std::string tempPath;
+    int fd = MakeTemp(m_options.dir + "/.sidecar.XXXXXX", tempPath);
+    if (fd < 0) {
+        return "cannot create a temporary file in " + m_options.dir + ": " + ErrnoText(errno);
+    }
+    std::string error = WriteAll(fd, text.data(), text.size());
+    if (error.empty() && ::fsync(fd) != 0) {
+        error = ErrnoText(errno);
+    }
+    ::close(fd);
+    const std::string finalPath = m_options.dir + "/" + sha256 + ".json";
+    if (error.empty() && ::rename(tempPath.c_str(), finalPath.c_str()) != 0) {
+        error = ErrnoText(errno);
+    }
+    if (!error.empty()) {
+        ::unlink(tempPath.c_str());
+        return "cannot write " + finalPath + ": " + error;
+    }
+    return "";
+}
+
+UploadResult UploadStore::Store(const std::string& path, const std::string& kind)
+{
+    UploadResult result;
+    if (kind != kKindWebshell) {
+        result.outcome = UploadResult::REFUSED;
+        result.error = "unsupported upload kind \"" + kind + "\"";
+        return result;
+    }
+    if (path.empty()) {
+        result.outcome = UploadResult::REFUSED;
+        result.error = "empty path";
+        return result;
+    }
+    result.error = PrepareDir();
+    if (!result.error.empty()) {
+        return result;
+    }
+    int src = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    if (src < 0) {
+        const int err = errno;
+        struct stat st;
+        // A socket cannot be opened at all (ENXIO); it is refused like a FIFO.
+        if (::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
+            result.outcome = UploadResult::REFUSED;
+            result.error = "not a regular file";
+        } else {
+            result.error = "cannot open: " + ErrnoText(err);
+        }
+        return result;
+    }
+    struct stat st;
+    if (::fstat(src, &st) != 0) {
+        result.error = "cannot stat: " + ErrnoText(errno);
+        ::close(src);
+        return result;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        ::close(src);
+        result.outcome = UploadResult::REFUSED;
+        result.error = "not a regular file";
+        return result;
+    }
+    if (static_cast<uint64_t>(st.st_size) > m_options.maxBytes) {
+        ::close(src);
+        result.outcome = UploadResult::REFUSED;
+        result.error = "size " + std::to_string(st.st_size) + " is larger than the cap of " +
+                       std::to_string(m_options.maxBytes) + " bytes";
+        return result;
+    }
+    std::string tempPath;
+    result.error = CopyToTemp(src, tempPath, result.size);
+    ::close(src);
+    if (!result.error.empty()) {
+        return result;
+    }
+    // The name is the digest of the copy we keep, so a file that changes
+    // while it is copied is still kept under its own content's name.
+    bool flag = true;
+    if (SDK::FileUtils::GetFileSha256(tempPath, flag, result.sha256, 0) != 0) {
+        ::unlink(tempPath.c_str());
+        result.error = "cannot compute the SHA-256 of the copy " + tempPath;
+        return result;
+    }
+    result.storedPath = m_options.dir + "/" + result.sha256;
+    const std::string sidecar = result.storedPath + ".json";
+    struct stat existing;
+    if (::lstat(result.storedPath.c_str(), &existing) == 0) {
+        ::unlink(tempPath.c_str());
+        if (::lstat(sidecar.c_str(), &existing) != 0) {
+            result.error = WriteSidecar(path, result.size, kind, result.sha256);
+            if (!result.error.empty()) {
+                return result;
+            }
+        }
+        result.outcome = UploadResult::DUPLICATE;
+        return result;
+    }
+    if (::rename(tempPath.c_str(), result.storedPath.c_str()) != 0) {
+        result.error = "cannot rename " + tempPath + " to " + result.storedPath + ": " +
+                       ErrnoText(errno);
+        ::unlink(tempPath.c_str());
+        return result;
+    }
+    result.error = WriteSidecar(path, result.size, kind, result.sha256);
+    if (!result.error.empty()) {
+        // A copy without its sidecar cannot be traced back: keep neither.
+        ::unlink(result.storedPath.c_str());
+        return result;
+    }
+    result.outcome = UploadResult::STORED;
+    return result;
+}
+
+}  // namespace Report

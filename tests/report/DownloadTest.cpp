@@ -1,0 +1,212 @@
+// Downloads into a target that already holds a good file: from file:// and
+// from a loopback HTTP server, successes and every way of failing. The old
+// target must survive each failure byte for byte and no temporary file may
+// be left behind.
+
+#include <glob.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "LoopbackHttpServer.h"
+#include "report/Downloader.h"
+#include "testsupport/TestSupport.h"
+
+namespace {
+
+using Report::Download;
+using Report::DownloadLimits;
+using Report::DownloadResult;
+using TestSupport::ReadFile;
+using TestSupport::TempDir;
+
+const std::string kOld = "rule old_rules { condition: false }\n";
+
+std::vector<std::string> Leftovers(const std::string& target)
+{
+    std::string pattern = Download::TempPattern(target);
+    pattern.replace(pattern.size() - 6, 6, "*");
+    glob_t g{};
+    std::vector<std::string> found;
+    if (glob(pattern.c_str(), 0, nullptr, &g) == 0) {
+        for (size_t i = 0; i < g.gl_pathc; ++i) {
+            found.push_back(g.gl_pathv[i]);
+        }
+    }
+    globfree(&g);
+    return found;
+}
+
+DownloadLimits Limits(uint64_t maxBytes = 1024 * 1024, int timeoutS = 10)
+{
+    DownloadLimits limits;
+    limits.maxBytes = maxBytes;
+    limits.timeoutS = timeoutS;
+    return limits;
+}
+
+// A loopback port nobody listens on.
+int ClosedPort()
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    socklen_t len = sizeof(addr);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    close(fd);
+    return ntohs(addr.sin_port);
+}
+
+}  // namespace
+
+TEST(Download, FileUrlReplacesTheTargetWholeAndKeepsItsMode)
+{
+    TempDir dir;
+    const std::string body = "rule fresh { strings: $a = \"x\" condition: $a }\n";
+    const std::string source = dir.Write("src dir/rules new.yar", body);
+    const std::string target = dir.Write("data/webshell.dat", kOld, 0640);
+
+    // Spaces in the path travel percent-encoded, as a URL builder writes them.
+    Download download("file://" + dir.Join("src%20dir/rules%20new.yar"), target, Limits());
+    const DownloadResult r = download.Run();
+    ASSERT_TRUE(r.ok) << r.error;
+    EXPECT_EQ(r.bytes, body.size());
+    EXPECT_EQ(ReadFile(target), body);
+    EXPECT_TRUE(Leftovers(target).empty());
+    struct stat st;
+    ASSERT_EQ(stat(target.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
+    (void)source;
+
+    // A target directory that does not exist yet is created.
+    const std::string fresh = dir.Join("new/sub/webshell.dat");
+    const DownloadResult r2 = Download("file://" + dir.Join("data/webshell.dat"), fresh, Limits()).Run();
+    ASSERT_TRUE(r2.ok) << r2.error;
+    EXPECT_EQ(ReadFile(fresh), body);
+}
+
+TEST(Download, FileUrlFailuresKeepTheOldTarget)
+{
+    TempDir dir;
+    const std::string target = dir.Write("data/webshell.dat", kOld);
+    dir.Write("big.yar", std::string(2048, 'r'));
+    const std::string fifo = dir.Fifo("pipe.yar");
+
+    struct Case {
+        std::string url;
+        uint64_t cap;
+        std::string expected;  // part of the error
+    };
+    const std::vector<Case> cases = {
+        {"file://" + dir.Join("absent.yar"), 1024 * 1024, "No such file"},
+        {"file://" + fifo, 1024 * 1024, "not a regular file"},  // must not hang
+        {"file://" + dir.Join("big.yar"), 1024, "larger than the cap"},
+        {"file://otherhost/etc/hosts", 1024 * 1024, "otherhost"},
+        {"ftp://127.0.0.1/rules.yar", 1024 * 1024, "unsupported URL scheme"},
+        {"http://[broken", 1024 * 1024, "malformed URL"},
+    };
+    for (const auto& c : cases) {
+        const DownloadResult r = Download(c.url, target, Limits(c.cap)).Run();
+        EXPECT_FALSE(r.ok) << c.url;
+        EXPECT_NE(r.error.find(c.expected), std::string::npos) << c.url << ": " << r.error;
+        EXPECT_EQ(ReadFile(target), kOld) << c.url;
+        EXPECT_TRUE(Leftovers(target).empty()) << c.url;
+    }
+
+    const DownloadResult relative =
+        Download("file://" + dir.Join("big.yar"), "relative/target", Limits()).Run();
+    EXPECT_FALSE(relative.ok);
+    EXPECT_NE(relative.error.find("not absolute"), std::string::npos) << relative.error;
+}
+
+TEST(Download, HttpBodyAndRedirects)
+{
+    LoopbackHttpServer server;
+    TempDir dir;
+    const std::string body(300 * 1024, 'y');  // several reads
+    server.SetBody("rules", body);
+    const std::string target = dir.Write("webshell.dat", kOld);
+
+    DownloadResult r = Download(server.Url("/ok/rules"), target, Limits()).Run();
+    ASSERT_TRUE(r.ok) << r.error;
+    EXPECT_EQ(r.bytes, body.size());
+    EXPECT_EQ(ReadFile(target), body);
+
+    server.SetBody("other", "second");
+    r = Download(server.Url("/redirect/other"), target, Limits()).Run();
+    ASSERT_TRUE(r.ok) << r.error;
+    EXPECT_EQ(ReadFile(target), "second");
+    EXPECT_EQ(r.finalUrl, server.Url("/ok/other"));
+    EXPECT_EQ(server.Hits("/redirect/other"), 1);
+    EXPECT_TRUE(Leftovers(target).empty());
+}
+
+TEST(Download, HttpFailuresKeepTheOldTargetAndLeaveNoPart)
+{
+    LoopbackHttpServer server;
+    TempDir dir;
+    const std::string target = dir.Write("webshell.dat", kOld);
+
+    struct Case {
+        std::string url;
+        DownloadLimits limits;
+        std::string expected;
+    };
+    const std::vector<Case> cases = {
+        {server.Url("/missing"), Limits(), "HTTP 404"},
+        {server.Url("/big"), Limits(), "larger than the cap"},
+        {server.Url("/big-chunked"), Limits(), "larger than the cap"},
+        {server.Url("/half"), Limits(), "connection closed after"},
+        {server.Url("/stall"), Limits(1024 * 1024, 1), "timed out after 1 s"},
+        {server.Url("/loop"), Limits(), "redirects"},
+        {"http://127.0.0.1:" + std::to_string(ClosedPort()) + "/rules", Limits(), "refused"},
+        // TLS spoken to a plain HTTP server fails in the handshake.
+        {"https" + server.Url("/ok/none").substr(4), Limits(1024 * 1024, 2), ""},
+    };
+    for (const auto& c : cases) {
+        const DownloadResult r = Download(c.url, target, c.limits).Run();
+        EXPECT_FALSE(r.ok) << c.url;
+        EXPECT_FALSE(r.error.empty()) << c.url;
+        EXPECT_NE(r.error.find(c.expected), std::string::npos) << c.url << ": " << r.error;
+        EXPECT_EQ(ReadFile(target), kOld) << c.url;
+        EXPECT_TRUE(Leftovers(target).empty()) << c.url;
+    }
+}
+
+TEST(Download, AbortCutsABlockedTransferShort)
+{
+    LoopbackHttpServer server;
+    TempDir dir;
+    const std::string target = dir.Write("webshell.dat", kOld);
+    Download download(server.Url("/stall"), target, Limits(1024 * 1024, 120));
+
+    DownloadResult result;
+    std::atomic<bool> done{false};
+    std::thread worker([&] {
+        result = download.Run();
+        done = true;
+    });
+    ASSERT_TRUE(TestSupport::WaitFor([&] { return server.Stalling(); }, 10000));
+    // The half body is in a temporary file now; the target is untouched.
+    EXPECT_EQ(ReadFile(target), kOld);
+    download.Abort();
+    // Well before the transfer's own 120 s timeout.
+    const bool returned = TestSupport::WaitFor([&] { return done.load(); }, 20000);
+    server.Release();
+    worker.join();
+    ASSERT_TRUE(returned);
+    EXPECT_FALSE(result.ok);
+    EXPECT_NE(result.error.find("aborted"), std::string::npos) << result.error;
+    EXPECT_EQ(ReadFile(target), kOld);
+    EXPECT_TRUE(Leftovers(target).empty());
+}

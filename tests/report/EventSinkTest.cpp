@@ -1,0 +1,242 @@
+// The event sink on real files: one line per event, written through at
+// once, rotation, a full disk, a file removed or renamed under it, a missing
+// directory, and a line cut short by an earlier failure.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "report/EventSink.h"
+#include "testsupport/TestSupport.h"
+
+namespace {
+
+using Report::EventSink;
+using Report::EventSinkOptions;
+using TestSupport::ReadFile;
+using TestSupport::ReadLines;
+using TestSupport::TempDir;
+
+class CaptureChannel : public Poco::Channel {
+public:
+    void log(const Poco::Message& msg) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_texts.push_back(msg.getText());
+    }
+    std::vector<std::string> Texts()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_texts;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::string> m_texts;
+};
+
+Poco::Logger* CaptureLogger(Poco::AutoPtr<CaptureChannel>& channel)
+{
+    channel = new CaptureChannel;
+    Poco::Logger& logger = Poco::Logger::get("report_sink_test");
+    logger.setChannel(channel);
+    logger.setLevel(Poco::Message::PRIO_TRACE);
+    return &logger;
+}
+
+Json::Value Parse(const std::string& line)
+{
+    Json::CharReaderBuilder builder;
+    builder["strictRoot"] = true;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value value;
+    std::string errors;
+    EXPECT_TRUE(reader->parse(line.data(), line.data() + line.size(), &value, &errors))
+        << "not JSON: " << line << " (" << errors << ")";
+    return value;
+}
+
+std::string Event(int n, size_t pad = 0)
+{
+    return "{\"n\":" + std::to_string(n) + ",\"pad\":\"" + std::string(pad, 'x') + "\"}";
+}
+
+EventSinkOptions FileSink(const std::string& path)
+{
+    EventSinkOptions options;
+    options.path = path;
+    return options;
+}
+
+}  // namespace
+
+TEST(EventSink, OneJsonLinePerEventVisibleAtOnce)
+{
+    TempDir dir;
+    const std::string path = dir.Join("events.jsonl");
+    EventSink sink(FileSink(path), nullptr);
+
+    // A pretty-printed document still becomes one line; trailing newlines
+    // do not produce empty lines.
+    const std::vector<std::string> events = {
+        Event(1),
+        "{\n  \"n\": 2,\n  \"text\": \"a b\"\r\n}\n",
+        Event(3) + "\n\n",
+    };
+    for (size_t i = 0; i < events.size(); ++i) {
+        ASSERT_TRUE(sink.Write(events[i]));
+        // Written through: another reader sees the line before the next event.
+        const auto lines = ReadLines(path);
+        ASSERT_EQ(lines.size(), i + 1);
+        EXPECT_EQ(Parse(lines[i])["n"].asInt(), static_cast<int>(i + 1));
+    }
+    const std::string text = ReadFile(path);
+    EXPECT_EQ(text.back(), '\n');
+    EXPECT_EQ(text.find("\n\n"), std::string::npos);
+    EXPECT_EQ(sink.Stats().written, 3u);
+    EXPECT_EQ(sink.Stats().bytes, text.size());
+    EXPECT_TRUE(sink.Stats().healthy);
+
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
+}
+
+TEST(EventSink, RotatesBySizeAndKeepsNumberedArchives)
+{
+    TempDir dir;
+    const std::string path = dir.Join("events.jsonl");
+    EventSinkOptions options = FileSink(path);
+    options.maxBytes = 300;
+    options.keep = 2;
+    EventSink sink(options, nullptr);
+
+    const int count = 40;
+    for (int i = 0; i < count; ++i) {
+        ASSERT_TRUE(sink.Write(Event(i, 40)));
+    }
+    EXPECT_GT(sink.Stats().rotations, 2u);
+    EXPECT_TRUE(TestSupport::FileExists(path + ".1"));
+    EXPECT_TRUE(TestSupport::FileExists(path + ".2"));
+    EXPECT_FALSE(TestSupport::FileExists(path + ".3"));
+
+    // Every file stays under the cap, no line is split across files, and
+    // the archives hold the events just before the live file's, in order.
+    std::vector<int> seen;
+    for (const std::string& file : {path + ".2", path + ".1", path}) {
+        EXPECT_LE(ReadFile(file).size(), options.maxBytes) << file;
+        for (const auto& line : ReadLines(file)) {
+            seen.push_back(Parse(line)["n"].asInt());
+        }
+    }
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ(seen.back(), count - 1);
+    for (size_t i = 1; i < seen.size(); ++i) {
+        EXPECT_EQ(seen[i], seen[i - 1] + 1);
+    }
+}
+
+TEST(EventSink, FullDiskIsReportedHeldAndBounded)
+{
+    Poco::AutoPtr<CaptureChannel> channel;
+    Poco::Logger* logger = CaptureLogger(channel);
+    EventSinkOptions options = FileSink("/dev/full");
+    options.maxHeld = 3;
+    EventSink sink(options, logger);
+
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_FALSE(sink.Write(Event(i)));
+    }
+    const Report::EventSinkStats& s = sink.Stats();
+    EXPECT_FALSE(s.healthy);
+    EXPECT_EQ(s.written, 0u);
+    EXPECT_EQ(s.held, 3u);
+    EXPECT_EQ(s.dropped, 2u);
+    EXPECT_GE(s.failures, 5u);
+    EXPECT_NE(s.lastError.find("/dev/full"), std::string::npos) << s.lastError;
+    EXPECT_NE(s.lastError.find("space"), std::string::npos) << s.lastError;
+
+    // One error line for the operator, naming the sink and the reason, not
+    // one per event.
+    const auto texts = channel->Texts();
+    ASSERT_EQ(texts.size(), 1u);
+    EXPECT_NE(texts[0].find("/dev/full"), std::string::npos);
+    EXPECT_NE(texts[0].find("space"), std::string::npos);
+}
+
+TEST(EventSink, MissingDirectoryThenRecoveryWritesHeldEventsInOrder)
+{
+    Poco::AutoPtr<CaptureChannel> channel;
+    Poco::Logger* logger = CaptureLogger(channel);
+    TempDir dir;
+    const std::string path = dir.Join("later/events.jsonl");
+    EventSink sink(FileSink(path), logger);
+
+    EXPECT_FALSE(sink.Write(Event(1)));
+    EXPECT_FALSE(sink.Write(Event(2)));
+    EXPECT_EQ(sink.Stats().held, 2u);
+    EXPECT_NE(sink.Stats().lastError.find(path), std::string::npos);
+
+    dir.MkDir("later");
+    EXPECT_EQ(sink.Retry(), 0u);
+    ASSERT_TRUE(sink.Write(Event(3)));
+    const auto lines = ReadLines(path);
+    ASSERT_EQ(lines.size(), 3u);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(Parse(lines[i])["n"].asInt(), i + 1);
+    }
+    EXPECT_TRUE(sink.Stats().healthy);
+    const auto texts = channel->Texts();
+    ASSERT_EQ(texts.size(), 2u);  // the failure, then the recovery
+    EXPECT_NE(texts[0].find(path), std::string::npos);
+    EXPECT_NE(texts[1].find("writable again"), std::string::npos);
+}
+
+TEST(EventSink, FileRemovedOrRenamedUnderItIsReopened)
+{
+    TempDir dir;
+    const std::string path = dir.Join("events.jsonl");
+    EventSink sink(FileSink(path), nullptr);
+
+    ASSERT_TRUE(sink.Write(Event(1)));
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    ASSERT_TRUE(sink.Write(Event(2)));
+    auto lines = ReadLines(path);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(Parse(lines[0])["n"].asInt(), 2);
+
+    // logrotate's "move and let the writer reopen" style.
+    ASSERT_EQ(rename(path.c_str(), (path + ".old").c_str()), 0);
+    ASSERT_TRUE(sink.Write(Event(3)));
+    lines = ReadLines(path);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(Parse(lines[0])["n"].asInt(), 3);
+    EXPECT_EQ(ReadLines(path + ".old").size(), 1u);
+    EXPECT_EQ(sink.Stats().reopens, 2u);
+}
+
+TEST(EventSink, LineCutShortEarlierDoesNotSwallowTheNextEvent)
+{
+    TempDir dir;
+    const std::string path = dir.Write("events.jsonl", "{\"n\":0}\n{\"cut\":\"sho");
+    EventSink sink(FileSink(path), nullptr);
+
+    ASSERT_TRUE(sink.Write(Event(1)));
+    ASSERT_TRUE(sink.Write(Event(2)));
+    const auto lines = ReadLines(path);
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(lines[1], "{\"cut\":\"sho");
+    EXPECT_EQ(Parse(lines[2])["n"].asInt(), 1);
+    EXPECT_EQ(Parse(lines[3])["n"].asInt(), 2);
+}

@@ -1,0 +1,292 @@
+// The two report services on a real engine: messages in, lines, files and
+// status-board figures out; coalesced downloads; a prompt stop while a
+// download hangs; and the real libreport_module.so loaded by the engine.
+
+#include <sys/stat.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <Poco/AutoPtr.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "LoopbackHttpServer.h"
+#include "framework/Message.h"
+#include "framework/StatusBoard.h"
+#include "report/DataCommReportTask.h"
+#include "report/FileCommReportTask.h"
+#include "report/ReportConfig.h"
+#include "sdk/TimeUtils.h"
+#include "testsupport/TestSupport.h"
+
+namespace {
+
+using Engine::DataCommReportTask;
+using Engine::FileCommReportTask;
+using Framework::DataMessage;
+using Framework::FileMessage;
+using Framework::StatusBoard;
+using TestSupport::ReadFile;
+using TestSupport::ReadLines;
+using TestSupport::TempDir;
+using TestSupport::TestEngine;
+using TestSupport::WaitFor;
+
+const std::string kOld = "old rules\n";
+
+Json::Value ParseLine(const std::string& line)
+{
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value value;
+    std::string errors;
+    EXPECT_TRUE(reader->parse(line.data(), line.data() + line.size(), &value, &errors)) << line;
+    return value;
+}
+
+uint64_t Figure(const char* key, const char* member)
+{
+    return StatusBoard::Get(key)[member].asUInt64();
+}
+
+Json::Value DownloadStatus(const std::string& target)
+{
+    return StatusBoard::Get(FileCommReportTask::kDownloadsKey)[target];
+}
+
+// Registers a task on the test engine and always takes it down again.
+// The status board is process-wide: the figures of a task of an earlier test
+// are cleared first, and the new task has published its own before the
+// test reads them.
+class Registered {
+public:
+    Registered(Framework::Engine& engine, Framework::Task* task, const char* boardKey)
+        : m_engine(engine), m_task(task)
+    {
+        StatusBoard::Remove(boardKey);
+        EXPECT_EQ(m_engine.RegisterTask(task, nullptr), 0);
+        m_name = task->GetTaskName();
+        EXPECT_TRUE(WaitFor([&] { return !StatusBoard::Get(boardKey).isNull(); }));
+    }
+    ~Registered() { Stop(); }
+    int Stop() { return m_engine.UnRegisterTask(m_name); }
+
+private:
+    Framework::Engine& m_engine;
+    Poco::AutoPtr<Framework::Task> m_task;
+    std::string m_name;
+};
+
+// Messages are handled in order: once an upload sent after them is counted,
+// every earlier message to the file task has been handled.
+void Settle(TestEngine& env, TempDir& dir)
+{
+    const uint64_t received = Figure(FileCommReportTask::kUploadsKey, "received");
+    const std::string marker = dir.Write("marker-" + std::to_string(received) + ".php", "m");
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::UPLOAD, marker, "webshell", ""));
+    ASSERT_TRUE(WaitFor([&] { return Figure(FileCommReportTask::kUploadsKey, "received") > received; }));
+}
+
+Report::ReportConfig Config(const TestEngine& env, int timeoutS = 10)
+{
+    Report::ReportConfig config;
+    config.installDir = env.InstallDir();
+    config.downloadRoot = env.InstallDir();
+    config.upload.dir = env.InstallDir() + "data/upload";
+    config.download.timeoutS = timeoutS;
+    config.download.maxBytes = 1024 * 1024;
+    return config;
+}
+
+}  // namespace
+
+TEST(DataCommReportTask, WritesEveryEventAsAJsonLineIncludingThoseQueuedAtStop)
+{
+    TestEngine env;
+    const std::string sink = env.InstallDir() + "log/events.jsonl";
+    Report::EventSinkOptions options;
+    options.path = sink;
+    Registered task(env.engine(), new DataCommReportTask(options), DataCommReportTask::kStatusKey);
+
+    ASSERT_TRUE(env.engine().SendDirectMsg("data_comm_report_task",
+                                           new DataMessage("2", "{\"event_id\":\"a\"}")));
+    // Not JSON: still one valid line, carrying the text.
+    ASSERT_TRUE(env.engine().SendDirectMsg("data_comm_report_task",
+                                           new DataMessage("2", "broken {\n\"x")));
+    // Another message type goes to its own handler and writes nothing.
+    ASSERT_TRUE(env.engine().SendDirectMsg("data_comm_report_task",
+                                           new Framework::Message("other")));
+    ASSERT_TRUE(WaitFor([&] { return Figure(DataCommReportTask::kStatusKey, "received") == 2; }));
+    auto lines = ReadLines(sink);
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(ParseLine(lines[0])["event_id"].asString(), "a");
+    const Json::Value wrapped = ParseLine(lines[1]);
+    EXPECT_EQ(wrapped["data_type"].asString(), "2");
+    EXPECT_EQ(wrapped["invalid_content"].asString(), "broken {\n\"x");
+    EXPECT_EQ(StatusBoard::Get(DataCommReportTask::kStatusKey)["sink"].asString(), sink);
+
+    // A burst sent right before the stop still reaches the file.
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_TRUE(env.engine().SendDirectMsg(
+            "data_comm_report_task", new DataMessage("2", "{\"i\":" + std::to_string(i) + "}")));
+    }
+    EXPECT_EQ(task.Stop(), 1);
+    lines = ReadLines(sink);
+    ASSERT_EQ(lines.size(), 202u);
+    EXPECT_EQ(ParseLine(lines.back())["i"].asInt(), 199);
+    EXPECT_EQ(Figure(DataCommReportTask::kStatusKey, "written"), 202u);
+}
+
+TEST(FileCommReportTask, DownloadsAndReportsStateOnTheStatusBoard)
+{
+    TestEngine env;
+    LoopbackHttpServer server;
+    server.SetBody("rules", "new rules\n");
+    Registered task(env.engine(), new FileCommReportTask(Config(env)), FileCommReportTask::kUploadsKey);
+    const std::string target = env.InstallDir() + "data/webshell/webshell.dat";
+    TempDir src;
+    const std::string local = src.Write("rules.yar", "local rules\n");
+
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::DOWNLOAD, target, "", "file://" + local));
+    ASSERT_TRUE(WaitFor([&] { return DownloadStatus(target)["state"].asString() == "done"; }));
+    EXPECT_EQ(ReadFile(target), "local rules\n");
+    EXPECT_EQ(DownloadStatus(target)["bytes"].asUInt64(), 12u);
+    EXPECT_GT(DownloadStatus(target)["finished_ms"].asInt64(), 0);
+
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::DOWNLOAD, target, "", server.Url("/missing")));
+    ASSERT_TRUE(WaitFor([&] { return DownloadStatus(target)["state"].asString() == "failed"; }));
+    EXPECT_NE(DownloadStatus(target)["error"].asString().find("404"), std::string::npos);
+    EXPECT_EQ(DownloadStatus(target)["url"].asString(), server.Url("/missing"));
+    EXPECT_EQ(ReadFile(target), "local rules\n");
+
+    // The next request tries again.
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::DOWNLOAD, target, "", server.Url("/ok/rules")));
+    ASSERT_TRUE(WaitFor([&] { return DownloadStatus(target)["state"].asString() == "done"; }));
+    EXPECT_EQ(ReadFile(target), "new rules\n");
+
+    // Only inside the installation directory.
+    const std::string outside = src.Join("elsewhere.dat");
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::DOWNLOAD, outside, "", "file://" + local));
+    ASSERT_TRUE(WaitFor([&] { return DownloadStatus(outside)["state"].asString() == "failed"; }));
+    EXPECT_FALSE(TestSupport::FileExists(outside));
+}
+
+TEST(FileCommReportTask, RequestsForATargetBeingFetchedJoinTheRunningDownload)
+{
+    TestEngine env;
+    LoopbackHttpServer server;
+    const std::string body(200 * 1024, 'z');
+    server.SetBody("rules", body);
+    server.SetBody("v2", "version two\n");
+    Registered task(env.engine(), new FileCommReportTask(Config(env)), FileCommReportTask::kUploadsKey);
+    const std::string target = env.InstallDir() + "data/webshell/webshell.dat";
+    const std::string url = server.Url("/slow/rules");
+
+    for (int i = 0; i < 3; ++i) {
+        env.engine().SendDirectMsg("file_comm_report_task",
+                                   new FileMessage(FileMessage::DOWNLOAD, target, "", url));
+    }
+    ASSERT_TRUE(WaitFor([&] { return server.Stalling(); }, 10000));
+    // Handled while the first one still runs.
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::DOWNLOAD, target, "", url));
+    TempDir markers;
+    Settle(env, markers);
+    EXPECT_EQ(DownloadStatus(target)["state"].asString(), "running");
+    EXPECT_FALSE(TestSupport::FileExists(target));  // nothing half-written at the target
+    server.Release();
+    ASSERT_TRUE(WaitFor([&] { return DownloadStatus(target)["state"].asString() == "done"; }));
+    EXPECT_EQ(server.Hits("/slow/rules"), 1);
+    EXPECT_EQ(DownloadStatus(target)["coalesced"].asUInt64(), 3u);
+    EXPECT_EQ(ReadFile(target), body);
+
+    // A request naming another URL while a download runs is fetched after it.
+    server.Hold();
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::DOWNLOAD, target, "", url));
+    ASSERT_TRUE(WaitFor([&] { return server.Stalling(); }, 10000));
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::DOWNLOAD, target, "", server.Url("/ok/v2")));
+    Settle(env, markers);
+    EXPECT_EQ(server.Hits("/ok/v2"), 0);
+    server.Release();
+    ASSERT_TRUE(WaitFor([&] { return ReadFile(target) == "version two\n"; }));
+    EXPECT_EQ(server.Hits("/slow/rules"), 2);
+    EXPECT_EQ(server.Hits("/ok/v2"), 1);
+}
+
+TEST(FileCommReportTask, StopsPromptlyWhileADownloadHangs)
+{
+    TestEngine env;
+    LoopbackHttpServer server;
+    auto* raw = new FileCommReportTask(Config(env, 300));
+    Registered task(env.engine(), raw, FileCommReportTask::kUploadsKey);
+    const std::string target = env.InstallDir() + "data/webshell/webshell.dat";
+    std::ofstream(target) << kOld;
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::DOWNLOAD, target, "", server.Url("/stall")));
+    ASSERT_TRUE(WaitFor([&] { return server.Stalling(); }, 10000));
+    const int64_t begin = SDK::TimeUtils::GetCurrentTimestampMS();
+    EXPECT_EQ(task.Stop(), 1);
+    // Far below the 300 s transfer timeout: the connection was cut.
+    EXPECT_LT(SDK::TimeUtils::GetCurrentTimestampMS() - begin, 30000);
+    EXPECT_EQ(ReadFile(target), kOld);
+    std::string listing;
+    TestSupport::RunCommand("ls -A '" + env.InstallDir() + "data/webshell'", &listing);
+    EXPECT_EQ(listing, "webshell.dat\n");
+    EXPECT_EQ(DownloadStatus(target)["state"].asString(), "failed");
+}
+
+TEST(FileCommReportTask, KeepsUploadsAndCountsThem)
+{
+    TestEngine env;
+    Registered task(env.engine(), new FileCommReportTask(Config(env)), FileCommReportTask::kUploadsKey);
+    TempDir www;
+    const std::string shell = www.Write("site/shell.php", "<?php exit; /* passthru($_GET[c]) */\n");
+    const std::string fifo = www.Fifo("site/fifo.php");
+
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::UPLOAD, fifo, "webshell", ""));
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::UPLOAD, shell, "webshell", ""));
+    ASSERT_TRUE(WaitFor([&] { return Figure(FileCommReportTask::kUploadsKey, "received") == 2; }));
+    EXPECT_EQ(Figure(FileCommReportTask::kUploadsKey, "stored"), 1u);
+    EXPECT_EQ(Figure(FileCommReportTask::kUploadsKey, "refused"), 1u);
+    const std::string kept = env.InstallDir() + "data/upload/" + TestSupport::Sha256Sum(shell);
+    EXPECT_EQ(ReadFile(kept), ReadFile(shell));
+    EXPECT_EQ(StatusBoard::Get(FileCommReportTask::kUploadsKey)["dir"].asString(),
+              env.InstallDir() + "data/upload");
+}
+
+TEST(ReportModule, LoadsThroughTheEngineAndServesBothTasks)
+{
+    TestEngine env({"report"});
+    const std::string sink = env.InstallDir() + "log/module-events.jsonl";
+    env.engine().config().setString("agent.events", sink);
+    ASSERT_TRUE(env.engine().LoadModule(env.InstallDir() + "module/libreport_module.so"));
+    ASSERT_NE(env.engine().FindTask("data_comm_report_task"), nullptr);
+    ASSERT_NE(env.engine().FindTask("file_comm_report_task"), nullptr);
+
+    TempDir src;
+    const std::string local = src.Write("rules.yar", "module rules\n");
+    const std::string target = env.InstallDir() + "data/webshell/webshell.dat";
+    env.engine().SendDirectMsg("data_comm_report_task", new DataMessage("2", "{\"via\":\"module\"}"));
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::DOWNLOAD, target, "", "file://" + local));
+    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink).size() == 1; }));
+    EXPECT_EQ(ParseLine(ReadLines(sink)[0])["via"].asString(), "module");
+    ASSERT_TRUE(WaitFor([&] { return DownloadStatus(target)["state"].asString() == "done"; }));
+    EXPECT_EQ(ReadFile(target), "module rules\n");
+
+    env.engine().UnloadModules();
+    EXPECT_EQ(env.engine().FindTask("data_comm_report_task"), nullptr);
+    EXPECT_EQ(env.engine().FindTask("file_comm_report_task"), nullptr);
+}
