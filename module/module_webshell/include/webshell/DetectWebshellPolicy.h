@@ -1,0 +1,72 @@
+#pragma once
+// The "detect_webshell" feature policy and the schedule of the periodic scan.
+//
+// Document (keys exact; "content" is a nested object):
+//   feature_name, hash, enabled                     root
+//   customize_scan_paths, default_scan_paths        content, required arrays
+//   lib_version, lib_url, lib_hash                  content, all three required non-empty
+//   monitor_file_change, monitor_container          content, bool, default false
+//   file_type                                       content, "php,jsp,..." (no dots)
+//   max_file_size                                   content, bytes, default 10485760 (<= 0: no limit)
+//   upload_file_count_per_day                       content, default 100
+//   auto_scan_task.task_condition                   content, the periodic task's schedule
+
+#include <list>
+#include <string>
+
+#include "framework/Policy.h"
+
+namespace Engine {
+
+class DetectWebshellTaskPolicy : public Framework::TaskPolicy {
+public:
+    explicit DetectWebshellTaskPolicy(const std::string& name);
+    ~DetectWebshellTaskPolicy() override;
+
+    // `content` is the "auto_scan_task" object as text.
+    bool Parse(const std::string& content) override;
+};
+
+class DetectWebshellPolicy : public Framework::FeaturePolicy {
+public:
+    explicit DetectWebshellPolicy(const std::string& name);
+    ~DetectWebshellPolicy() override;
+
+    // The first failure returns false and leaves what was assigned so far.
+    bool Parse(const std::string& content) override;
+
+    const std::list<std::string>& GetCustomizeScanPathList() const { return m_customizeScanPathList; }
+    const std::list<std::string>& GetDefaultScanPathList() const { return m_defaultScanPathList; }
+    const std::string& GetLibVersion() const { return m_libVersion; }
+    const std::string& GetLibHash() const { return m_libHash; }
+    const std::string& GetLibUrl() const { return m_libUrl; }
+    const std::string& GetFileType() const { return m_fileType; }
+    bool IsMonitorFileChange() const { return m_monitorFileChange; }
+    bool IsMonitorContainer() const { return m_monitorContainer; }
+    int GetMaxFileSize() const { return m_maxFileSize; }
+    int GetUploadFileCountPerDay() const { return m_uploadFileCountPerDay; }
+
+    void SetCustomizeScanPathList(const std::list<std::string>& paths) { m_customizeScanPathList = paths; }
+    void SetDefaultScanPathList(const std::list<std::string>& paths) { m_defaultScanPathList = paths; }
+    void SetLibVersion(const std::string& version) { m_libVersion = version; }
+    void SetLibHash(const std::string& hash) { m_libHash = hash; }
+    void SetLibUrl(const std::string& url) { m_libUrl = url; }
+    void SetMonitorFileChange(bool monitor) { m_monitorFileChange = monitor; }
+    void SetFileType(const std::string& fileType) { m_fileType = fileType; }
+    void SetMaxFileSize(int size) { m_maxFileSize = size; }
+    void SetUploadFileCountPerDay(int count) { m_uploadFileCountPerDay = count; }
+
+private:
+    std::list<std::string> m_customizeScanPathList;
+    std::list<std::string> m_defaultScanPathList;
+    std::string m_libVersion;
+    std::string m_libHash;
+    std::string m_libUrl;
+    bool m_monitorFileChange = false;
+    std::string m_fileType;
+    int m_maxFileSize = 10485760;
+    int m_uploadFileCountPerDay = 100;
+    bool m_monitorContainer = false;
+};
+
+}  // namespace Engine

@@ -1,0 +1,177 @@
+#pragma once
+// The scan tasks of the web-shell module.
+//
+//   AutoScanWebshellTask          "auto_scan_wehshell_task"           type 1: a full pass per schedule fire
+//   OnceScanWebshellTask          "once_scan_webshell_task"           type 3: a full pass when the user asks
+//   DetectFileChangeWebshellTask  "detect_file_change_wehshell_task"  type 4: file notifications and containers
+//
+// The misspelt names are matched literally by the framework and the policy.
+//
+// Threads: each registered task handles its messages on its own thread; the
+// once task runs on the thread that delivered the tasklet. Locks, never
+// nested: m_scanPathMutex (rebuild of the scan directory set),
+// m_reportHistoryMutex (duplicate suppression) and m_containerLock (container
+// cache, also taken by other tasks copying the file-change task's cache).
+// The policy, the suffix list, the rules and the watched set are used by the
+// task's own thread only.
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <Poco/Logger.h>
+#include <Poco/Mutex.h>
+#include <Poco/RWLock.h>
+
+#include "container/ContainerMessage.h"
+#include "framework/Task.h"
+#include "message/AbstractMessageReceiver.h"
+#include "message/AbstructMessage.h"
+#include "message/AssetMessage.h"
+#include "sdk/YaraUtils.h"
+#include "webshell/ContainerCacheInfo.h"
+#include "webshell/DetectResult.h"
+
+namespace Engine {
+
+class DetectWebshellPolicy;
+class FileNotifyMessage;
+
+extern const char* const kAutoScanTaskName;        // "auto_scan_wehshell_task"
+extern const char* const kOnceScanTaskName;        // "once_scan_webshell_task"
+extern const char* const kFileChangeTaskName;      // "detect_file_change_wehshell_task"
+extern const char* const kDetectWebshellFeature;   // "detect_webshell"
+
+class ScanWebshellTask : public Framework::Task,
+                         public AbstractMessageReceiver,
+                         public AbstructMessage<ContainerMessage>::Receiver {
+public:
+    ScanWebshellTask(const std::string& taskName, const std::string& feature,
+                     Framework::TaskCondition::TaskType type);
+    ~ScanWebshellTask() override;
+
+    // Subscribes to the asset kinds 0 and 4 and starts the container side.
+    // -1 when the installation directory is unknown.
+    int Init() override;
+    int UnInit() override;
+    int Run() override = 0;
+
+    int FileNotifyMessageAction(Engine::FileNotifyMessage* msg) override;
+    int Receive(const ContainerMessage& message) override;
+    void AssetMessageAction(unsigned int kind,
+                            const std::map<int, std::shared_ptr<AssetMessage::assetInfo>>& assets) override;
+
+    // The file-change task's event loop, until the task is cancelled.
+    void ReceiveMsg();
+    bool GetTime(long& now);
+
+    // Rule library and policy.
+    bool ParsePolicyContent();
+    bool CheckLocalWebshellLib(const std::string& libVersion, const std::string& libUrl,
+                               const std::string& libHash);
+    void SendFileDownloadMsg(const std::string& path, const std::string& url);
+
+    // Scan directories.
+    void GetScanPathSet(const std::list<std::string>& pathList, std::set<std::string>& pathSet);
+    void GetWebHomePath(bool includeContainer);
+
+    // Walk and file check.
+    void Check();
+    void ScanFromDir(const std::string& dir, std::set<std::string>& visited,
+                     const ContainerCacheInfo& cache);
+    void ScanFromLink(const std::string& link, std::set<std::string>& visited,
+                      const ContainerCacheInfo& cache);
+    void ScanFromFile(const std::string& path, const ContainerCacheInfo& cache);
+    bool CheckFileType(const std::string& path);
+    // YARA's scan callback; `userData` is the DetectResult.
+    static int Callback(void* context, int message, void* messageData, void* userData);
+
+    // Reporting.
+    void SendDetectResultMsg(const std::string& filePath, const DetectResult& result,
+                             const ContainerInfo& container);
+    int DiscardReplicateMsg(const char* key);
+    void SendFileUploadMsg(const std::string& path);
+
+    // Watches.
+    void RegisterFileMonitorMessage();
+    void UpdateMonitorDirChange(std::map<std::string, std::string>& changes);
+    void SendFileNotifyWatchMessage(const std::string& path, const std::string& operation,
+                                    unsigned long extParm);
+
+    // Containers.
+    void ContainerWebshellScanInit();
+    void ContainerWebshellScanUnInit();
+    int ProcContainerStart(const std::shared_ptr<ContainerInfo>& info,
+                           const DetectWebshellPolicy* policy);
+    void GeneralContainerScanPath(const std::string& rootPath, const std::list<std::string>& pathList,
+                                  std::list<std::string>& result);
+    bool InsertContainerCache(ContainerCacheInfo& info);
+    void DeleteContainerCache(const std::string& containerId);
+    bool GetContainerCache(const std::string& containerId, ContainerCacheInfo& out);
+    bool GetContainerCacheFromIndex(const std::string& filePath, unsigned long index,
+                                    ContainerCacheInfo& out);
+    void GetContainerCacheList(std::map<std::string, ContainerCacheInfo>& out);
+    void ClearContainerCache();
+    void UnRegisterContainerFileNotify(const ContainerCacheInfo& info);
+
+    // Read-only views for status and tests.
+    const std::set<std::string>& GetScanPaths() const { return m_scanPathSet; }
+    const std::set<std::string>& GetMonitorDirs() const { return m_monitorDirSet; }
+    const std::string& GetWebshellLibPath() const { return m_webshellLibPath; }
+    const std::string& GetLoadedLibVersion() const { return m_loadedLibVersion; }
+    const std::vector<std::string>& GetFileTypes() const { return m_fileTypeList; }
+
+protected:
+    // The task's feature policy as the detection policy, or null.
+    DetectWebshellPolicy* GetDetectPolicy();
+
+private:
+    Poco::Logger* m_logger;
+    std::string m_webshellLibPath;
+    SDK::YaraUtils m_yara;
+    std::string m_loadedLibVersion;
+    std::vector<std::string> m_fileTypeList;
+    std::set<std::string> m_scanPathSet;
+    std::set<std::string> m_monitorDirSet;
+    std::map<std::string, ContainerCacheInfo> m_containerCache;
+    Poco::RWLock m_containerLock;
+    std::map<unsigned long, std::string> m_containerIndexMap;
+    std::map<unsigned int, std::map<int, std::shared_ptr<AssetMessage::assetInfo>>> m_assetInfoMap;
+    int64_t m_reserved;
+    unsigned long m_nextContainerIndex;
+    int32_t m_uploadFileCountPerDay;
+    std::vector<std::pair<std::string, int64_t>> m_reportHistory;
+    Poco::FastMutex m_reportHistoryMutex;
+    Poco::FastMutex m_scanPathMutex;
+};
+
+class AutoScanWebshellTask : public ScanWebshellTask {
+public:
+    AutoScanWebshellTask();
+    ~AutoScanWebshellTask() override;
+    int Run() override;
+};
+
+class OnceScanWebshellTask : public ScanWebshellTask {
+public:
+    OnceScanWebshellTask();
+    ~OnceScanWebshellTask() override;
+    int Run() override;
+};
+
+class DetectFileChangeWebshellTask : public ScanWebshellTask {
+public:
+    DetectFileChangeWebshellTask();
+    ~DetectFileChangeWebshellTask() override;
+    // ScanWebshellTask::Init, then the first watch registration; -1 when
+    // the base fails (no watch is requested then).
+    int Init() override;
+    int Run() override;
+};
+
+}  // namespace Engine

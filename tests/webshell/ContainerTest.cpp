@@ -1,0 +1,471 @@
+// The container cache and the container start/stop events of the
+// file-change task.
+
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "WebshellTestUtil.h"
+#include "container/ContainerMessage.h"
+#include "filenotify/FileNotifyMessage.h"
+#include "framework/Engine.h"
+#include "framework/StatusBoard.h"
+#include "webshell/ScanWebshellTask.h"
+
+using namespace WebshellTest;
+
+namespace {
+
+// Policy paths as a container sees them; chosen so that they do not exist
+// on the machine running the tests.
+const std::string kHtml = "/ardent-test-www/html";
+const std::string kApp = "/ardent-test-srv/app";
+
+class ContainerTest : public ::testing::Test {
+protected:
+    ContainerTest() : web("ardent-web"), task(new Engine::DetectFileChangeWebshellTask()) {}
+
+    void SetUp() override
+    {
+        doc.libHash = env.InstallRules(kTestRules);
+        doc.defaultPaths = {web.MkDir("host/www")};
+        doc.monitorContainer = true;
+    }
+    void TearDown() override
+    {
+        if (!uninitialised) {
+            task->UnInit();
+        }
+    }
+
+    void Start()
+    {
+        policy = MakePolicy(doc);
+        task->SetFeaturePolicy(policy.get());
+        ASSERT_EQ(task->Init(), 0);
+        env.ClearCaptures();
+    }
+
+    // A container whose root file system is web/<name>/merged.
+    std::shared_ptr<Engine::ContainerInfo> Container(const std::string& id, const std::string& name, bool running)
+    {
+        auto info = std::make_shared<Engine::ContainerInfo>();
+        info->running = running;
+        info->id = id;
+        info->name = name;
+        info->imageId = "sha256:" + id;
+        info->imageName = "img/" + name;
+        info->rootPath = web.Join(name + "/merged");
+        info->list1 = {"php-fpm", "-F"};
+        info->textMap = {{"io.kubernetes.pod.name", name + "-pod"}};
+        info->pairList = {{1, 2, "pair"}};
+        Engine::MountPoint mount;
+        mount.mountText1 = "/host/data";
+        mount.mountText2 = "/data";
+        info->mountPointList = {mount};
+        return info;
+    }
+
+    int Deliver(const std::shared_ptr<Engine::ContainerInfo>& info, bool event = true)
+    {
+        Engine::ContainerMessage msg(event, info);
+        return msg.MessageHandle(static_cast<Framework::Task*>(task.get()));
+    }
+
+    std::vector<std::shared_ptr<Engine::FileNotifyWatchMessage>> TakeWatches()
+    {
+        env.Barrier(kFileNotify);
+        auto watches = env.Sent<Engine::FileNotifyWatchMessage>(kFileNotify);
+        env.Capture(kFileNotify).Clear();
+        return watches;
+    }
+
+    Env env;
+    LogCapture log;
+    TestSupport::TempDir web;
+    PolicyDoc doc;
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
+    Poco::AutoPtr<Engine::DetectFileChangeWebshellTask> task;
+    bool uninitialised = false;
+};
+
+}  // namespace
+
+TEST_F(ContainerTest, CacheIndicesStartAtOneAndAreNeverReused)
+{
+    Start();
+    auto a = Container("aaa", "alpha", true);
+    auto b = Container("bbb", "beta", true);
+    auto c = Container("ccc", "gamma", true);
+    Engine::ContainerCacheInfo ea;
+    static_cast<Engine::ContainerInfo&>(ea) = *a;
+    ea.scanPathList = {a->rootPath + "/var/www"};
+    Engine::ContainerCacheInfo eb;
+    static_cast<Engine::ContainerInfo&>(eb) = *b;
+    Engine::ContainerCacheInfo ec;
+    static_cast<Engine::ContainerInfo&>(ec) = *c;
+
+    ASSERT_TRUE(task->InsertContainerCache(ea));
+    EXPECT_EQ(ea.index, 1u);
+    EXPECT_TRUE(log.Has("WebshellTask add container cache, index=1, name=alpha.", Poco::Message::PRIO_DEBUG));
+    ASSERT_TRUE(task->InsertContainerCache(eb));
+    EXPECT_EQ(eb.index, 2u);
+
+    // The same id again: refused, nothing changes, the caller's index stays.
+    Engine::ContainerCacheInfo again = ea;
+    again.index = 77;
+    again.name = "renamed";
+    EXPECT_FALSE(task->InsertContainerCache(again));
+    EXPECT_EQ(again.index, 77u);
+    Engine::ContainerCacheInfo stored;
+    ASSERT_TRUE(task->GetContainerCache("aaa", stored));
+    EXPECT_EQ(stored.name, "alpha");
+    EXPECT_EQ(stored.index, 1u);
+    // A lookup copies the whole description, lists and map included.
+    EXPECT_EQ(stored.list1, a->list1);
+    EXPECT_EQ(stored.textMap, a->textMap);
+    ASSERT_EQ(stored.mountPointList.size(), 1u);
+    EXPECT_EQ(stored.mountPointList[0].mountText2, "/data");
+    ASSERT_EQ(stored.pairList.size(), 1u);
+    EXPECT_EQ(stored.pairList[0].text, "pair");
+    EXPECT_EQ(stored.scanPathList, ea.scanPathList);
+
+    task->DeleteContainerCache("aaa");
+    EXPECT_TRUE(log.Has("WebshellTask delete docker cache, index=1, name=alpha.", Poco::Message::PRIO_DEBUG));
+    ASSERT_TRUE(task->InsertContainerCache(ec));
+    EXPECT_EQ(ec.index, 3u) << "indices are never reused";
+
+    // Unknown ids: nothing happens, nothing is logged.
+    log.Clear();
+    task->DeleteContainerCache("zzz");
+    Engine::ContainerCacheInfo untouched;
+    untouched.name = "keep";
+    EXPECT_FALSE(task->GetContainerCache("zzz", untouched));
+    EXPECT_EQ(untouched.name, "keep");
+    EXPECT_TRUE(log.Records().empty());
+
+    // The deleted entry's index is gone too.
+    EXPECT_FALSE(task->GetContainerCacheFromIndex(a->rootPath + "/var/www/x.php", 1, untouched));
+    EXPECT_TRUE(log.Has("WebshellTask not match cache index. index=1, path=" + a->rootPath + "/var/www/x.php",
+                        Poco::Message::PRIO_WARNING));
+    EXPECT_EQ(untouched.name, "keep");
+
+    // The list copy replaces whatever the caller's map held.
+    std::map<std::string, Engine::ContainerCacheInfo> list{{"old", Engine::ContainerCacheInfo()}};
+    task->GetContainerCacheList(list);
+    EXPECT_EQ(list.size(), 2u);
+    EXPECT_EQ(list.count("bbb"), 1u);
+    EXPECT_EQ(list.count("ccc"), 1u);
+    EXPECT_EQ(list["ccc"].index, 3u);
+}
+
+TEST_F(ContainerTest, IndexLookupIsAPlainPrefixTestOnTheRootPath)
+{
+    Start();
+    Engine::ContainerCacheInfo entry;
+    entry.id = "c1";
+    entry.name = "one";
+    entry.rootPath = "/var/lib/c1/merged";
+    ASSERT_TRUE(task->InsertContainerCache(entry));
+
+    Engine::ContainerCacheInfo out;
+    log.Clear();
+    EXPECT_FALSE(task->GetContainerCacheFromIndex("/var/lib/c1/merged/x", 0, out)) << "index 0 is the host";
+    EXPECT_TRUE(log.Records().empty());
+
+    EXPECT_TRUE(task->GetContainerCacheFromIndex("/var/lib/c1/merged/var/www/a.php", entry.index, out));
+    EXPECT_EQ(out.id, "c1");
+    EXPECT_EQ(out.index, entry.index);
+    Engine::ContainerCacheInfo out2;
+    EXPECT_TRUE(task->GetContainerCacheFromIndex("/var/lib/c1/merged2/x", entry.index, out2)) << "no separator needed";
+    Engine::ContainerCacheInfo out3;
+    EXPECT_FALSE(task->GetContainerCacheFromIndex("/other/var/lib/c1/merged/x", entry.index, out3));
+    EXPECT_TRUE(out3.id.empty());
+    EXPECT_TRUE(log.Has("WebshellTask root path match failed. container=one, file=/other/var/lib/c1/merged/x, "
+                        "root=/var/lib/c1/merged",
+                        Poco::Message::PRIO_DEBUG));
+
+    // An empty root path matches every file.
+    Engine::ContainerCacheInfo rootless;
+    rootless.id = "c2";
+    rootless.name = "two";
+    ASSERT_TRUE(task->InsertContainerCache(rootless));
+    Engine::ContainerCacheInfo out4;
+    EXPECT_TRUE(task->GetContainerCacheFromIndex("/anything", rootless.index, out4));
+    EXPECT_EQ(out4.name, "two");
+}
+
+TEST_F(ContainerTest, OnlyTheFileChangeTaskSubscribesAndEveryTaskUnsubscribes)
+{
+    Start();  // resets the captures after Init; look at the log for Init
+    EXPECT_TRUE(log.Has("WebshellTask container process Init. task name:detect_file_change_wehshell_task",
+                        Poco::Message::PRIO_INFORMATION));
+    EXPECT_TRUE(log.Has("WebshellTask detect_file_change_wehshell_task subscribe container event .",
+                        Poco::Message::PRIO_INFORMATION));
+
+    // Seen from the collector's side this time.
+    Poco::AutoPtr<Engine::DetectFileChangeWebshellTask> fileChange(new Engine::DetectFileChangeWebshellTask());
+    Poco::AutoPtr<Engine::AutoScanWebshellTask> periodic(new Engine::AutoScanWebshellTask());
+    Poco::AutoPtr<Engine::OnceScanWebshellTask> once(new Engine::OnceScanWebshellTask());
+    Poco::AutoPtr<Engine::DetectFileChangeWebshellTask> switchedOff(new Engine::DetectFileChangeWebshellTask());
+    Poco::AutoPtr<Engine::DetectFileChangeWebshellTask> noPolicy(new Engine::DetectFileChangeWebshellTask());
+    PolicyDoc off = doc;
+    off.monitorContainer = false;
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> offPolicy = MakePolicy(off);
+    for (Engine::ScanWebshellTask* t : {static_cast<Engine::ScanWebshellTask*>(fileChange.get()),
+                                        static_cast<Engine::ScanWebshellTask*>(periodic.get()),
+                                        static_cast<Engine::ScanWebshellTask*>(once.get())}) {
+        t->SetFeaturePolicy(policy.get());
+    }
+    switchedOff->SetFeaturePolicy(offPolicy.get());
+    for (Engine::ScanWebshellTask* t :
+         {static_cast<Engine::ScanWebshellTask*>(fileChange.get()), static_cast<Engine::ScanWebshellTask*>(periodic.get()),
+          static_cast<Engine::ScanWebshellTask*>(once.get()), static_cast<Engine::ScanWebshellTask*>(switchedOff.get()),
+          static_cast<Engine::ScanWebshellTask*>(noPolicy.get())}) {
+        ASSERT_EQ(t->Init(), 0);
+    }
+    env.Barrier(kContainerCollect);
+    auto subscriptions = env.Sent<Engine::ContainerRegisterMessage>(kContainerCollect);
+    ASSERT_EQ(subscriptions.size(), 1u);
+    EXPECT_EQ(subscriptions[0]->task, fileChange.get());
+    EXPECT_TRUE(subscriptions[0]->subscribe);
+    EXPECT_FALSE(subscriptions[0]->option);
+    EXPECT_TRUE(log.Has("WebshellTask auto_scan_wehshell_task do not subscribe container event .",
+                        Poco::Message::PRIO_INFORMATION));
+    EXPECT_TRUE(log.Has("WebshellTask once_scan_webshell_task do not subscribe container event .",
+                        Poco::Message::PRIO_INFORMATION));
+    EXPECT_EQ(log.Count("WebshellTask detect_file_change_wehshell_task do not subscribe container event ."), 2u)
+        << "switched off, and no policy";
+
+    env.ClearCaptures();
+    for (Engine::ScanWebshellTask* t :
+         {static_cast<Engine::ScanWebshellTask*>(fileChange.get()), static_cast<Engine::ScanWebshellTask*>(periodic.get()),
+          static_cast<Engine::ScanWebshellTask*>(once.get()), static_cast<Engine::ScanWebshellTask*>(switchedOff.get()),
+          static_cast<Engine::ScanWebshellTask*>(noPolicy.get())}) {
+        t->UnInit();
+    }
+    env.Barrier(kContainerCollect);
+    auto unsubscriptions = env.Sent<Engine::ContainerRegisterMessage>(kContainerCollect);
+    ASSERT_EQ(unsubscriptions.size(), 5u);
+    for (auto& m : unsubscriptions) {
+        EXPECT_FALSE(m->subscribe);
+        EXPECT_FALSE(m->option);
+    }
+    EXPECT_EQ(log.Count("WebshellTask container process UnInit.", Poco::Message::PRIO_INFORMATION), 5u);
+    // Asset kinds 0 then 4 are unsubscribed by each.
+    env.Barrier(kMsgSync);
+    auto assets = env.Sent<Engine::AssetUnRegisterMessage>(kMsgSync);
+    ASSERT_EQ(assets.size(), 10u);
+    EXPECT_EQ(assets[0]->kind, 0u);
+    EXPECT_EQ(assets[1]->kind, 4u);
+    EXPECT_EQ(assets[0]->task, fileChange.get());
+}
+
+TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
+{
+    doc.defaultPaths.push_back(kHtml);
+    doc.customPaths = {kHtml, kApp, "/ardent-test-not/there"};
+    Start();
+    auto info = Container("0123abcd", "shop", true);
+    const std::string html = web.MkDir("shop/merged" + kHtml);
+    const std::string app = web.MkDir("shop/merged" + kApp);
+
+    log.Clear();
+    EXPECT_EQ(Deliver(info, true), 0);
+    EXPECT_TRUE(log.Has("WebshellTask Receive container message, name(shop),event(1).",
+                        Poco::Message::PRIO_INFORMATION));
+    // The host's default root under the container root does not exist: dropped.
+    EXPECT_TRUE(log.Has("Get path stat failed, path(" + info->rootPath + doc.defaultPaths.front() + ").",
+                        Poco::Message::PRIO_DEBUG));
+    auto watches = TakeWatches();
+    ASSERT_EQ(watches.size(), 2u) << "the same path in both lists is watched once";
+    EXPECT_EQ(watches[0]->GetPath(), app);
+    EXPECT_EQ(watches[1]->GetPath(), html);
+    for (auto& w : watches) {
+        EXPECT_EQ(w->GetOpt().addWatch, 1);
+        EXPECT_EQ(w->GetOpt().extParm, 1u);
+    }
+    EXPECT_TRUE(log.Has("WebshellTask add container file notify, filePath:" + html + ", index:1",
+                        Poco::Message::PRIO_DEBUG));
+    EXPECT_TRUE(log.Has("WebshellTask container:shop, scan path count:2", Poco::Message::PRIO_DEBUG));
+    Engine::ContainerCacheInfo cached;
+    ASSERT_TRUE(task->GetContainerCache("0123abcd", cached));
+    EXPECT_EQ(cached.scanPathList, (std::list<std::string>{app, html}));
+    EXPECT_EQ(cached.imageName, "img/shop");
+    EXPECT_TRUE(task->GetMonitorDirs().count(html) == 0) << "container roots are not host watches";
+
+    // A second start changes nothing but still logs the count.
+    log.Clear();
+    Deliver(info, true);
+    EXPECT_TRUE(TakeWatches().empty());
+    EXPECT_TRUE(log.Has("WebshellTask container:shop, scan path count:2", Poco::Message::PRIO_DEBUG));
+
+    // Stop: one removal per cached path with the entry's index, then the entry goes.
+    info->running = false;
+    Deliver(info, false);
+    watches = TakeWatches();
+    ASSERT_EQ(watches.size(), 2u);
+    EXPECT_EQ(watches[0]->GetPath(), app);
+    EXPECT_EQ(watches[0]->GetOpt().removeWatch, 1);
+    EXPECT_EQ(watches[1]->GetOpt().extParm, 1u);
+    Engine::ContainerCacheInfo gone;
+    EXPECT_FALSE(task->GetContainerCache("0123abcd", gone));
+    EXPECT_TRUE(log.Has("WebshellTask delete docker cache, index=1, name=shop.", Poco::Message::PRIO_DEBUG));
+
+    // A stop for something never cached.
+    Deliver(info, false);
+    EXPECT_TRUE(log.Has("WebshellTask get container cache failed: shop", Poco::Message::PRIO_DEBUG));
+    EXPECT_TRUE(TakeWatches().empty());
+}
+
+TEST_F(ContainerTest, EventsThatChangeNothing)
+{
+    doc.defaultPaths.push_back(kHtml);
+    Start();
+
+    // No web root under the container: nothing cached, nothing watched.
+    auto bare = Container("b4re", "bare", true);
+    web.MkDir("bare/merged/etc");
+    log.Clear();
+    Deliver(bare);
+    EXPECT_TRUE(log.Has("WebshellTask container scan path is empty. bare", Poco::Message::PRIO_DEBUG));
+    EXPECT_TRUE(TakeWatches().empty());
+    bare->running = false;
+    Deliver(bare);
+    EXPECT_TRUE(log.Has("WebshellTask get container cache failed: bare", Poco::Message::PRIO_DEBUG));
+
+    // An empty root path: ignored after the receive line.
+    auto rootless = Container("r00t", "rootless", true);
+    rootless->rootPath.clear();
+    log.Clear();
+    EXPECT_EQ(Deliver(rootless), 0);
+    ASSERT_EQ(log.Records().size(), 1u) << log.Dump();
+    EXPECT_EQ(log.Records()[0].text, "WebshellTask Receive container message, name(rootless),event(1).");
+
+    // Poco::format writes a bool as 1 or 0.
+    Deliver(bare, false);
+    EXPECT_TRUE(log.Has("WebshellTask Receive container message, name(bare),event(0).",
+                        Poco::Message::PRIO_INFORMATION));
+
+    // No description at all: logged with an empty name, ignored.
+    EXPECT_EQ(Deliver(nullptr), 0);
+    EXPECT_TRUE(log.Has("WebshellTask Receive container message, name(),event(1).",
+                        Poco::Message::PRIO_INFORMATION));
+
+    // A task that does not take container messages.
+    Engine::ContainerMessage msg(true, bare);
+    EXPECT_EQ(msg.MessageHandle(nullptr), -1);
+    Poco::AutoPtr<TestSupport::CaptureTask> other(new TestSupport::CaptureTask("not_a_receiver"));
+    EXPECT_EQ(msg.MessageHandle(static_cast<Framework::Task*>(other.get())), -1);
+}
+
+TEST_F(ContainerTest, SwitchOffLeavesCachedContainersUntilUnInit)
+{
+    doc.defaultPaths.push_back(kHtml);
+    Start();
+    auto info = Container("5w17", "legacy", true);
+    const std::string html = web.MkDir("legacy/merged" + kHtml);
+    Deliver(info);
+    ASSERT_EQ(TakeWatches().size(), 1u);
+
+    PolicyDoc off = doc;
+    off.monitorContainer = false;
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> offPolicy = MakePolicy(off);
+    task->SetFeaturePolicy(offPolicy.get());
+    info->running = false;
+    log.Clear();
+    Deliver(info, false);
+    EXPECT_TRUE(log.Has("WebshellTask container monitor switch is off.", Poco::Message::PRIO_DEBUG));
+    EXPECT_TRUE(TakeWatches().empty());
+    Engine::ContainerCacheInfo cached;
+    EXPECT_TRUE(task->GetContainerCache("5w17", cached));
+
+    // UnInit removes the watches and empties the cache.
+    log.Clear();
+    task->UnInit();
+    uninitialised = true;
+    EXPECT_TRUE(log.Has("WebshellTask clear docker cache", Poco::Message::PRIO_DEBUG));
+    auto watches = TakeWatches();
+    ASSERT_EQ(watches.size(), 1u);
+    EXPECT_EQ(watches[0]->GetPath(), html);
+    EXPECT_EQ(watches[0]->GetOpt().removeWatch, 1);
+    EXPECT_EQ(watches[0]->GetOpt().extParm, cached.index);
+    EXPECT_FALSE(task->GetContainerCache("5w17", cached));
+
+    // Clearing an empty cache logs and sends nothing.
+    log.Clear();
+    task->ClearContainerCache();
+    EXPECT_TRUE(log.Has("WebshellTask clear docker cache", Poco::Message::PRIO_DEBUG));
+    EXPECT_TRUE(TakeWatches().empty());
+}
+
+TEST_F(ContainerTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
+{
+    doc.defaultPaths = {web.MkDir("host/www"), kHtml};
+    doc.customPaths = {};
+    policy = MakePolicy(doc);
+    task->SetFeaturePolicy(policy.get());
+    // The file-change task is found by name through the engine, which
+    // starts it (Init) and stops it (UnInit) on its own thread.
+    ASSERT_EQ(env.engine().RegisterTask(task.get(), nullptr), 0);
+    uninitialised = true;
+    auto info = Container("feed", "blog", true);
+    const std::string html = web.MkDir("blog/merged" + kHtml);
+    const std::string shell = web.Write("blog/merged" + kHtml + "/wp-shell.php", std::string("<?php ") + kCertainMark);
+    const std::string hostShell = web.Write("host/www/h.php", std::string("<?php ") + kCertainMark);
+    ASSERT_TRUE(env.engine().SendToTask(task.get(), new Engine::ContainerMessage(true, info)));
+    ASSERT_TRUE(TestSupport::WaitFor([&] {
+        Engine::ContainerCacheInfo c;
+        return task->GetContainerCache("feed", c);
+    }));
+
+    Poco::AutoPtr<Engine::OnceScanWebshellTask> once(new Engine::OnceScanWebshellTask());
+    once->SetFeaturePolicy(policy.get());
+    ASSERT_EQ(once->Init(), 0);
+    log.Clear();
+    once->Run();
+    EXPECT_TRUE(log.Has("Webshell task check container web directory. cache size is 1", Poco::Message::PRIO_DEBUG));
+    EXPECT_TRUE(log.Has("ScanFromDir, path(" + html + "), index(1)", Poco::Message::PRIO_DEBUG));
+
+    env.Barrier(kDataReport);
+    std::map<std::string, Json::Value> byPath;
+    for (auto& m : env.Sent<Framework::DataMessage>(kDataReport)) {
+        Json::Value e = ParseJson(m->GetContent());
+        const std::string path = e["file_info"].isArray() ? e["file_info"][0]["file_path"].asString()
+                                                          : e["file_info"]["file_path"].asString();
+        byPath[path] = e;
+    }
+    ASSERT_EQ(byPath.size(), 2u);
+    EXPECT_TRUE(byPath[hostShell]["file_info"].isArray());
+    ASSERT_EQ(byPath.count(kHtml + "/wp-shell.php"), 1u);
+    EXPECT_EQ(byPath[kHtml + "/wp-shell.php"]["container_name"].asString(), "blog");
+    EXPECT_EQ(byPath[kHtml + "/wp-shell.php"]["image_name"].asString(), "img/blog");
+
+    const Json::Value pass = Framework::StatusBoard::Get("webshell.last_pass");
+    ASSERT_EQ(pass["roots"].size(), 2u);
+    EXPECT_EQ(pass["roots"][1].asString(), html);
+
+    // A container root that the host pass already walked is not walked
+    // again: its files stay the host's.
+    env.ClearCaptures();
+    PolicyDoc overlap = doc;
+    overlap.defaultPaths = {web.Join("host/www"), html};
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> overlapPolicy = MakePolicy(overlap);
+    Poco::AutoPtr<Engine::OnceScanWebshellTask> third(new Engine::OnceScanWebshellTask());
+    third->SetFeaturePolicy(overlapPolicy.get());
+    ASSERT_EQ(third->Init(), 0);
+    log.Clear();
+    third->Run();
+    EXPECT_EQ(log.Count("ScanFromDir, path(" + html + "), index(0)"), 1u);
+    EXPECT_EQ(log.Count("ScanFromDir, path(" + html + "), index(1)"), 1u) << "entered, found visited, left";
+    env.Barrier(kDataReport);
+    auto events = env.Sent<Framework::DataMessage>(kDataReport);
+    ASSERT_EQ(events.size(), 2u);
+    for (auto& m : events) {
+        EXPECT_TRUE(ParseJson(m->GetContent())["file_info"].isArray());
+    }
+
+    EXPECT_EQ(env.engine().UnRegisterTask("detect_file_change_wehshell_task"), 1);
+    third->UnInit();
+    once->UnInit();
+}

@@ -1,0 +1,232 @@
+// The detection event (both shapes), duplicate suppression, and the upload
+// request of an uncertain match.
+
+#include <regex>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "WebshellTestUtil.h"
+#include "sdk/TimeUtils.h"
+#include "webshell/DetectResult.h"
+#include "webshell/ScanWebshellTask.h"
+
+using namespace WebshellTest;
+
+namespace {
+
+class ReportTest : public ::testing::Test {
+protected:
+    ReportTest() : web("ardent-web"), task(new Engine::OnceScanWebshellTask()) {}
+
+    void SetUp() override
+    {
+        doc.libHash = env.InstallRules(kTestRules);
+        doc.defaultPaths = {web.MkDir("www")};
+        policy = MakePolicy(doc);
+        task->SetFeaturePolicy(policy.get());
+        ASSERT_EQ(task->Init(), 0);
+        ASSERT_TRUE(task->ParsePolicyContent());
+    }
+    void TearDown() override { task->UnInit(); }
+
+    std::vector<Json::Value> Events()
+    {
+        env.Barrier(kDataReport);
+        std::vector<Json::Value> out;
+        for (auto& m : env.Sent<Framework::DataMessage>(kDataReport)) {
+            out.push_back(ParseJson(m->GetContent()));
+        }
+        return out;
+    }
+
+    Env env;
+    LogCapture log;
+    TestSupport::TempDir web;
+    PolicyDoc doc;
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
+    Poco::AutoPtr<Engine::OnceScanWebshellTask> task;
+};
+
+std::set<std::string> Keys(const Json::Value& object)
+{
+    std::set<std::string> keys;
+    for (auto& name : object.getMemberNames()) {
+        keys.insert(name);
+    }
+    return keys;
+}
+
+}  // namespace
+
+TEST_F(ReportTest, HostFileEventCarriesEveryFieldAndTheFileDigest)
+{
+    const std::string shell = web.Write("www/dir with space/sh\"ell.php", std::string("<?php ") + kCertainMark);
+    const int64_t before = SDK::TimeUtils::GetCurrentTimestampS();
+    task->ScanFromFile(shell, Engine::ContainerCacheInfo());
+    const int64_t after = SDK::TimeUtils::GetCurrentTimestampS();
+
+    env.Barrier(kDataReport);
+    auto messages = env.Sent<Framework::DataMessage>(kDataReport);
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_EQ(messages[0]->GetDataType(), "2");
+    const std::string text = messages[0]->GetContent();
+    EXPECT_EQ(text.find('\n'), std::string::npos) << "one line";
+    EXPECT_TRUE(log.Has("Webshell detect result(" + text + ").", Poco::Message::PRIO_DEBUG));
+
+    const Json::Value event = ParseJson(text);
+    EXPECT_EQ(Keys(event), (std::set<std::string>{"event_id", "event_classid", "event_name", "occur_time",
+                                                  "event_category", "event_type", "severity", "event_count",
+                                                  "attack_phase", "attack_tag", "confidence", "detect_module",
+                                                  "file_info"}));
+    EXPECT_TRUE(std::regex_match(event["event_id"].asString(),
+                                 std::regex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}")))
+        << event["event_id"].asString();
+    EXPECT_EQ(event["event_classid"].asString(), "webshell_0001");
+    EXPECT_EQ(event["event_name"].asString(), "webshell");
+    ASSERT_TRUE(event["occur_time"].isIntegral());
+    EXPECT_GE(event["occur_time"].asInt64(), before);
+    EXPECT_LE(event["occur_time"].asInt64(), after);
+    EXPECT_EQ(event["event_category"].asInt(), 1000);
+    EXPECT_EQ(event["event_type"].asInt(), 1015);
+    EXPECT_EQ(event["severity"].asInt(), 2);
+    EXPECT_EQ(event["event_count"].asInt(), 1);
+    EXPECT_EQ(event["attack_phase"].asInt(), 6);
+    EXPECT_EQ(event["attack_tag"].asInt(), 2);
+    EXPECT_EQ(event["confidence"].asInt(), 90);
+    EXPECT_EQ(event["detect_module"].asString(), "webshell_module");
+
+    // A host file: an array holding one file object.
+    ASSERT_TRUE(event["file_info"].isArray());
+    ASSERT_EQ(event["file_info"].size(), 1u);
+    const Json::Value& file = event["file_info"][0];
+    EXPECT_EQ(Keys(file), (std::set<std::string>{"file_path", "file_key_word", "file_sha256"}));
+    EXPECT_EQ(file["file_path"].asString(), shell);
+    EXPECT_EQ(file["file_key_word"].asString(), kCertainMark);
+    EXPECT_EQ(file["file_sha256"].asString(), TestSupport::Sha256Sum(shell));
+
+    // Each event has its own id.
+    const std::string second = web.Write("www/second.php", std::string("<?php ") + kCertainMark);
+    task->ScanFromFile(second, Engine::ContainerCacheInfo());
+    auto events = Events();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_NE(events[0]["event_id"].asString(), events[1]["event_id"].asString());
+}
+
+TEST_F(ReportTest, ContainerFileEventUsesTheInContainerPathAndABareFileObject)
+{
+    const std::string root = web.MkDir("var/lib/c1/merged");
+    const std::string shell = web.Write("var/lib/c1/merged/www/a.php", std::string("<?php ") + kCertainMark);
+    Engine::ContainerInfo container;
+    container.id = "4f1c0ffee";
+    container.name = "web1";
+    container.imageId = "sha256:9a8b";
+    container.imageName = "nginx:1.25";
+    container.rootPath = root;
+    Engine::DetectResult result;
+    result.matched = result.certain = true;
+    result.keyWord = kCertainMark;
+    task->SendDetectResultMsg(shell, result, container);
+
+    auto events = Events();
+    ASSERT_EQ(events.size(), 1u);
+    const Json::Value& event = events[0];
+    EXPECT_EQ(event["container_name"].asString(), "web1");
+    EXPECT_EQ(event["image_name"].asString(), "nginx:1.25");
+    EXPECT_EQ(Keys(event["resource_info"]), (std::set<std::string>{"container_id", "image_id"}));
+    EXPECT_EQ(event["resource_info"]["container_id"].asString(), "4f1c0ffee");
+    EXPECT_EQ(event["resource_info"]["image_id"].asString(), "sha256:9a8b");
+    ASSERT_TRUE(event["file_info"].isObject()) << "a container file gives a bare object";
+    EXPECT_EQ(event["file_info"]["file_path"].asString(), "/www/a.php");
+    EXPECT_EQ(event["file_info"]["file_sha256"].asString(), TestSupport::Sha256Sum(shell));
+    EXPECT_EQ(event["file_info"]["file_key_word"].asString(), kCertainMark);
+
+    // Only the root's length counts, not its text.
+    container.id = "second";
+    container.rootPath = std::string(root.size(), 'x');
+    const std::string other = web.Write("var/lib/c1/merged/www/b.php", "irrelevant");
+    task->SendDetectResultMsg(other, result, container);
+    events = Events();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1]["file_info"]["file_path"].asString(), "/www/b.php");
+
+    // A name without an id is a host file; no digest for a missing file;
+    // no key word when the match text is empty.
+    Engine::ContainerInfo nameOnly;
+    nameOnly.name = "web1";
+    nameOnly.rootPath = root;
+    result.keyWord.clear();
+    const std::string missing = web.Join("var/lib/c1/merged/www/gone.php");
+    task->SendDetectResultMsg(missing, result, nameOnly);
+    events = Events();
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_FALSE(events[2].isMember("container_name"));
+    EXPECT_FALSE(events[2].isMember("resource_info"));
+    ASSERT_TRUE(events[2]["file_info"].isArray());
+    EXPECT_EQ(Keys(events[2]["file_info"][0]), (std::set<std::string>{"file_path"}));
+    EXPECT_EQ(events[2]["file_info"][0]["file_path"].asString(), missing);
+
+    // A root longer than the path is a caller error that escapes.
+    Engine::ContainerInfo tooLong = container;
+    tooLong.id = "third";
+    tooLong.rootPath = std::string(4096, '/');
+    EXPECT_THROW(task->SendDetectResultMsg(shell, result, tooLong), std::out_of_range);
+}
+
+TEST_F(ReportTest, SamePathWithinAMinuteIsReportedOnce)
+{
+    const std::string shell = web.Write("www/a.php", std::string("<?php ") + kCertainMark);
+    task->ScanFromFile(shell, Engine::ContainerCacheInfo());
+    task->ScanFromFile(shell, Engine::ContainerCacheInfo());
+    EXPECT_EQ(Events().size(), 1u);
+    EXPECT_EQ(log.Count("has same message " + shell + "\n", Poco::Message::PRIO_DEBUG), 1u);
+
+    // Keys are exact byte texts.
+    EXPECT_EQ(task->DiscardReplicateMsg(nullptr), 0);
+    EXPECT_EQ(task->DiscardReplicateMsg("/srv/k.php"), 0);
+    EXPECT_EQ(task->DiscardReplicateMsg("/srv/k.php"), 1);
+    EXPECT_EQ(task->DiscardReplicateMsg("/srv/K.php"), 0);
+    EXPECT_EQ(task->DiscardReplicateMsg("/srv/k.php/"), 0);
+    EXPECT_EQ(task->DiscardReplicateMsg(shell.c_str()), 1);
+
+    // Each task keeps its own history: another task reports the file too.
+    Poco::AutoPtr<Engine::OnceScanWebshellTask> other(new Engine::OnceScanWebshellTask());
+    other->SetFeaturePolicy(policy.get());
+    ASSERT_EQ(other->Init(), 0);
+    ASSERT_TRUE(other->ParsePolicyContent());
+    other->ScanFromFile(shell, Engine::ContainerCacheInfo());
+    EXPECT_EQ(Events().size(), 2u);
+    other->UnInit();
+
+    long now = 0;
+    EXPECT_TRUE(task->GetTime(now));
+    EXPECT_NEAR(static_cast<double>(now), static_cast<double>(SDK::TimeUtils::GetCurrentTimestampS()), 2.0);
+}
+
+TEST_F(ReportTest, UncertainMatchIsAnUploadRequestNeverAnEvent)
+{
+    const std::string suspicious = web.Write("www/s.php", std::string("<?php ") + kSuspiciousMark);
+    task->ScanFromFile(suspicious, Engine::ContainerCacheInfo());
+    EXPECT_TRUE(Events().empty());
+    env.Barrier(kFileReport);
+    auto requests = env.Sent<Framework::FileMessage>(kFileReport);
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0]->GetTaskType(), Framework::FileMessage::UPLOAD);
+    EXPECT_EQ(requests[0]->GetFilePath(), suspicious);
+    EXPECT_EQ(requests[0]->GetKind(), "webshell");
+    EXPECT_EQ(requests[0]->GetExtra(), "");
+    EXPECT_EQ(log.CountPrefix("Upload file, file path(" + suspicious + "), count("), 1u) << log.Dump();
+
+    // Found again in the same period: not uploaded again.
+    task->ScanFromFile(suspicious, Engine::ContainerCacheInfo());
+    env.Barrier(kFileReport);
+    EXPECT_EQ(env.Sent<Framework::FileMessage>(kFileReport).size(), 1u);
+
+    // A path longer than 256 bytes is never uploaded.
+    std::string longName = "www/" + std::string(300, 'n') + ".php";
+    const std::string deep = web.Write(longName.substr(0, 200) + "/" + longName.substr(200), std::string("<?php ") + kSuspiciousMark);
+    ASSERT_GT(deep.size(), 256u);
+    task->ScanFromFile(deep, Engine::ContainerCacheInfo());
+    env.Barrier(kFileReport);
+    EXPECT_EQ(env.Sent<Framework::FileMessage>(kFileReport).size(), 1u);
+}

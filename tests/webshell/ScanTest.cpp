@@ -1,0 +1,489 @@
+// Scan roots, the rule library, the walk over real trees and the check of
+// one file with real compiled rules.
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "WebshellTestUtil.h"
+#include "framework/StatusBoard.h"
+#include "message/AssetMessage.h"
+#include "sdk/YaraUtils.h"
+#include "webshell/DetectResult.h"
+#include "webshell/ScanWebshellTask.h"
+
+using namespace WebshellTest;
+
+namespace {
+
+class ScanTest : public ::testing::Test {
+protected:
+    ScanTest() : web("ardent-web"), task(new Engine::OnceScanWebshellTask()) {}
+
+    void SetUp() override
+    {
+        doc.libHash = env.InstallRules(kTestRules);
+    }
+    void TearDown() override { task->UnInit(); }
+
+    // Gives the task the current document and starts it.
+    void Apply()
+    {
+        policy = MakePolicy(doc);
+        task->SetFeaturePolicy(policy.get());
+        ASSERT_EQ(task->Init(), 0);
+    }
+
+    std::vector<Json::Value> Events()
+    {
+        env.Barrier(kDataReport);
+        std::vector<Json::Value> out;
+        for (auto& m : env.Sent<Framework::DataMessage>(kDataReport)) {
+            EXPECT_EQ(m->GetDataType(), "2");
+            out.push_back(ParseJson(m->GetContent()));
+        }
+        return out;
+    }
+    std::set<std::string> EventPaths()
+    {
+        std::set<std::string> paths;
+        for (auto& e : Events()) {
+            paths.insert(e["file_info"][0]["file_path"].asString());
+        }
+        return paths;
+    }
+    std::vector<std::shared_ptr<Framework::FileMessage>> FileRequests(Framework::FileMessage::TaskType type)
+    {
+        env.Barrier(kFileReport);
+        std::vector<std::shared_ptr<Framework::FileMessage>> out;
+        for (auto& m : env.Sent<Framework::FileMessage>(kFileReport)) {
+            if (m->GetTaskType() == type) {
+                out.push_back(m);
+            }
+        }
+        return out;
+    }
+    std::set<std::string> UploadPaths()
+    {
+        std::set<std::string> paths;
+        for (auto& m : FileRequests(Framework::FileMessage::UPLOAD)) {
+            paths.insert(m->GetFilePath());
+        }
+        return paths;
+    }
+
+    Env env;
+    LogCapture log;
+    TestSupport::TempDir web;
+    PolicyDoc doc;
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
+    Poco::AutoPtr<Engine::OnceScanWebshellTask> task;
+};
+
+std::string Certain(const std::string& prefix = "<?php ") { return prefix + kCertainMark + "\n"; }
+
+}  // namespace
+
+TEST_F(ScanTest, ScanRootsComeFromBothListsAndOnlyDirectoriesQualify)
+{
+    const std::string www = web.MkDir("www");
+    const std::string other = web.MkDir("other");
+    const std::string file = web.Write("index.php", "<?php");
+    const std::string link = web.Symlink(www, "www-link");
+    const std::string missing = web.Join("missing");
+    doc.defaultPaths = {www, missing, file};
+    doc.customPaths = {www, www + "/", link, other, web.Symlink(web.Join("gone"), "dangling")};
+    Apply();
+
+    ASSERT_TRUE(task->ParsePolicyContent());
+    // Duplicates collapse; the trailing slash makes another root; the link
+    // is a root under its own path; files, missing paths and dangling links are not.
+    EXPECT_EQ(task->GetScanPaths(), (std::set<std::string>{www, www + "/", link, other}));
+    EXPECT_TRUE(log.Has("Get path stat failed, path(" + missing + ").", Poco::Message::PRIO_DEBUG)) << log.Dump();
+    EXPECT_TRUE(log.Has("Get path stat failed, path(" + web.Join("dangling") + ").", Poco::Message::PRIO_DEBUG));
+    EXPECT_EQ(log.CountPrefix("Get path stat sucecss"), 0u) << "policy paths do not log success";
+
+    std::set<std::string> set;
+    task->GetScanPathSet({file, missing}, set);
+    EXPECT_TRUE(set.empty());
+    task->GetScanPathSet({}, set);
+    EXPECT_TRUE(set.empty());
+}
+
+TEST_F(ScanTest, WebRootsOfReportedServersJoinTheScanRoots)
+{
+    const std::string hostRoot = web.MkDir("host/html");
+    const std::string tomcatRoot = web.MkDir("tomcat/webapps");
+    const std::string containerRoot = web.MkDir("proc/1234/root/var/www");
+    doc.defaultPaths = {web.MkDir("default")};
+    doc.monitorContainer = false;
+
+    auto asset = [](const std::string& container, std::vector<std::string> dirs) {
+        auto info = std::make_shared<Engine::AssetMessage::assetInfo>();
+        info->containerId = container;
+        for (auto& d : dirs) {
+            auto dir = std::make_shared<Engine::AssetMessage::webDirInfo>();
+            dir->path = d;
+            info->webDirList.push_back(dir);
+        }
+        return info;
+    };
+    Engine::AssetMessage::AssetMap kind0{{1, asset("", {hostRoot, web.Join("nowhere")})},
+                                         {2, asset("c0ffee", {containerRoot})}};
+    Engine::AssetMessage::AssetMap kind4{{7, asset("", {tomcatRoot})}};
+
+    // Without a policy the assets are stored and nothing is watched.
+    Engine::AssetMessage first(0, kind0);
+    EXPECT_EQ(first.MessageHandle(static_cast<Framework::Task*>(task.get())), 0);
+    Engine::AssetMessage second(4, kind4);
+    second.MessageHandle(static_cast<Framework::Task*>(task.get()));
+    EXPECT_EQ(log.Count("Webshell Receive asset msg!", Poco::Message::PRIO_INFORMATION), 2u);
+    env.Barrier(kFileNotify);
+    EXPECT_EQ(env.Capture(kFileNotify).MessagesOf<Framework::Message>().size(), 1u) << "only the barrier";
+
+    Apply();
+    ASSERT_TRUE(task->ParsePolicyContent());
+    EXPECT_EQ(task->GetScanPaths(), (std::set<std::string>{doc.defaultPaths.front(), hostRoot, tomcatRoot}));
+    EXPECT_TRUE(log.Has("Get path stat sucecss, path(" + hostRoot + ").", Poco::Message::PRIO_DEBUG));
+    EXPECT_TRUE(log.Has("Get path stat failed, path(" + web.Join("nowhere") + ").", Poco::Message::PRIO_DEBUG));
+
+    // With containers followed, the container's web root joins too.
+    doc.monitorContainer = true;
+    Apply();
+    ASSERT_TRUE(task->ParsePolicyContent());
+    EXPECT_EQ(task->GetScanPaths().count(containerRoot), 1u);
+
+    // A second report of kind 4 replaces that kind whole; kind 0 stays.
+    Engine::AssetMessage replace(4, Engine::AssetMessage::AssetMap{});
+    replace.MessageHandle(static_cast<Framework::Task*>(task.get()));
+    ASSERT_TRUE(task->ParsePolicyContent());
+    EXPECT_EQ(task->GetScanPaths().count(tomcatRoot), 0u);
+    EXPECT_EQ(task->GetScanPaths().count(hostRoot), 1u);
+    EXPECT_EQ(task->GetScanPaths().count(containerRoot), 1u);
+}
+
+TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
+{
+    const std::string www = web.MkDir("www");
+    const std::string marked = web.Write("www/a.php", Certain());
+    doc.defaultPaths = {www};
+    const std::string goodHash = doc.libHash;
+
+    // Missing file: a download request on every call, nothing loaded.
+    ASSERT_EQ(unlink(env.LibPath().c_str()), 0);
+    Apply();
+    EXPECT_FALSE(task->ParsePolicyContent());
+    EXPECT_FALSE(task->ParsePolicyContent());
+    auto downloads = FileRequests(Framework::FileMessage::DOWNLOAD);
+    ASSERT_EQ(downloads.size(), 2u);
+    EXPECT_EQ(downloads[0]->GetFilePath(), env.LibPath());
+    EXPECT_EQ(downloads[0]->GetKind(), "");
+    EXPECT_EQ(downloads[0]->GetExtra(), doc.libUrl);
+    EXPECT_EQ(log.Count("Download file, url(" + doc.libUrl + ").", Poco::Message::PRIO_INFORMATION), 2u);
+    EXPECT_EQ(Framework::StatusBoard::Get("webshell.rules")["state"].asString(), "missing");
+    EXPECT_EQ(task->GetLoadedLibVersion(), "");
+
+    // Present but with another hash: still a request per call and no load.
+    env.ClearCaptures();
+    env.InstallRules(kTestRules);
+    doc.libHash = std::string(64, '0');
+    Apply();
+    EXPECT_FALSE(task->ParsePolicyContent());
+    EXPECT_EQ(FileRequests(Framework::FileMessage::DOWNLOAD).size(), 1u);
+    EXPECT_EQ(Framework::StatusBoard::Get("webshell.rules")["state"].asString(), "hash_mismatch");
+    EXPECT_EQ(task->GetLoadedLibVersion(), "");
+    task->Run();
+    EXPECT_TRUE(Events().empty());
+    EXPECT_EQ(Framework::StatusBoard::Get("webshell.last_pass")["reason"].asString(), "rules not ready");
+
+    // Matching hash: loaded once, then kept while the version stays.
+    env.ClearCaptures();
+    doc.libHash = goodHash;
+    Apply();
+    EXPECT_TRUE(task->ParsePolicyContent());
+    EXPECT_EQ(task->GetLoadedLibVersion(), "1");
+    const Json::Value rules = Framework::StatusBoard::Get("webshell.rules");
+    EXPECT_EQ(rules["state"].asString(), "loaded");
+    EXPECT_EQ(rules["path"].asString(), env.LibPath());
+    EXPECT_EQ(rules["wanted_hash"].asString(), goodHash);
+    EXPECT_TRUE(FileRequests(Framework::FileMessage::DOWNLOAD).empty());
+
+    // New content under the same version is not reloaded: the old rules,
+    // which know the mark, still find it.
+    const std::string otherRules = "rule other : certain { strings: $o = \"OTHER_MARK_3e1d\" condition: $o }";
+    doc.libHash = env.InstallRules(otherRules);
+    Apply();
+    EXPECT_TRUE(task->ParsePolicyContent());
+    task->ScanFromFile(marked, Engine::ContainerCacheInfo());
+    EXPECT_EQ(EventPaths(), (std::set<std::string>{marked}));
+
+    // A new version reloads from the same file: the mark is no longer known.
+    env.ClearCaptures();
+    const std::string other = web.Write("www/b.php", "<?php OTHER_MARK_3e1d");
+    const std::string marked2 = web.Write("www/c.php", Certain());
+    doc.libVersion = "2";
+    Apply();
+    EXPECT_TRUE(task->ParsePolicyContent());
+    EXPECT_EQ(task->GetLoadedLibVersion(), "2");
+    task->ScanFromFile(marked2, Engine::ContainerCacheInfo());
+    task->ScanFromFile(other, Engine::ContainerCacheInfo());
+    EXPECT_EQ(EventPaths(), (std::set<std::string>{other}));
+
+    // Content that does not compile: false, nothing loaded, the next call
+    // tries again and succeeds once the file is right.
+    doc.libHash = env.InstallRules("rule broken : certain { condition: }");
+    doc.libVersion = "3";
+    Apply();
+    EXPECT_FALSE(task->ParsePolicyContent());
+    EXPECT_EQ(task->GetLoadedLibVersion(), "2");
+    EXPECT_EQ(Framework::StatusBoard::Get("webshell.rules")["state"].asString(), "load_failed");
+    task->ScanFromFile(other, Engine::ContainerCacheInfo());
+    EXPECT_TRUE(log.Has("Check file failed, path(" + other + ").", Poco::Message::PRIO_ERROR));
+    doc.libHash = env.InstallRules(kTestRules, true);  // compiled rules this time
+    Apply();
+    EXPECT_TRUE(task->ParsePolicyContent());
+    EXPECT_EQ(task->GetLoadedLibVersion(), "3");
+}
+
+TEST_F(ScanTest, WalkOverAHostileTreeChecksExactlyTheRightFiles)
+{
+    const std::string root = web.MkDir("www");
+    const std::string a = web.Write("www/a.php", Certain());
+    const std::string b = web.Write("www/b.php", std::string("<?php ") + kSuspiciousMark);
+    web.Write("www/c.txt", Certain("text "));  // wrong suffix
+    // Two rules match; the first in the library (not certain) ends the check.
+    const std::string both = web.Write("www/both.php", std::string(kSuspiciousMark) + " " + kCertainMark);
+    web.Write("www/clean.php", "<?php echo 'hello';");
+    std::string exact = Certain("<?php ");
+    exact.resize(100, ' ');
+    const std::string atLimit = web.Write("www/size/exact.php", exact);
+    const std::string overLimit = web.Write("www/size/over.php", exact + " ");
+    const std::string fifo = web.Fifo("www/pipes/index.php");
+    const std::string socket = web.Socket("www/sock/index.php");
+    const std::string real = web.Write("www/real/r.php", Certain());
+    web.Symlink(web.Join("www/real"), "www/linkdir");
+    web.Symlink(".", "www/loop/self");
+    const std::string dangling = web.Symlink(web.Join("www/nowhere.php"), "www/dangling.php");
+    const std::string fileLink = web.Symlink(a, "www/filelink.php");
+    const std::string locked = web.Write("www/locked/l.php", Certain());
+    web.MkDir("www/locked", 0);
+
+    doc.defaultPaths = {root};
+    doc.customPaths = {root};  // the same root twice is walked once
+    doc.maxFileSize = 100;
+    Apply();
+    task->Run();
+
+    std::set<std::string> expected{a, atLimit, real, root + "/linkdir/r.php", fileLink};
+    // Tests run as root, for whom a mode-0 directory is still readable; for
+    // anyone else it is skipped silently.
+    if (geteuid() == 0) {
+        expected.insert(locked);
+    }
+    EXPECT_EQ(EventPaths(), expected) << log.Dump();
+    EXPECT_EQ(UploadPaths(), (std::set<std::string>{b, both}));
+
+    EXPECT_TRUE(log.Has("Webshell task check OS web directory. ", Poco::Message::PRIO_DEBUG));
+    EXPECT_EQ(log.Count("ScanFromDir, path(" + root + "), index(0)", Poco::Message::PRIO_DEBUG), 1u);
+    EXPECT_TRUE(log.Has("File is too big, path(" + overLimit + ").", Poco::Message::PRIO_DEBUG));
+    EXPECT_EQ(log.CountPrefix("File is too big"), 1u);
+    EXPECT_TRUE(log.Has("ScanFromDir stat check file " + fifo + " Unknown", Poco::Message::PRIO_DEBUG));
+    EXPECT_TRUE(log.Has("ScanFromDir stat check file " + socket + " Unknown", Poco::Message::PRIO_DEBUG));
+    EXPECT_TRUE(log.Has("ScanFromDir stat failed: file(" + dangling + "), index(0)", Poco::Message::PRIO_DEBUG));
+    // The link loop is followed under ever longer names until the system
+    // refuses to resolve them.
+    EXPECT_GE(log.CountPrefix("ScanFromDir stat failed: file(" + root + "/loop/self/self"), 1u);
+    EXPECT_TRUE(log.Has("ScanFromDir, path(" + root + "/linkdir), index(0)", Poco::Message::PRIO_DEBUG));
+    EXPECT_TRUE(log.Has("Webshell task get scan task failed.", Poco::Message::PRIO_DEBUG));
+
+    const Json::Value pass = Framework::StatusBoard::Get("webshell.last_pass");
+    EXPECT_EQ(pass["state"].asString(), "finished");
+    EXPECT_EQ(pass["task"].asString(), "once_scan_webshell_task");
+    EXPECT_EQ(pass["events"].asUInt64(), expected.size());
+    EXPECT_EQ(pass["uploads"].asUInt64(), 2u);
+    EXPECT_EQ(pass["certain"].asUInt64(), expected.size());
+    EXPECT_EQ(pass["uncertain"].asUInt64(), 2u);
+    EXPECT_EQ(pass["files_matched"].asUInt64(), expected.size() + 2);
+    // Checked: the matches plus clean.php; seen: also c.txt and over.php.
+    EXPECT_EQ(pass["files_checked"].asUInt64(), expected.size() + 3);
+    EXPECT_EQ(pass["files_seen"].asUInt64(), expected.size() + 5);
+    ASSERT_EQ(pass["roots"].size(), 1u);
+    EXPECT_EQ(pass["roots"][0].asString(), root);
+
+    // A second pass right away: the same findings are not reported again
+    // within the minute, and uploaded files are not uploaded again.
+    env.ClearCaptures();
+    log.Clear();
+    task->Run();
+    EXPECT_TRUE(Events().empty());
+    EXPECT_TRUE(UploadPaths().empty());
+    EXPECT_TRUE(log.Has("has same message " + a + "\n", Poco::Message::PRIO_DEBUG));
+    EXPECT_EQ(Framework::StatusBoard::Get("webshell.last_pass")["events"].asUInt64(), 0u);
+}
+
+TEST_F(ScanTest, SuffixFilterUsesTheLastDotOfTheWholePath)
+{
+    doc.defaultPaths = {web.MkDir("www")};
+    doc.fileType = "php,JSP";
+    Apply();
+    ASSERT_TRUE(task->ParsePolicyContent());
+    EXPECT_EQ(task->GetFileTypes(), (std::vector<std::string>{"php", "JSP"}));
+    EXPECT_TRUE(task->CheckFileType("/srv/www/a.Php"));
+    EXPECT_TRUE(task->CheckFileType("/srv/www/b.jsp"));
+    EXPECT_FALSE(task->CheckFileType("/srv/www/c.php5"));
+    EXPECT_FALSE(task->CheckFileType("/srv/www/README"));
+    EXPECT_FALSE(task->CheckFileType("/srv/site.d/index"));  // extension "d/index"
+    EXPECT_TRUE(task->CheckFileType("/srv/site.d/x.php"));
+    EXPECT_FALSE(task->CheckFileType("/srv/www/a.php."));
+    EXPECT_TRUE(task->CheckFileType(".php"));
+
+    // An empty suffix text lets every file through.
+    doc.fileType = "";
+    Apply();
+    ASSERT_TRUE(task->ParsePolicyContent());
+    EXPECT_TRUE(task->GetFileTypes().empty());
+    EXPECT_TRUE(task->CheckFileType("/srv/www/README"));
+    EXPECT_TRUE(task->CheckFileType("/srv/site.d/index"));
+
+    // ",," gives empty pieces: only a path ending in a dot matches them.
+    doc.fileType = "php,,";
+    Apply();
+    ASSERT_TRUE(task->ParsePolicyContent());
+    EXPECT_TRUE(task->CheckFileType("/srv/www/a."));
+    EXPECT_FALSE(task->CheckFileType("/srv/www/README"));
+}
+
+TEST_F(ScanTest, SizeLimitOfZeroOrLessMeansNoLimit)
+{
+    const std::string big = web.Write("www/big.php", Certain() + std::string(5000, 'x'));
+    doc.defaultPaths = {web.Join("www")};
+    doc.maxFileSize = 0;
+    Apply();
+    task->Run();
+    EXPECT_EQ(EventPaths(), (std::set<std::string>{big}));
+
+    env.ClearCaptures();
+    const std::string big2 = web.Write("www2/big.php", Certain() + std::string(5000, 'x'));
+    doc.defaultPaths = {web.Join("www2")};
+    doc.maxFileSize = -1;
+    Apply();
+    task->Run();
+    EXPECT_EQ(EventPaths(), (std::set<std::string>{big2}));
+    EXPECT_EQ(log.CountPrefix("File is too big"), 0u);
+}
+
+TEST_F(ScanTest, MatchCallbackReadsTagsInOrderAndTheLastMatchedText)
+{
+    const std::string extra = web.Write("f/extra.php", kExtraPhpMark);
+    const std::string certainly = web.Write("f/certainly.php", kCertainlyMark);
+    const std::string privateOnly = web.Write("f/private.php", kPrivateMark);
+    const std::string twoStrings = web.Write("f/two.php", std::string(kSecondMark) + " " + kFirstMark);
+    const std::string both = web.Write("f/both.php", std::string(kCertainMark) + kSuspiciousMark);
+    const std::string clean = web.Write("f/clean.php", "nothing here");
+
+    SDK::YaraUtils yara(&Engine::ScanWebshellTask::Callback);
+    ASSERT_TRUE(yara.LoadRuleFromFile(env.LibPath()));
+    auto check = [&](const std::string& path) {
+        Engine::DetectResult result;
+        EXPECT_TRUE(yara.CheckFile(path, &result, 5)) << path;
+        return result;
+    };
+
+    Engine::DetectResult r = check(extra);
+    EXPECT_TRUE(r.matched);
+    EXPECT_EQ(r.ruleName, "extra_then_certain");
+    EXPECT_TRUE(r.extraPhp) << "the first fitting tag decides";
+    EXPECT_FALSE(r.certain);
+    EXPECT_FALSE(r.extraJsp);
+    EXPECT_EQ(r.keyWord, kExtraPhpMark);
+
+    r = check(certainly);
+    EXPECT_TRUE(r.certain) << "a prefix test";
+    EXPECT_EQ(r.ruleName, "certainly_prefix");
+
+    r = check(privateOnly);
+    EXPECT_TRUE(r.certain);
+    EXPECT_EQ(r.keyWord, "") << "private matches are skipped";
+
+    r = check(twoStrings);
+    EXPECT_EQ(r.ruleName, "two_strings");
+    EXPECT_EQ(r.keyWord, kSecondMark) << "strings in rule order, the last one wins";
+
+    r = check(both);
+    EXPECT_EQ(r.ruleName, "suspicious_mark") << "the first matching rule ends the scan";
+    EXPECT_FALSE(r.certain);
+
+    r = check(clean);
+    EXPECT_FALSE(r.matched);
+    EXPECT_TRUE(r.ruleName.empty());
+
+    // Other messages continue the scan; a match without a rule is an error.
+    Engine::DetectResult direct;
+    EXPECT_EQ(Engine::ScanWebshellTask::Callback(nullptr, 3, nullptr, &direct), 0);
+    EXPECT_FALSE(direct.matched);
+    EXPECT_EQ(Engine::ScanWebshellTask::Callback(nullptr, 1, nullptr, &direct), 2);
+    EXPECT_TRUE(direct.matched);
+
+    // Through the task: extra_php-then-certain is an upload, not an event.
+    doc.defaultPaths = {web.Join("f")};
+    Apply();
+    ASSERT_TRUE(task->ParsePolicyContent());
+    for (auto& path : {extra, certainly, privateOnly, twoStrings}) {
+        task->ScanFromFile(path, Engine::ContainerCacheInfo());
+    }
+    EXPECT_EQ(UploadPaths(), (std::set<std::string>{extra}));
+    std::map<std::string, Json::Value> byPath;
+    for (auto& e : Events()) {
+        byPath[e["file_info"][0]["file_path"].asString()] = e["file_info"][0];
+    }
+    ASSERT_EQ(byPath.size(), 3u);
+    EXPECT_FALSE(byPath[privateOnly].isMember("file_key_word"));
+    EXPECT_EQ(byPath[twoStrings]["file_key_word"].asString(), kSecondMark);
+    EXPECT_EQ(byPath[certainly]["file_key_word"].asString(), kCertainlyMark);
+}
+
+TEST_F(ScanTest, CancellingDuringAWalkStopsAtTheNextEntry)
+{
+    const std::string root = web.MkDir("www");
+    for (int d = 0; d < 30; ++d) {
+        for (int f = 0; f < 20; ++f) {
+            web.Write("www/d" + std::to_string(d) + "/f" + std::to_string(f) + ".php", "<?php echo 1;");
+        }
+    }
+    doc.defaultPaths = {root};
+    Apply();
+
+    // Cancel from inside the walk, the moment it enters the tenth directory.
+    const std::string trigger = "ScanFromDir, path(" + root + "/d10), index(0)";
+    Engine::OnceScanWebshellTask* raw = task.get();
+    log.SetHook([raw, trigger](const LogRecord& record) {
+        if (record.text == trigger) {
+            raw->cancel();
+        }
+    });
+    task->Run();
+    log.SetHook(nullptr);
+
+    ASSERT_TRUE(task->IsCancelling());
+    const auto records = log.Records();
+    auto at = std::find_if(records.begin(), records.end(), [&](const LogRecord& r) { return r.text == trigger; });
+    ASSERT_NE(at, records.end()) << "the walk never reached d10";
+    for (auto it = at + 1; it != records.end(); ++it) {
+        EXPECT_NE(it->text.compare(0, 12, "ScanFromDir,"), 0) << "walked on after the cancel: " << it->text;
+    }
+    const Json::Value pass = Framework::StatusBoard::Get("webshell.last_pass");
+    EXPECT_EQ(pass["state"].asString(), "finished");
+    EXPECT_LT(pass["files_seen"].asUInt64(), 600u);
+    // The cancelled directory's own files were not checked: the pass saw
+    // whole directories only.
+    EXPECT_EQ(pass["files_seen"].asUInt64() % 20, 0u);
+
+    // A task that is cancelling does not start walking the next root.
+    log.Clear();
+    task->Run();
+    EXPECT_EQ(log.CountPrefix("ScanFromDir"), 0u);
+}

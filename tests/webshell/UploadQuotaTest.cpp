@@ -1,0 +1,190 @@
+// The daily upload quota. The recorder is one object per process, so the
+// test that goes through it runs in a binary of its own; the period rules
+// are tested on recorders with an injected clock.
+
+#include <atomic>
+#include <set>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "WebshellTestUtil.h"
+#include "framework/StatusBoard.h"
+#include "webshell/ScanWebshellTask.h"
+#include "webshell/WebshellFileUploadRecorder.h"
+
+using namespace WebshellTest;
+
+namespace {
+
+const int64_t kDayMs = 86400000;
+
+struct FakeClock {
+    std::atomic<int64_t> now{1700000000000};
+    Engine::WebshellFileUploadRecorder::Clock Fn()
+    {
+        return [this] { return now.load(); };
+    }
+};
+
+// Check, then record, as the upload does.
+bool Upload(Engine::WebshellFileUploadRecorder& recorder, const std::string& path)
+{
+    if (!recorder.CheckUploadWebshellFile(path)) {
+        return false;
+    }
+    recorder.AddUploadedWebshellFile(path);
+    return true;
+}
+
+}  // namespace
+
+TEST(WebshellFileUploadRecorder, QuotaAdmitsOneMoreThanItsValuePerPeriod)
+{
+    FakeClock clock;
+    Engine::WebshellFileUploadRecorder recorder(clock.Fn());
+    recorder.SetUploadFileCountPerDay(2);
+    EXPECT_EQ(recorder.GetUploadFileCount(), 0);
+    // The first check opens the period and ignores the quota; then 1 and 2
+    // pass "count <= quota"; 3 does not.
+    EXPECT_TRUE(Upload(recorder, "/a"));
+    EXPECT_TRUE(Upload(recorder, "/b"));
+    EXPECT_TRUE(Upload(recorder, "/c"));
+    EXPECT_FALSE(Upload(recorder, "/d"));
+    EXPECT_EQ(recorder.GetUploadFileCount(), 3);
+    EXPECT_FALSE(recorder.CheckUploadWebshellFile("/a")) << "once per period";
+
+    // Quota 0 still admits one upload per period.
+    Engine::WebshellFileUploadRecorder zero(clock.Fn());
+    zero.SetUploadFileCountPerDay(0);
+    EXPECT_TRUE(Upload(zero, "/x"));
+    EXPECT_FALSE(Upload(zero, "/y"));
+    // A negative quota: only the opening upload.
+    Engine::WebshellFileUploadRecorder negative(clock.Fn());
+    negative.SetUploadFileCountPerDay(-3);
+    EXPECT_TRUE(Upload(negative, "/x"));
+    EXPECT_FALSE(Upload(negative, "/y"));
+
+    // Recording twice counts twice but keeps one path.
+    Engine::WebshellFileUploadRecorder twice(clock.Fn());
+    EXPECT_TRUE(twice.AddUploadedWebshellFile("/p"));
+    EXPECT_TRUE(twice.AddUploadedWebshellFile("/p"));
+    EXPECT_EQ(twice.GetUploadFileCount(), 2);
+}
+
+TEST(WebshellFileUploadRecorder, PeriodRenewsLazilyAfterTwentyFourHours)
+{
+    FakeClock clock;
+    Engine::WebshellFileUploadRecorder recorder(clock.Fn());
+    recorder.SetUploadFileCountPerDay(1);
+    const int64_t start = clock.now.load();
+    EXPECT_TRUE(Upload(recorder, "/a"));
+    EXPECT_TRUE(Upload(recorder, "/b"));
+    EXPECT_FALSE(Upload(recorder, "/c"));
+
+    // Exactly 24 h later the period still runs.
+    clock.now = start + kDayMs;
+    EXPECT_FALSE(Upload(recorder, "/c"));
+    // A file of the old period is refused before the period test is made,
+    // even after the period ran out...
+    clock.now = start + kDayMs + 1;
+    EXPECT_FALSE(recorder.CheckUploadWebshellFile("/a"));
+    // ...until another file's check renews the period: count and set reset.
+    EXPECT_TRUE(recorder.CheckUploadWebshellFile("/c"));
+    EXPECT_EQ(recorder.GetUploadFileCount(), 0);
+    recorder.AddUploadedWebshellFile("/c");
+    EXPECT_TRUE(Upload(recorder, "/a"));
+    EXPECT_FALSE(Upload(recorder, "/d"));
+
+    // The new period runs from its own start.
+    const int64_t second = start + kDayMs + 1;
+    clock.now = second + kDayMs;
+    EXPECT_FALSE(Upload(recorder, "/d"));
+    clock.now = second + kDayMs + 1;
+    EXPECT_TRUE(Upload(recorder, "/d"));
+}
+
+TEST(WebshellFileUploadRecorder, ConcurrentUploadersStayWithinQuotaPlusRacers)
+{
+    FakeClock clock;
+    Engine::WebshellFileUploadRecorder recorder(clock.Fn());
+    recorder.SetUploadFileCountPerDay(50);
+    std::atomic<int> admitted{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 200; ++i) {
+                admitted += Upload(recorder, "/t" + std::to_string(t) + "/" + std::to_string(i)) ? 1 : 0;
+            }
+        });
+    }
+    for (auto& th : threads) {
+        th.join();
+    }
+    // Check and record are separate calls: racing threads may each pass.
+    EXPECT_GE(admitted.load(), 51);
+    EXPECT_LE(admitted.load(), 51 + 4);
+    EXPECT_EQ(recorder.GetUploadFileCount(), admitted.load());
+}
+
+// The only test in this binary that uses the process-wide recorder.
+TEST(WebshellUpload, QuotaOfTwoUploadsThreeOfFourSuspiciousFiles)
+{
+    Env env;
+    LogCapture log;
+    TestSupport::TempDir web("ardent-web");
+    std::set<std::string> files;
+    for (const char* name : {"a.php", "b.php", "c.php", "d.php"}) {
+        files.insert(web.Write(std::string("www/") + name, std::string("<?php ") + kSuspiciousMark));
+    }
+    PolicyDoc doc;
+    doc.defaultPaths = {web.Join("www")};
+    doc.libHash = env.InstallRules(kTestRules);
+    doc.uploadPerDay = 2;
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy = MakePolicy(doc);
+    Poco::AutoPtr<Engine::OnceScanWebshellTask> task(new Engine::OnceScanWebshellTask());
+    task->SetFeaturePolicy(policy.get());
+    ASSERT_EQ(task->Init(), 0);
+
+    // Never uploaded and never counted: a path of 257 bytes.
+    const std::string tooLong = "/" + std::string(256, 'p');
+    ASSERT_EQ(tooLong.size(), 257u);
+    task->SendFileUploadMsg(tooLong);
+    EXPECT_EQ(Engine::WebshellFileUploadRecorder::GetInstance().GetUploadFileCount(), 0);
+
+    task->Run();
+    env.Barrier(kFileReport);
+    auto uploads = env.Sent<Framework::FileMessage>(kFileReport);
+    ASSERT_EQ(uploads.size(), 3u);
+    std::set<std::string> uploaded;
+    for (auto& m : uploads) {
+        EXPECT_EQ(m->GetTaskType(), Framework::FileMessage::UPLOAD);
+        EXPECT_EQ(m->GetKind(), "webshell");
+        EXPECT_EQ(m->GetExtra(), "");
+        EXPECT_EQ(files.count(m->GetFilePath()), 1u);
+        uploaded.insert(m->GetFilePath());
+    }
+    EXPECT_EQ(uploaded.size(), 3u);
+    // The log shows the count before each upload, 0 first.
+    const std::string first = uploads[0]->GetFilePath();
+    EXPECT_TRUE(log.Has("Upload file, file path(" + first + "), count(0).", Poco::Message::PRIO_INFORMATION))
+        << log.Dump();
+    EXPECT_TRUE(log.Has("Upload file, file path(" + uploads[2]->GetFilePath() + "), count(2).",
+                        Poco::Message::PRIO_INFORMATION));
+    EXPECT_EQ(Engine::WebshellFileUploadRecorder::GetInstance().GetUploadFileCount(), 3);
+    EXPECT_EQ(Framework::StatusBoard::Get("webshell.last_pass")["uploads"].asUInt64(), 3u);
+    EXPECT_EQ(Framework::StatusBoard::Get("webshell.last_pass")["uncertain"].asUInt64(), 4u);
+
+    // With a larger quota a path of exactly 256 bytes goes out; 257 still not.
+    Engine::WebshellFileUploadRecorder::GetInstance().SetUploadFileCountPerDay(10);
+    const std::string exact = "/" + std::string(255, 'q');
+    ASSERT_EQ(exact.size(), 256u);
+    task->SendFileUploadMsg(exact);
+    task->SendFileUploadMsg(tooLong);
+    env.Barrier(kFileReport);
+    uploads = env.Sent<Framework::FileMessage>(kFileReport);
+    ASSERT_EQ(uploads.size(), 4u);
+    EXPECT_EQ(uploads[3]->GetFilePath(), exact);
+    EXPECT_EQ(Engine::WebshellFileUploadRecorder::GetInstance().GetUploadFileCount(), 4);
+    task->UnInit();
+}

@@ -1,0 +1,303 @@
+#include "WebshellTestUtil.h"
+
+#include <atomic>
+
+#include <Poco/Logger.h>
+
+#include "framework/Engine.h"
+#include "sdk/JsonUtils.h"
+
+namespace WebshellTest {
+
+const char* const kDataReport = "data_comm_report_task";
+const char* const kFileReport = "file_comm_report_task";
+const char* const kFileNotify = "filenotify_task";
+const char* const kMsgSync = "msg_sync_task";
+const char* const kContainerCollect = "container_collect_task";
+
+const char* const kCertainMark = "CERTAIN_MARK_51c2";
+const char* const kSuspiciousMark = "SUSPICIOUS_MARK_7f3a";
+const char* const kExtraPhpMark = "EXTRA_PHP_MARK_88d0";
+const char* const kCertainlyMark = "CERTAINLY_MARK_2b61";
+const char* const kPrivateMark = "PRIVATE_MARK_93ad";
+const char* const kFirstMark = "FIRST_MARK_04e7";
+const char* const kSecondMark = "SECOND_MARK_c9b5";
+
+const char* const kTestRules = R"(
+rule suspicious_mark
+{
+    strings:
+        $s = "SUSPICIOUS_MARK_7f3a"
+    condition:
+        $s
+}
+
+rule certain_mark : certain php
+{
+    strings:
+        $c = "CERTAIN_MARK_51c2"
+    condition:
+        $c
+}
+
+rule extra_then_certain : extra_php certain
+{
+    strings:
+        $e = "EXTRA_PHP_MARK_88d0"
+    condition:
+        $e
+}
+
+rule certainly_prefix : certainly
+{
+    strings:
+        $p = "CERTAINLY_MARK_2b61"
+    condition:
+        $p
+}
+
+rule private_only : certain
+{
+    strings:
+        $h = "PRIVATE_MARK_93ad" private
+    condition:
+        $h
+}
+
+rule two_strings : certain
+{
+    strings:
+        $a = "FIRST_MARK_04e7"
+        $b = "SECOND_MARK_c9b5"
+    condition:
+        all of them
+}
+)";
+
+// ------------------------------------------------------------- LogCapture
+
+class LogCapture::Channel : public Poco::Channel {
+public:
+    void log(const Poco::Message& msg) override
+    {
+        LogRecord record{msg.getText(), msg.getPriority(),
+                         msg.getSourceFile() != nullptr ? msg.getSourceFile() : ""};
+        std::function<void(const LogRecord&)> hook;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_records.push_back(record);
+            hook = m_hook;
+        }
+        if (hook) {
+            hook(record);
+        }
+    }
+
+    std::mutex m_mutex;
+    std::vector<LogRecord> m_records;
+    std::function<void(const LogRecord&)> m_hook;
+};
+
+LogCapture::LogCapture() : m_channel(new Channel)
+{
+    Poco::Logger& logger = Poco::Logger::get("webshell_module");
+    m_previousChannel = logger.getChannel();
+    m_previousLevel = logger.getLevel();
+    logger.setChannel(Poco::Channel::Ptr(m_channel.get(), true));
+    logger.setLevel(Poco::Message::PRIO_TRACE);
+}
+
+LogCapture::~LogCapture()
+{
+    Poco::Logger& logger = Poco::Logger::get("webshell_module");
+    logger.setChannel(m_previousChannel);
+    logger.setLevel(m_previousLevel);
+}
+
+std::vector<LogRecord> LogCapture::Records()
+{
+    std::lock_guard<std::mutex> lock(m_channel->m_mutex);
+    return m_channel->m_records;
+}
+
+size_t LogCapture::Count(const std::string& text)
+{
+    size_t n = 0;
+    for (auto& r : Records()) {
+        n += r.text == text ? 1 : 0;
+    }
+    return n;
+}
+
+size_t LogCapture::Count(const std::string& text, Poco::Message::Priority priority)
+{
+    size_t n = 0;
+    for (auto& r : Records()) {
+        n += r.text == text && r.priority == priority ? 1 : 0;
+    }
+    return n;
+}
+
+size_t LogCapture::CountPrefix(const std::string& prefix)
+{
+    size_t n = 0;
+    for (auto& r : Records()) {
+        n += r.text.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
+    }
+    return n;
+}
+
+void LogCapture::Clear()
+{
+    std::lock_guard<std::mutex> lock(m_channel->m_mutex);
+    m_channel->m_records.clear();
+}
+
+void LogCapture::SetHook(std::function<void(const LogRecord&)> hook)
+{
+    std::lock_guard<std::mutex> lock(m_channel->m_mutex);
+    m_channel->m_hook = std::move(hook);
+}
+
+std::string LogCapture::Dump()
+{
+    std::string out;
+    for (auto& r : Records()) {
+        out += "[" + std::to_string(r.priority) + "] " + r.text + "\n";
+    }
+    return out;
+}
+
+// -------------------------------------------------------------------- Env
+
+Env::Env() : m_engine(new TestSupport::TestEngine())
+{
+    for (const char* name : {kDataReport, kFileReport, kFileNotify, kMsgSync, kContainerCollect}) {
+        Poco::AutoPtr<TestSupport::CaptureTask> task(new TestSupport::CaptureTask(name));
+        if (engine().RegisterTask(task.get(), nullptr) != 0) {
+            throw std::runtime_error(std::string("cannot register capture task ") + name);
+        }
+        m_captures.emplace_back(name, task);
+    }
+}
+
+Env::~Env()
+{
+    engine().UnloadModules();
+    for (auto& name : engine().GetTaskNames()) {
+        engine().UnRegisterTask(name);
+    }
+    m_captures.clear();
+    m_engine.reset();
+}
+
+TestSupport::CaptureTask& Env::Capture(const std::string& service)
+{
+    for (auto& entry : m_captures) {
+        if (entry.first == service) {
+            return *entry.second;
+        }
+    }
+    throw std::runtime_error("no capture task " + service);
+}
+
+std::string Env::InstallRules(const std::string& source, bool compiled)
+{
+    const std::string rel = "install/data/webshell/webshell.dat";
+    const std::string path = TestSupport::WriteRules(Dir(), rel, source, compiled);
+    if (path != LibPath()) {
+        throw std::runtime_error("rule library landed at " + path + ", expected " + LibPath());
+    }
+    return TestSupport::Sha256Sum(path);
+}
+
+void Env::Barrier(const std::string& service)
+{
+    static std::atomic<int> counter{0};
+    const std::string name = "barrier-" + std::to_string(counter.fetch_add(1));
+    if (!engine().SendDirectMsg(service, new Framework::Message(name))) {
+        throw std::runtime_error("barrier to " + service + " not delivered");
+    }
+    TestSupport::CaptureTask& capture = Capture(service);
+    const bool arrived = TestSupport::WaitFor([&] {
+        for (auto& m : capture.Messages()) {
+            if (m->GetName() == name) {
+                return true;
+            }
+        }
+        return false;
+    });
+    if (!arrived) {
+        throw std::runtime_error("barrier to " + service + " not handled in time");
+    }
+}
+
+void Env::ClearCaptures()
+{
+    for (auto& entry : m_captures) {
+        Barrier(entry.first);
+        entry.second->Clear();
+    }
+}
+
+// --------------------------------------------------------------- policies
+
+Json::Value PolicyDoc::ToJsonValue() const
+{
+    Json::Value root(Json::objectValue);
+    root["feature_name"] = "detect_webshell";
+    root["hash"] = "test";
+    root["enabled"] = true;
+    Json::Value& content = root["content"];
+    content["default_scan_paths"] = Json::Value(Json::arrayValue);
+    for (auto& p : defaultPaths) {
+        content["default_scan_paths"].append(p);
+    }
+    content["customize_scan_paths"] = Json::Value(Json::arrayValue);
+    for (auto& p : customPaths) {
+        content["customize_scan_paths"].append(p);
+    }
+    content["lib_version"] = libVersion;
+    content["lib_url"] = libUrl;
+    content["lib_hash"] = libHash;
+    content["monitor_file_change"] = monitorFileChange;
+    content["monitor_container"] = monitorContainer;
+    content["file_type"] = fileType;
+    content["max_file_size"] = maxFileSize;
+    content["upload_file_count_per_day"] = uploadPerDay;
+    Json::Value& condition = content["auto_scan_task"]["task_condition"];
+    condition["type"] = "interval";
+    condition["interval_s"] = intervalS;
+    condition["delay_s"] = delayS;
+    return root;
+}
+
+std::string PolicyDoc::ToJson() const
+{
+    return SDK::JsonUtils::JsonToString(ToJsonValue());
+}
+
+Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc)
+{
+    return MakePolicy(doc.ToJson());
+}
+
+Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const std::string& json)
+{
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy(new Engine::DetectWebshellPolicy("detect_webshell"));
+    if (!policy->Parse(json)) {
+        throw std::runtime_error("test policy does not parse: " + json);
+    }
+    return policy;
+}
+
+Json::Value ParseJson(const std::string& text)
+{
+    Json::Value value;
+    if (SDK::JsonUtils::ParseJsonStr(text, value) != 0) {
+        throw std::runtime_error("not JSON: " + text);
+    }
+    return value;
+}
+
+}  // namespace WebshellTest
