@@ -473,6 +473,11 @@ bool Engine::ApplyPolicyDocument(const std::string& policyId, const std::string&
     }
     SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "Applied policy %s (feature %s)",
             policyId, feature);
+    // Consumers derive their directories from the policy and the assets
+    // together: the asset service sends its assets again so they re-derive.
+    if (FindTask(kAssetServiceTask) != nullptr) {
+        SendDirectMsg(kAssetServiceTask, new Message(kPolicyAppliedMessage));
+    }
     return true;
 }
 

@@ -298,6 +298,17 @@ std::vector<Task*> Task::LiveTasksOfType(TaskCondition::TaskType type)
     return out;
 }
 
+bool Task::DescribeLive(Task* target, TaskCondition::TaskType& type, Poco::Task::TaskState& state)
+{
+    Poco::FastMutex::ScopedLock lock(g_liveMutex);
+    if (target == nullptr || LiveTasks().count(target) == 0) {
+        return false;
+    }
+    type = target->m_type;
+    state = target->GetState();
+    return true;
+}
+
 void Task::CancelAllLive()
 {
     Poco::FastMutex::ScopedLock lock(g_liveMutex);

@@ -40,6 +40,11 @@ namespace Framework {
 
 class ControlServer;
 
+// After each applied policy the engine sends the asset service a message of
+// this name, so that it sends every consumer its assets again.
+constexpr const char* kAssetServiceTask = "msg_sync_task";
+constexpr const char* kPolicyAppliedMessage = "policy_applied";
+
 namespace Detail {
 // Poco's Application constructor resets the root logger's channel; this
 // base, built first, keeps what the agent configured so Engine can restore it.

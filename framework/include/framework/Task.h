@@ -174,6 +174,8 @@ public:
     // Delivers to `target` only while it is a live task object.
     static bool DeliverToLive(Task* target, const std::shared_ptr<Message>& msg);
     static std::vector<Task*> LiveTasksOfType(TaskCondition::TaskType type);
+    // Type and state of `target` while it is a live task object; false when it is gone.
+    static bool DescribeLive(Task* target, TaskCondition::TaskType& type, Poco::Task::TaskState& state);
     // Marks every task object cancelling (shutdown: long loops stop early).
     static void CancelAllLive();
 

@@ -131,6 +131,13 @@ int AssetSyncTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
                 reg->kind, result, m_assets[reg->kind].size());
         SendKind(reg->kind, reg->task);
         Publish();
+    } else if (msg && msg->GetName() == Framework::kPolicyAppliedMessage) {
+        // A new policy changes what consumers make of the same assets.
+        for (unsigned int kind : m_subscribedKinds) {
+            for (Framework::Task* consumer : GetConsumers(kind)) {
+                SendKind(kind, consumer);
+            }
+        }
     } else if (auto* unreg = dynamic_cast<AssetUnRegisterMessage*>(msg.get())) {
         SDK_LOG(Logger(), Poco::Message::PRIO_INFORMATION, kSource,
                 "A consumer unsubscribed from assets of kind %u", unreg->kind);

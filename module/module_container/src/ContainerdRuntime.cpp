@@ -1,0 +1,173 @@
+#include "ContainerdRuntime.h"
+
+#include "DockerState.h"
+#include "OciBundle.h"
+
+namespace Container {
+
+namespace {
+
+constexpr std::size_t kPidFileCap = 64;
+
+// Annotations of containerd's Kubernetes (CRI) plugin.
+const char* const kCriContainerType = "io.kubernetes.cri.container-type";
+const char* const kCriSandboxName = "io.kubernetes.cri.sandbox-name";
+const char* const kCriSandboxNamespace = "io.kubernetes.cri.sandbox-namespace";
+const char* const kCriContainerName = "io.kubernetes.cri.container-name";
+const char* const kCriImageName = "io.kubernetes.cri.image-name";
+// nerdctl names its containers this way.
+const char* const kNerdctlName = "nerdctl/name";
+
+}  // namespace
+
+ContainerdRuntime::ContainerdRuntime()
+    : m_taskRoots{
+          "/run/containerd/io.containerd.runtime.v2.task",
+          "/run/containerd/io.containerd.runtime.v1.linux",
+          "/run/docker/containerd/daemon/io.containerd.runtime.v2.task",
+          "/run/docker/containerd/daemon/io.containerd.runtime.v1.linux",
+      }
+{
+}
+
+void ContainerdRuntime::Discover(const HostFs& host, Discovery& out)
+{
+    std::string dockerRoot;  // read once, only when a bundle needs it
+    for (const auto& taskRoot : m_taskRoots) {
+        const std::string rootDir = host.Path(taskRoot);
+        std::vector<std::string> namespaces;
+        std::string reason;
+        ReadStatus status = host.ListDirs(rootDir, namespaces, reason);
+        if (status == ReadStatus::FAILED) {
+            out.AddProblem(rootDir, reason);
+        }
+        for (const auto& ns : namespaces) {
+            const std::string nsDir = rootDir + "/" + ns;
+            if (!IsPlainName(ns)) {
+                out.AddProblem(nsDir, "namespace name is not a plain name, skipped");
+                continue;
+            }
+            std::vector<std::string> ids;
+            if (host.ListDirs(nsDir, ids, reason) == ReadStatus::FAILED) {
+                out.AddProblem(nsDir, reason);
+                continue;
+            }
+            for (const auto& id : ids) {
+                const std::string bundleDir = nsDir + "/" + id;
+                if (!IsPlainName(id)) {
+                    out.AddProblem(bundleDir, "container id is not a plain name, skipped");
+                    continue;
+                }
+                if (dockerRoot.empty()) {
+                    dockerRoot = DockerDataRoot(host, out);
+                }
+                ReadBundle(host, ns, id, bundleDir, dockerRoot, out);
+            }
+        }
+    }
+}
+
+void ContainerdRuntime::ReadBundle(const HostFs& host, const std::string& ns, const std::string& id,
+                                   const std::string& bundleDir, const std::string& dockerRoot,
+                                   Discovery& out)
+{
+    const std::string configPath = bundleDir + "/config.json";
+    Json::Value doc;
+    std::string reason;
+    ReadStatus status = host.ReadJson(configPath, HostFs::kStateFileCap, doc, reason);
+    if (status == ReadStatus::MISSING) {
+        // Being created or removed: decided at the next poll.
+        out.unsure.insert(id);
+        return;
+    }
+    OciConfig oci;
+    if (status == ReadStatus::FAILED || !ParseOciConfig(doc, oci, reason)) {
+        out.AddProblem(configPath, reason + ", container skipped");
+        out.unsure.insert(id);
+        return;
+    }
+
+    long pid = 0;
+    const std::string pidPath = bundleDir + "/init.pid";
+    std::string pidText;
+    status = host.ReadFile(pidPath, kPidFileCap, pidText, reason);
+    if (status == ReadStatus::FAILED) {
+        out.AddProblem(pidPath, reason + ", container skipped");
+        out.unsure.insert(id);
+        return;
+    }
+    if (status == ReadStatus::OK) {
+        pid = ParsePid(pidText);
+        if (pid == 0) {
+            out.AddProblem(pidPath, "does not hold a process id, container skipped");
+            out.unsure.insert(id);
+            return;
+        }
+    }
+
+    DockerState docker;
+    const bool isDocker =
+        ReadDockerState(host, dockerRoot, id, docker, out) == ReadStatus::OK;
+    if (isDocker && docker.stateKnown && !docker.running) {
+        return;  // Docker says it stopped; the bundle is on its way out
+    }
+    if (pid == 0 && isDocker) {
+        pid = docker.pid;
+    }
+    if (pid == 0) {
+        out.unsure.insert(id);  // the shim has not written init.pid yet
+        return;
+    }
+    if (!host.ProcessExists(pid)) {
+        return;  // its process is gone: stopped
+    }
+
+    auto info = std::make_shared<Engine::ContainerInfo>();
+    std::string fallback;
+    if (!ResolveRootPath(host, bundleDir, oci.rootPath, fallback, pid, info->rootPath, reason)) {
+        out.AddProblem(configPath, reason);
+        out.unsure.insert(id);
+        return;
+    }
+    FillFromOci(oci, *info);
+    info->running = true;
+    info->id = id;
+    info->text1 = (isDocker || ns == "moby") ? "docker" : "containerd";
+    info->text2 = ns;
+    info->text3 = bundleDir;
+    info->text4 = std::to_string(pid);
+
+    const auto& ann = oci.annotations;
+    const bool sandbox = Lookup(ann, kCriContainerType) == "sandbox";
+    info->text5 = Lookup(ann, kCriSandboxName);
+    info->text6 = Lookup(ann, kCriSandboxNamespace);
+    info->text7 = Lookup(ann, kCriContainerName);
+    info->imageName = Lookup(ann, kCriImageName);
+    if (isDocker) {
+        info->name = docker.name;
+        info->imageName = docker.image;
+        info->imageId = docker.imageId;
+        info->list3 = docker.labels;
+        info->list4 = docker.ports;
+        info->list5 = docker.networks;
+        info->flag2 = docker.privileged;
+        info->flag3 = info->flag3 || docker.hostNetwork;
+        if (info->text5.empty()) {
+            info->text5 = docker.podName;
+            info->text6 = docker.podNamespace;
+            info->text7 = docker.containerName;
+        }
+    }
+    if (info->name.empty()) {
+        info->name = sandbox ? info->text5 : info->text7;
+    }
+    if (info->name.empty()) {
+        info->name = Lookup(ann, kNerdctlName);
+    }
+    if (info->name.empty()) {
+        info->name = ShortId(id);
+    }
+    out.running.push_back(info);
+}
+
+}  // namespace Container

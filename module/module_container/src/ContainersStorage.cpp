@@ -1,0 +1,262 @@
+#include "ContainersStorage.h"
+
+#include "sdk/JsonUtils.h"
+
+namespace Container {
+
+namespace {
+
+constexpr std::size_t kPidFileCap = 64;
+const char* const kStorageRoots[] = {"/run/containers/storage", "/var/lib/containers/storage"};
+const char* const kContainersSuffix = "-containers";  // overlay-containers, vfs-containers, ...
+
+const char* const kCrioPrefix = "io.kubernetes.cri-o.";
+const char* const kCrioContainerType = "io.kubernetes.cri-o.ContainerType";
+const char* const kCrioName = "io.kubernetes.cri-o.Name";
+const char* const kCrioImageName = "io.kubernetes.cri-o.ImageName";
+const char* const kCrioImageRef = "io.kubernetes.cri-o.ImageRef";
+const char* const kCrioMountPoint = "io.kubernetes.cri-o.MountPoint";
+const char* const kCrioLabels = "io.kubernetes.cri-o.Labels";
+const char* const kPodName = "io.kubernetes.pod.name";
+const char* const kPodNamespace = "io.kubernetes.pod.namespace";
+const char* const kContainerName = "io.kubernetes.container.name";
+
+bool EndsWith(const std::string& text, const std::string& suffix)
+{
+    return text.size() > suffix.size() &&
+           text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+}  // namespace
+
+std::vector<std::string> ContainersStorageRuntime::StorageContainerDirs(const HostFs& host,
+                                                                       Discovery& out)
+{
+    std::vector<std::string> dirs;
+    for (const char* root : kStorageRoots) {
+        const std::string rootDir = host.Path(root);
+        std::vector<std::string> names;
+        std::string reason;
+        if (host.ListDirs(rootDir, names, reason) == ReadStatus::FAILED) {
+            out.AddProblem(rootDir, reason);
+            continue;
+        }
+        for (const auto& name : names) {
+            if (EndsWith(name, kContainersSuffix) && IsPlainName(name)) {
+                dirs.push_back(rootDir + "/" + name);
+            }
+        }
+    }
+    return dirs;
+}
+
+void ContainersStorageRuntime::Discover(const HostFs& host, Discovery& out)
+{
+    BeginPoll(host, out);
+    // The same id has a run-time and a persistent directory: read both.
+    std::map<std::string, std::vector<std::string>> userdata;
+    for (const auto& dir : StorageContainerDirs(host, out)) {
+        std::vector<std::string> ids;
+        std::string reason;
+        if (host.ListDirs(dir, ids, reason) == ReadStatus::FAILED) {
+            out.AddProblem(dir, reason);
+            continue;
+        }
+        for (const auto& id : ids) {
+            if (!IsPlainName(id)) {
+                out.AddProblem(dir + "/" + id, "container id is not a plain name, skipped");
+                continue;
+            }
+            userdata[id].push_back(dir + "/" + id + "/userdata");
+        }
+    }
+    for (const auto& entry : userdata) {
+        ReadContainer(host, entry.first, entry.second, out);
+    }
+}
+
+void ContainersStorageRuntime::ReadContainer(const HostFs& host, const std::string& id,
+                                             const std::vector<std::string>& userdataDirs,
+                                             Discovery& out)
+{
+    // config.json: the first directory that has one. A stopped container
+    // may have none; that is not a problem.
+    Json::Value doc;
+    std::string bundleDir;
+    std::string reason;
+    for (const auto& dir : userdataDirs) {
+        ReadStatus status = host.ReadJson(dir + "/config.json", HostFs::kStateFileCap, doc, reason);
+        if (status == ReadStatus::FAILED) {
+            out.AddProblem(dir + "/config.json", reason + ", container skipped");
+            out.unsure.insert(id);
+            return;
+        }
+        if (status == ReadStatus::OK) {
+            bundleDir = dir;
+            break;
+        }
+    }
+    if (bundleDir.empty()) {
+        return;
+    }
+    OciConfig oci;
+    if (!ParseOciConfig(doc, oci, reason)) {
+        out.AddProblem(bundleDir + "/config.json", reason + ", container skipped");
+        out.unsure.insert(id);
+        return;
+    }
+    if (!Owns(oci)) {
+        return;
+    }
+
+    // pidfile: present while the container runs.
+    long pid = 0;
+    for (const auto& dir : userdataDirs) {
+        std::string text;
+        ReadStatus status = host.ReadFile(dir + "/pidfile", kPidFileCap, text, reason);
+        if (status == ReadStatus::FAILED) {
+            out.AddProblem(dir + "/pidfile", reason + ", container skipped");
+            out.unsure.insert(id);
+            return;
+        }
+        if (status == ReadStatus::OK) {
+            pid = ParsePid(text);
+            if (pid == 0) {
+                out.AddProblem(dir + "/pidfile", "does not hold a process id, container skipped");
+                out.unsure.insert(id);
+                return;
+            }
+            break;
+        }
+    }
+    if (pid == 0 || !host.ProcessExists(pid)) {
+        return;  // not running
+    }
+
+    auto info = std::make_shared<Engine::ContainerInfo>();
+    if (!ResolveRootPath(host, bundleDir, oci.rootPath, RootFallback(oci), pid, info->rootPath,
+                         reason)) {
+        out.AddProblem(bundleDir + "/config.json", reason);
+        out.unsure.insert(id);
+        return;
+    }
+    FillFromOci(oci, *info);
+    info->running = true;
+    info->id = id;
+    info->text1 = Name();
+    info->text3 = bundleDir;
+    info->text4 = std::to_string(pid);
+    Describe(oci, *info);
+    if (info->name.empty()) {
+        info->name = ShortId(id);
+    }
+    out.running.push_back(info);
+}
+
+void PodmanRuntime::BeginPoll(const HostFs& host, Discovery& out)
+{
+    m_records.clear();
+    for (const auto& dir : StorageContainerDirs(host, out)) {
+        const std::string path = dir + "/containers.json";
+        Json::Value doc;
+        std::string reason;
+        ReadStatus status = host.ReadJson(path, HostFs::kIndexFileCap, doc, reason);
+        if (status == ReadStatus::FAILED) {
+            out.AddProblem(path, reason + "; Podman names and images unknown");
+            continue;
+        }
+        if (status != ReadStatus::OK || !doc.isArray()) {
+            continue;
+        }
+        for (const auto& c : doc) {
+            if (!c.isObject() || !c["id"].isString()) {
+                continue;
+            }
+            Record record;
+            const Json::Value& names = c["names"];
+            if (names.isArray() && !names.empty() && names[0].isString()) {
+                record.name = names[0].asString();
+            }
+            record.imageId = SDK::JsonUtils::GetStringValue(c, "image", "");
+            // "metadata" is itself JSON text written by Podman.
+            Json::Value metadata;
+            const std::string metaText = SDK::JsonUtils::GetStringValue(c, "metadata", "");
+            if (!metaText.empty() && SDK::JsonUtils::ParseJsonStr(metaText, metadata) == 0) {
+                record.imageName = SDK::JsonUtils::GetStringValue(metadata, "image-name", "");
+                if (record.name.empty()) {
+                    record.name = SDK::JsonUtils::GetStringValue(metadata, "name", "");
+                }
+            }
+            m_records.emplace(c["id"].asString(), record);
+        }
+    }
+}
+
+bool PodmanRuntime::Owns(const OciConfig& oci) const
+{
+    return !CrioRuntime::IsCrioBundle(oci);
+}
+
+void PodmanRuntime::Describe(const OciConfig& oci, Engine::ContainerInfo& info)
+{
+    auto it = m_records.find(info.id);
+    if (it != m_records.end()) {
+        info.name = it->second.name;
+        info.imageId = it->second.imageId;
+        info.imageName = it->second.imageName;
+    }
+    // Pods created by `podman kube play` carry the Kubernetes names too.
+    info.text5 = Lookup(oci.annotations, kPodName);
+    info.text6 = Lookup(oci.annotations, kPodNamespace);
+    info.text7 = Lookup(oci.annotations, kContainerName);
+}
+
+bool CrioRuntime::IsCrioBundle(const OciConfig& oci)
+{
+    auto it = oci.annotations.lower_bound(kCrioPrefix);
+    return it != oci.annotations.end() && it->first.compare(0, std::string(kCrioPrefix).size(),
+                                                            kCrioPrefix) == 0;
+}
+
+void CrioRuntime::Describe(const OciConfig& oci, Engine::ContainerInfo& info)
+{
+    const auto& ann = oci.annotations;
+    // The Kubernetes labels travel as one JSON text; the same names may also
+    // be annotations of their own.
+    std::map<std::string, std::string> labels;
+    Json::Value labelDoc;
+    const std::string labelText = Lookup(ann, kCrioLabels);
+    if (!labelText.empty() && SDK::JsonUtils::ParseJsonStr(labelText, labelDoc) == 0 &&
+        labelDoc.isObject()) {
+        for (const auto& key : labelDoc.getMemberNames()) {
+            if (labelDoc[key].isString()) {
+                labels[key] = labelDoc[key].asString();
+                info.list3.push_back(key + "=" + labels[key]);
+            }
+        }
+    }
+    auto pick = [&](const char* key) {
+        std::string v = Lookup(ann, key);
+        return v.empty() ? Lookup(labels, key) : v;
+    };
+    info.text5 = pick(kPodName);
+    info.text6 = pick(kPodNamespace);
+    info.text7 = pick(kContainerName);
+    info.imageName = Lookup(ann, kCrioImageName);
+    info.imageId = Lookup(ann, kCrioImageRef);
+    if (Lookup(ann, kCrioContainerType) == "sandbox") {
+        info.name = info.text5;
+    } else {
+        info.name = info.text7;
+    }
+    if (info.name.empty()) {
+        info.name = Lookup(ann, kCrioName);
+    }
+}
+
+std::string CrioRuntime::RootFallback(const OciConfig& oci) const
+{
+    return Lookup(oci.annotations, kCrioMountPoint);
+}
+
+}  // namespace Container

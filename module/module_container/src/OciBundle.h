@@ -1,0 +1,51 @@
+#pragma once
+// What the collector takes from an OCI bundle: its config.json (the runtime
+// configuration every OCI runtime reads) and where its root file system is.
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "ContainerRuntime.h"
+#include "HostFs.h"
+#include "container/ContainerMessage.h"
+
+namespace Container {
+
+struct OciConfig {
+    std::vector<std::string> args;
+    std::vector<std::string> env;
+    std::map<std::string, std::string> annotations;
+    std::vector<Engine::MountPoint> mounts;
+    std::string rootPath;  // root.path as written (absolute, relative or empty)
+    bool hostNetwork = false;  // no network namespace of its own
+};
+
+// false (and `reason`) when the document is not an OCI configuration.
+// Members of the wrong type are ignored one by one.
+bool ParseOciConfig(const Json::Value& doc, OciConfig& out, std::string& reason);
+
+// Host path of a container's root file system:
+//   root.path absolute -> under the host root;
+//   root.path relative -> against the bundle directory (a host path);
+//   root.path empty    -> `fallback` (an absolute path as the host sees it,
+//                         e.g. CRI-O's MountPoint) under the host root when
+//                         given, else the bundle's rootfs.
+// When that is not a directory but DIR/proc/PID/root is, the process's view
+// is used (the runtime mounted the root where the host root cannot see it).
+// false (and `reason`) for a root path that climbs out with "..".
+bool ResolveRootPath(const HostFs& host, const std::string& bundleDir, const std::string& rootPath,
+                     const std::string& fallback, long pid, std::string& out, std::string& reason);
+
+// Copies what every runtime reports the same way into `info`.
+void FillFromOci(const OciConfig& config, Engine::ContainerInfo& info);
+
+// Value of `key` in `map`, or empty.
+std::string Lookup(const std::map<std::string, std::string>& map, const std::string& key);
+
+// A readable stand-in name: the id's first 12 characters, as `docker ps` shows.
+std::string ShortId(const std::string& id);
+
+}  // namespace Container

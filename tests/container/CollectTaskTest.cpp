@@ -1,0 +1,270 @@
+// The "container_collect_task" on a real engine: subscriptions arrive as
+// ContainerRegisterMessages, container events leave as ContainerMessages
+// to capture tasks, and the real libcontainer_module.so behaves the same.
+
+#include <algorithm>
+
+#include <gtest/gtest.h>
+
+#include <Poco/AutoPtr.h>
+
+#include "ContainerCollectTask.h"
+#include "FakeHost.h"
+#include "LogCapture.h"
+#include "container/ContainerMessage.h"
+#include "framework/StatusBoard.h"
+#include "message/AbstructMessage.h"
+#include "testsupport/TestSupport.h"
+
+using namespace ContainerTest;
+using Container::ContainerCollectTask;
+using TestSupport::CaptureTask;
+using TestSupport::WaitFor;
+
+namespace {
+
+constexpr long kPollMs = 30;
+const char* const kCollector = "container_collect_task";
+
+std::vector<std::shared_ptr<Engine::ContainerMessage>> Events(CaptureTask& task)
+{
+    return task.MessagesOf<Engine::ContainerMessage>();
+}
+
+class CollectTaskTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_collector = new ContainerCollectTask(ContainerCollectTask::Options{m_host.Root(), kPollMs});
+        ASSERT_EQ(Engine().RegisterTask(m_collector.get(), nullptr), 0);
+    }
+
+    void TearDown() override
+    {
+        for (const auto& name : Engine().GetTaskNames()) {
+            Engine().UnRegisterTask(name);
+        }
+    }
+
+    Framework::Engine& Engine() { return m_engine.engine(); }
+
+    Poco::AutoPtr<CaptureTask> AddCapture(const std::string& name, unsigned int size = 1024)
+    {
+        Poco::AutoPtr<CaptureTask> task(new CaptureTask(name, size));
+        EXPECT_EQ(Engine().RegisterTask(task.get(), nullptr), 0);
+        return task;
+    }
+
+    void Subscribe(Framework::Task* task, bool subscribe)
+    {
+        ASSERT_TRUE(Engine().SendDirectMsg(
+            kCollector, new Engine::ContainerRegisterMessage(task, subscribe, false)));
+    }
+
+    // Two whole polls after now, and everything they sent has been handled
+    // by `task` (a marker sent afterwards arrives after them).
+    void SettleTwoPolls(CaptureTask& task)
+    {
+        const uint64_t polls = m_collector->PollCount();
+        ASSERT_TRUE(WaitFor([&] { return m_collector->PollCount() >= polls + 2; }));
+        ASSERT_TRUE(Engine().SendDirectMsg(task.GetTaskName(), new Framework::Message("marker")));
+        ASSERT_TRUE(WaitFor([&] {
+            auto all = task.Messages();
+            return !all.empty() && all.back()->GetName() == "marker";
+        }));
+    }
+
+    FakeHost m_host;
+    TestSupport::TestEngine m_engine;
+    // After the engine, which sets every logger's channel when it is made;
+    // the tasks that log into it are gone before it (TearDown).
+    LogCapture m_log;
+    Poco::AutoPtr<ContainerCollectTask> m_collector;
+};
+
+TEST_F(CollectTaskTest, SubscriberIsToldOfStartsAndStopsOnce)
+{
+    const std::string id = HexId(1);
+    const std::string bundle = m_host.StartDocker(id, "/web1", 4242);
+    auto a = AddCapture("subscriber_a");
+    ASSERT_TRUE(WaitFor([&] { return m_collector->PollCount() >= 1; }));
+
+    Subscribe(a.get(), true);
+    ASSERT_TRUE(WaitFor([&] { return Events(*a).size() == 1; }));
+    auto start = Events(*a)[0];
+    ASSERT_TRUE(start->info);
+    EXPECT_TRUE(start->event);
+    EXPECT_TRUE(start->info->running);
+    EXPECT_EQ(start->info->id, id);
+    EXPECT_EQ(start->info->name, "web1");
+    EXPECT_EQ(start->info->imageName, "nginx:1.25");
+    EXPECT_EQ(start->info->rootPath, bundle + "/rootfs");
+
+    m_host.StopProcess(4242);
+    ASSERT_TRUE(WaitFor([&] { return Events(*a).size() == 2; }));
+    auto stop = Events(*a)[1];
+    ASSERT_TRUE(stop->info);
+    EXPECT_FALSE(stop->event);
+    EXPECT_FALSE(stop->info->running);
+    EXPECT_EQ(stop->info->id, id);
+    EXPECT_EQ(stop->info->rootPath, bundle + "/rootfs");
+    // The start event's description was not changed by the stop.
+    EXPECT_TRUE(start->info->running);
+
+    SettleTwoPolls(*a);
+    EXPECT_EQ(Events(*a).size(), 2u);
+
+    // Started again (new process): a new start.
+    m_host.StartDocker(id, "/web1", 4243);
+    ASSERT_TRUE(WaitFor([&] { return Events(*a).size() == 3; }));
+    EXPECT_TRUE(Events(*a)[2]->info->running);
+    EXPECT_EQ(Events(*a)[2]->info->text4, "4243");
+}
+
+TEST_F(CollectTaskTest, LateSubscribersGetTheRunningSetAndUnsubscribingStopsEvents)
+{
+    const std::string web = HexId(2);
+    const std::string gone = HexId(3);
+    m_host.StartDocker(web, "/web1", 100);
+    m_host.StartDocker(gone, "/old", 101);
+    auto a = AddCapture("subscriber_a");
+    auto b = AddCapture("subscriber_b");
+    auto c = AddCapture("subscriber_c");
+    Subscribe(a.get(), true);
+    ASSERT_TRUE(WaitFor([&] { return Events(*a).size() == 2; }));
+    m_host.StopProcess(101);
+    ASSERT_TRUE(WaitFor([&] { return Events(*a).size() == 3; }));
+
+    // b comes later: it gets what runs now, not the history.
+    Subscribe(b.get(), true);
+    ASSERT_TRUE(WaitFor([&] { return Events(*b).size() == 1; }));
+    SettleTwoPolls(*b);
+    ASSERT_EQ(Events(*b).size(), 1u);
+    EXPECT_EQ(Events(*b)[0]->info->id, web);
+    EXPECT_TRUE(Events(*b)[0]->info->running);
+
+    // c was never subscribed: its unsubscription is accepted and changes nothing.
+    Subscribe(c.get(), false);
+    ASSERT_TRUE(WaitFor([&] {
+        return m_log.Channel().Count({"subscriber_c", "without a subscription: accepted"}) == 1;
+    }));
+    EXPECT_EQ(m_collector->SubscriberCount(), 2u);
+
+    Subscribe(a.get(), false);
+    ASSERT_TRUE(WaitFor([&] { return m_collector->SubscriberCount() == 1; }));
+    const size_t aBefore = Events(*a).size();
+    m_host.StopProcess(100);
+    ASSERT_TRUE(WaitFor([&] { return Events(*b).size() == 2; }));
+    EXPECT_FALSE(Events(*b)[1]->info->running);
+    SettleTwoPolls(*a);
+    EXPECT_EQ(Events(*a).size(), aBefore);
+    EXPECT_TRUE(Events(*c).empty());
+
+    for (auto* t : {a.get(), b.get()}) {
+        for (const auto& e : Events(*t)) {
+            EXPECT_TRUE(e->info != nullptr);
+        }
+    }
+}
+
+TEST_F(CollectTaskTest, StatusShowsFollowedContainersAndSubscribers)
+{
+    const std::string id = HexId(4);
+    const std::string bundle = m_host.StartK8s(id, "shop-1", "prod", "php", "shop:2", 300);
+    m_host.Dir().Write(FakeHost::BundleRel("k8s.io", HexId(5)) + "/config.json", "{");
+    auto a = AddCapture("subscriber_a");
+    Subscribe(a.get(), true);
+    ASSERT_TRUE(WaitFor([&] { return Events(*a).size() == 1; }));
+
+    Json::Value status;
+    ASSERT_TRUE(WaitFor([&] {
+        status = Framework::StatusBoard::Get("container");
+        return status.isObject() && status["subscribers"].asUInt() == 1;
+    }));
+    ASSERT_EQ(status["containers"].size(), 1u);
+    const Json::Value& c = status["containers"][0];
+    EXPECT_EQ(c["id"].asString(), id);
+    EXPECT_EQ(c["name"].asString(), "php");
+    EXPECT_EQ(c["image"].asString(), "shop:2");
+    EXPECT_EQ(c["runtime"].asString(), "containerd");
+    EXPECT_EQ(c["rootPath"].asString(), bundle + "/rootfs");
+    EXPECT_EQ(c["pid"].asString(), "300");
+    EXPECT_EQ(c["pod"].asString(), "prod/shop-1");
+    EXPECT_GT(status["last_poll_ms"].asInt64(), 0);
+    EXPECT_EQ(status["host_root"].asString(), m_host.Root());
+    ASSERT_EQ(status["problems"].size(), 1u);
+    EXPECT_EQ(status["problems"][0]["path"].asString(),
+              m_host.Path(FakeHost::BundleRel("k8s.io", HexId(5)) + "/config.json"));
+}
+
+TEST_F(CollectTaskTest, EventsWaitForRoomAndVanishedSubscribersAreDropped)
+{
+    for (unsigned i = 0; i < 3; ++i) {
+        m_host.StartDocker(HexId(10 + i), "/c" + std::to_string(i), 500 + i);
+    }
+    // A whole poll after the tree was written has seen all three.
+    const uint64_t polls = m_collector->PollCount();
+    ASSERT_TRUE(WaitFor([&] { return m_collector->PollCount() >= polls + 2; }));
+
+    // Never registered, so nobody drains its queue of two: the third event
+    // must wait, not be lost, and arrive after the first two.
+    Poco::AutoPtr<CaptureTask> slow(new CaptureTask("slow_subscriber", 2));
+    Subscribe(slow.get(), true);
+    ASSERT_TRUE(WaitFor([&] { return slow->QueueDepth() == 2; }));
+    EXPECT_EQ(slow->GetEventWaiter().HandlePending(10), 2);
+    ASSERT_TRUE(WaitFor([&] { return slow->QueueDepth() == 1; }));
+    EXPECT_EQ(slow->GetEventWaiter().HandlePending(10), 1);
+    auto got = Events(*slow);
+    std::vector<std::string> expected{HexId(10), HexId(11), HexId(12)};
+    std::sort(expected.begin(), expected.end());  // the running set goes out in id order
+    ASSERT_EQ(got.size(), 3u);
+    for (unsigned i = 0; i < 3; ++i) {
+        EXPECT_EQ(got[i]->info->id, expected[i]);
+    }
+
+    // A subscriber destroyed without unsubscribing: dropped at the next
+    // event, never dereferenced.
+    EXPECT_EQ(m_collector->SubscriberCount(), 1u);
+    Framework::Task* dangling = slow.get();
+    slow = nullptr;
+    (void)dangling;
+    m_host.StopProcess(500);
+    ASSERT_TRUE(WaitFor([&] { return m_collector->SubscriberCount() == 0; }));
+    EXPECT_EQ(m_log.Channel().Count({"no longer exists and never unsubscribed"}), 1u);
+}
+
+TEST(ContainerModule, TheRealModuleFollowsContainersUnderTheConfiguredHostRoot)
+{
+    FakeHost host;
+    TestSupport::TestEngine te;
+    te.engine().config().setString("agent.host_root", host.Root());
+    te.engine().config().setInt("container.poll_ms", 40);
+    ASSERT_TRUE(te.engine().LoadModule(TestSupport::StageDir() + "/module/libcontainer_module.so"));
+    Framework::Task* collector = te.engine().FindTask(kCollector);
+    ASSERT_NE(collector, nullptr);
+
+    Poco::AutoPtr<CaptureTask> sub(new CaptureTask("detect_file_change_wehshell_task"));
+    ASSERT_EQ(te.engine().RegisterTask(sub.get(), nullptr), 0);
+    ASSERT_TRUE(te.engine().SendDirectMsg(
+        kCollector, new Engine::ContainerRegisterMessage(sub.get(), true, false)));
+
+    const std::string id = HexId(42);
+    const std::string bundle = host.StartDocker(id, "/web1", 777);
+    ASSERT_TRUE(WaitFor([&] { return Events(*sub).size() == 1; }));
+    auto event = Events(*sub)[0];
+    EXPECT_TRUE(event->info->running);
+    EXPECT_EQ(event->info->name, "web1");
+    EXPECT_EQ(event->info->rootPath, bundle + "/rootfs");
+    EXPECT_EQ(Framework::StatusBoard::Get("container")["poll_ms"].asInt(), 40);
+
+    host.Remove(FakeHost::BundleRel("moby", id));
+    ASSERT_TRUE(WaitFor([&] { return Events(*sub).size() == 2; }));
+    EXPECT_FALSE(Events(*sub)[1]->info->running);
+
+    te.engine().UnRegisterTask(sub->GetTaskName());
+    te.engine().UnloadModules();
+    EXPECT_EQ(te.engine().FindTask(kCollector), nullptr);
+    EXPECT_TRUE(Framework::StatusBoard::Get("container").isNull());
+}
+
+}  // namespace

@@ -1,0 +1,204 @@
+#pragma once
+// A fake host tree as container runtimes leave it on disk, built in a temp
+// dir: containerd bundles (Docker's "moby" and Kubernetes' "k8s.io"
+// namespaces), Docker's own container records, Podman and CRI-O
+// containers/storage directories, and DIR/proc/PID for running processes.
+
+#include <cstdio>
+#include <string>
+
+#include <Poco/File.h>
+#include <json/json.h>
+
+#include "sdk/JsonUtils.h"
+#include "testsupport/TestSupport.h"
+
+namespace ContainerTest {
+
+// A 64-hex-digit id, different for every seed.
+inline std::string HexId(unsigned seed)
+{
+    std::string id;
+    char piece[9];
+    for (unsigned i = 0; i < 8; ++i) {
+        std::snprintf(piece, sizeof(piece), "%08x", seed * 2654435761u + i * 40503u);
+        id += piece;
+    }
+    return id;
+}
+
+inline std::string ToJson(const Json::Value& v)
+{
+    return SDK::JsonUtils::JsonToString(v);
+}
+
+// An OCI runtime configuration as runc reads it.
+inline Json::Value OciConfig(const std::string& rootPath = "rootfs")
+{
+    Json::Value doc(Json::objectValue);
+    doc["ociVersion"] = "1.0.2";
+    doc["process"]["args"].append("nginx");
+    doc["process"]["args"].append("-g");
+    doc["process"]["args"].append("daemon off;");
+    doc["process"]["env"].append("PATH=/usr/sbin:/usr/bin");
+    doc["process"]["env"].append("NGINX_VERSION=1.25.3");
+    if (!rootPath.empty()) {
+        doc["root"]["path"] = rootPath;
+    }
+    Json::Value m(Json::objectValue);
+    m["destination"] = "/var/www/html/uploads";
+    m["type"] = "bind";
+    m["source"] = "/srv/uploads";
+    m["options"].append("rbind");
+    m["options"].append("ro");
+    doc["mounts"].append(m);
+    Json::Value ns(Json::objectValue);
+    ns["type"] = "network";
+    doc["linux"]["namespaces"].append(ns);
+    return doc;
+}
+
+class FakeHost {
+public:
+    static constexpr const char* kTaskRoot = "run/containerd/io.containerd.runtime.v2.task";
+
+    FakeHost() : m_dir("ardent-container-host") {}
+
+    TestSupport::TempDir& Dir() { return m_dir; }
+    const std::string& Root() const { return m_dir.Path(); }
+    std::string Path(const std::string& rel) const { return m_dir.Join(rel); }
+
+    static std::string BundleRel(const std::string& ns, const std::string& id)
+    {
+        return std::string(kTaskRoot) + "/" + ns + "/" + id;
+    }
+
+    // A containerd bundle: config.json, rootfs/var/www/html, init.pid.
+    // Returns the bundle's host path.
+    std::string Bundle(const std::string& ns, const std::string& id, long pid,
+                       const Json::Value& config)
+    {
+        const std::string rel = BundleRel(ns, id);
+        m_dir.Write(rel + "/config.json", ToJson(config));
+        m_dir.MkDir(rel + "/rootfs/var/www/html");
+        if (pid > 0) {
+            m_dir.Write(rel + "/init.pid", std::to_string(pid));
+        }
+        return m_dir.Join(rel);
+    }
+
+    void StartProcess(long pid) { m_dir.MkDir("proc/" + std::to_string(pid)); }
+    void StopProcess(long pid) { Poco::File(m_dir.Join("proc/" + std::to_string(pid))).remove(true); }
+    void Remove(const std::string& rel) { Poco::File(m_dir.Join(rel)).remove(true); }
+
+    // Docker's record of a container.
+    void DockerRecord(const std::string& id, const std::string& name, const std::string& image,
+                      long pid, bool running)
+    {
+        Json::Value doc(Json::objectValue);
+        doc["ID"] = id;
+        doc["Name"] = name;
+        doc["Config"]["Image"] = image;
+        doc["Config"]["Labels"]["maintainer"] = "ops@example.com";
+        doc["Config"]["ExposedPorts"]["80/tcp"] = Json::Value(Json::objectValue);
+        doc["Image"] = "sha256:" + HexId(99);
+        doc["State"]["Running"] = running;
+        doc["State"]["Pid"] = static_cast<Json::Int64>(running ? pid : 0);
+        doc["NetworkSettings"]["Networks"]["bridge"] = Json::Value(Json::objectValue);
+        m_dir.Write("var/lib/docker/containers/" + id + "/config.v2.json", ToJson(doc));
+    }
+
+    // A Docker container exactly as on a Docker host; returns the bundle.
+    std::string StartDocker(const std::string& id, const std::string& name, long pid,
+                            const std::string& image = "nginx:1.25")
+    {
+        std::string bundle = Bundle("moby", id, pid, OciConfig());
+        DockerRecord(id, name, image, pid, true);
+        StartProcess(pid);
+        return bundle;
+    }
+
+    // A Kubernetes container run by containerd's CRI plugin.
+    std::string StartK8s(const std::string& id, const std::string& pod, const std::string& podNs,
+                         const std::string& container, const std::string& image, long pid,
+                         bool sandbox = false)
+    {
+        Json::Value config = OciConfig();
+        auto& ann = config["annotations"];
+        ann["io.kubernetes.cri.container-type"] = sandbox ? "sandbox" : "container";
+        ann["io.kubernetes.cri.sandbox-name"] = pod;
+        ann["io.kubernetes.cri.sandbox-namespace"] = podNs;
+        if (!sandbox) {
+            ann["io.kubernetes.cri.container-name"] = container;
+            ann["io.kubernetes.cri.image-name"] = image;
+        }
+        std::string bundle = Bundle("k8s.io", id, pid, config);
+        StartProcess(pid);
+        return bundle;
+    }
+
+    static std::string StorageRel(const std::string& base, const std::string& id)
+    {
+        return base + "/containers/storage/overlay-containers/" + id + "/userdata";
+    }
+
+    // A Podman container: bundle under /run, index under /var/lib, its root
+    // an overlay mount under /var/lib/containers/storage/overlay.
+    std::string StartPodman(const std::string& id, const std::string& name,
+                            const std::string& image, long pid)
+    {
+        const std::string layer = "overlay/" + HexId(7) + "/merged";
+        Json::Value config = OciConfig("/var/lib/containers/storage/" + layer);
+        config["annotations"]["io.container.manager"] = "libpod";
+        const std::string userdata = StorageRel("run", id);
+        m_dir.Write(userdata + "/config.json", ToJson(config));
+        m_dir.Write(userdata + "/pidfile", std::to_string(pid) + "\n");
+        m_dir.MkDir("var/lib/containers/storage/" + layer + "/var/www/html");
+        m_dir.MkDir(StorageRel("var/lib", id));
+
+        Json::Value entry(Json::objectValue);
+        entry["id"] = id;
+        entry["names"].append(name);
+        entry["image"] = HexId(8);
+        Json::Value meta(Json::objectValue);
+        meta["image-name"] = image;
+        meta["name"] = name;
+        entry["metadata"] = ToJson(meta);
+        m_podmanIndex.append(entry);
+        m_dir.Write("var/lib/containers/storage/overlay-containers/containers.json",
+                    ToJson(m_podmanIndex));
+        StartProcess(pid);
+        return m_dir.Join(userdata);
+    }
+
+    // A CRI-O container: annotations only, root given by MountPoint.
+    std::string StartCrio(const std::string& id, const std::string& pod, const std::string& podNs,
+                          const std::string& container, const std::string& image, long pid)
+    {
+        const std::string mount = "/var/lib/containers/storage/overlay/" + HexId(9) + "/merged";
+        Json::Value config = OciConfig("");
+        auto& ann = config["annotations"];
+        ann["io.kubernetes.cri-o.ContainerType"] = "container";
+        ann["io.kubernetes.cri-o.Name"] = "k8s_" + container + "_" + pod + "_" + podNs + "_0";
+        ann["io.kubernetes.cri-o.ImageName"] = image;
+        ann["io.kubernetes.cri-o.ImageRef"] = "sha256:" + HexId(10);
+        ann["io.kubernetes.cri-o.MountPoint"] = mount;
+        Json::Value labels(Json::objectValue);
+        labels["io.kubernetes.pod.name"] = pod;
+        labels["io.kubernetes.pod.namespace"] = podNs;
+        labels["io.kubernetes.container.name"] = container;
+        ann["io.kubernetes.cri-o.Labels"] = ToJson(labels);
+        const std::string userdata = StorageRel("run", id);
+        m_dir.Write(userdata + "/config.json", ToJson(config));
+        m_dir.Write(userdata + "/pidfile", std::to_string(pid));
+        m_dir.MkDir(mount.substr(1) + "/var/www/html");
+        StartProcess(pid);
+        return m_dir.Join(userdata);
+    }
+
+private:
+    TestSupport::TempDir m_dir;
+    Json::Value m_podmanIndex{Json::arrayValue};
+};
+
+}  // namespace ContainerTest

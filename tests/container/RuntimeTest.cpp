@@ -1,0 +1,391 @@
+// Discovery of containers from runtime state written by the test: what the
+// collector reports for each runtime, when it says a container stopped, and
+// what it does with state it cannot use.
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <map>
+
+#include <gtest/gtest.h>
+
+#include "ContainerCollector.h"
+#include "FakeHost.h"
+#include "HostFs.h"
+#include "LogCapture.h"
+
+using namespace ContainerTest;
+using Container::ContainerCollector;
+using InfoList = std::vector<std::shared_ptr<Engine::ContainerInfo>>;
+
+namespace {
+
+std::map<std::string, std::shared_ptr<Engine::ContainerInfo>> ById(const InfoList& list)
+{
+    std::map<std::string, std::shared_ptr<Engine::ContainerInfo>> out;
+    for (const auto& i : list) {
+        out[i->id] = i;
+    }
+    return out;
+}
+
+bool HasProblem(const ContainerCollector& c, const std::string& path, const std::string& reasonPart)
+{
+    for (const auto& p : c.Problems()) {
+        if (p.path == path && p.reason.find(reasonPart) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+TEST(ContainerRuntime, DockerContainerIsReportedOnceWithItsDockerNameAndImage)
+{
+    FakeHost host;
+    const std::string id = HexId(1);
+    const std::string bundle = host.StartDocker(id, "/web1", 4242);
+    ContainerCollector collector(host.Root(), nullptr);
+
+    InfoList changes = collector.Poll();
+    ASSERT_EQ(changes.size(), 1u);
+    const auto& info = *changes[0];
+    EXPECT_TRUE(info.running);
+    EXPECT_EQ(info.id, id);
+    EXPECT_EQ(info.name, "web1");
+    EXPECT_EQ(info.imageName, "nginx:1.25");
+    EXPECT_EQ(info.imageId, "sha256:" + HexId(99));
+    EXPECT_EQ(info.rootPath, bundle + "/rootfs");
+    EXPECT_EQ(info.text1, "docker");
+    EXPECT_EQ(info.text2, "moby");
+    EXPECT_EQ(info.text3, bundle);
+    EXPECT_EQ(info.text4, "4242");
+    EXPECT_EQ(info.list1, (std::vector<std::string>{"nginx", "-g", "daemon off;"}));
+    EXPECT_EQ(info.list2.size(), 2u);
+    EXPECT_EQ(info.list3, (std::vector<std::string>{"maintainer=ops@example.com"}));
+    EXPECT_EQ(info.list4, (std::vector<std::string>{"80/tcp"}));
+    EXPECT_EQ(info.list5, (std::vector<std::string>{"bridge"}));
+    ASSERT_EQ(info.mountPointList.size(), 1u);
+    EXPECT_EQ(info.mountPointList[0].mountText1, "/srv/uploads");
+    EXPECT_EQ(info.mountPointList[0].mountText2, "/var/www/html/uploads");
+    EXPECT_EQ(info.mountPointList[0].mountText3, "bind");
+    EXPECT_TRUE(info.mountPointList[0].mountFlag);
+    EXPECT_FALSE(info.flag3);  // it has a network namespace of its own
+
+    // Nothing new: nothing reported, and the running set is unchanged.
+    EXPECT_TRUE(collector.Poll().empty());
+    ASSERT_EQ(collector.Running().size(), 1u);
+    EXPECT_EQ(collector.Running()[0]->id, id);
+    EXPECT_TRUE(collector.Problems().empty());
+}
+
+TEST(ContainerRuntime, EachWayOfStoppingReportsTheContainerGoneOnce)
+{
+    struct Case {
+        const char* what;
+        void (*stop)(FakeHost&, const std::string& id, long pid);
+    };
+    const Case cases[] = {
+        {"process gone", [](FakeHost& h, const std::string&, long pid) { h.StopProcess(pid); }},
+        {"bundle removed",
+         [](FakeHost& h, const std::string& id, long) { h.Remove(FakeHost::BundleRel("moby", id)); }},
+        {"docker says stopped",
+         [](FakeHost& h, const std::string& id, long pid) {
+             h.DockerRecord(id, "/web1", "nginx:1.25", pid, false);
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        FakeHost host;
+        const std::string id = HexId(2);
+        const std::string other = HexId(3);
+        host.StartDocker(id, "/web1", 100);
+        host.StartDocker(other, "/db", 101, "postgres:16");
+        ContainerCollector collector(host.Root(), nullptr);
+        ASSERT_EQ(collector.Poll().size(), 2u);
+
+        c.stop(host, id, 100);
+        InfoList changes = collector.Poll();
+        ASSERT_EQ(changes.size(), 1u);
+        EXPECT_FALSE(changes[0]->running);
+        EXPECT_EQ(changes[0]->id, id);
+        // The stopped copy still describes the container.
+        EXPECT_EQ(changes[0]->name, "web1");
+        EXPECT_EQ(changes[0]->rootPath, host.Path(FakeHost::BundleRel("moby", id)) + "/rootfs");
+        EXPECT_TRUE(collector.Poll().empty());
+        ASSERT_EQ(collector.Running().size(), 1u);
+        EXPECT_EQ(collector.Running()[0]->id, other);
+    }
+}
+
+TEST(ContainerRuntime, RestartWithANewProcessIsAStopThenAStart)
+{
+    FakeHost host;
+    const std::string id = HexId(4);
+    host.StartDocker(id, "/web1", 200);
+    ContainerCollector collector(host.Root(), nullptr);
+    auto first = collector.Poll();
+    ASSERT_EQ(first.size(), 1u);
+
+    host.StopProcess(200);
+    host.StartDocker(id, "/web1", 201);
+    InfoList changes = collector.Poll();
+    ASSERT_EQ(changes.size(), 2u);
+    EXPECT_FALSE(changes[0]->running);
+    EXPECT_EQ(changes[0]->text4, "200");
+    EXPECT_TRUE(changes[1]->running);
+    EXPECT_EQ(changes[1]->text4, "201");
+    // The record sent earlier is not changed by the stop.
+    EXPECT_TRUE(first[0]->running);
+}
+
+TEST(ContainerRuntime, RootPathFollowsTheBundleConfiguration)
+{
+    FakeHost host;
+    // Absolute root.path: under the host root (Docker's overlay mount).
+    const std::string absId = HexId(5);
+    Json::Value absConfig = OciConfig("/var/lib/docker/overlay2/abc/merged/");
+    host.Bundle("moby", absId, 300, absConfig);
+    host.Dir().MkDir("var/lib/docker/overlay2/abc/merged");
+    host.StartProcess(300);
+    // Relative root.path: against the bundle.
+    const std::string relId = HexId(6);
+    const std::string relBundle = host.Bundle("default", relId, 301, OciConfig("other-root"));
+    host.Dir().MkDir(FakeHost::BundleRel("default", relId) + "/other-root");
+    host.StartProcess(301);
+    // No root.path and no rootfs visible: the process's own view.
+    const std::string procId = HexId(7);
+    host.Bundle("default", procId, 302, OciConfig(""));
+    host.Remove(FakeHost::BundleRel("default", procId) + "/rootfs");
+    host.Dir().MkDir("proc/302/root/var/www/html");
+    // A root that climbs out of the host root is refused.
+    const std::string badId = HexId(8);
+    const std::string badBundle = host.Bundle("default", badId, 303, OciConfig("../../../../etc"));
+    host.StartProcess(303);
+
+    ContainerCollector collector(host.Root(), nullptr);
+    auto found = ById(collector.Poll());
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_EQ(found[absId]->rootPath, host.Path("var/lib/docker/overlay2/abc/merged"));
+    EXPECT_EQ(found[absId]->text1, "docker");  // the moby namespace is Docker's
+    EXPECT_EQ(found[relId]->rootPath, relBundle + "/other-root");
+    EXPECT_EQ(found[relId]->text1, "containerd");
+    EXPECT_EQ(found[relId]->text2, "default");
+    EXPECT_EQ(found[relId]->name, relId.substr(0, 12));
+    EXPECT_EQ(found[procId]->rootPath, host.Path("proc/302/root"));
+    EXPECT_EQ(found.count(badId), 0u);
+    EXPECT_TRUE(HasProblem(collector, badBundle + "/config.json", "climbs out"));
+}
+
+TEST(ContainerRuntime, KubernetesNamesComeFromTheCriAnnotations)
+{
+    FakeHost host;
+    const std::string id = HexId(10);
+    const std::string sandboxId = HexId(11);
+    const std::string bundle =
+        host.StartK8s(id, "shop-7d9f", "prod", "php-fpm", "registry.local/shop:2.1", 400);
+    host.StartK8s(sandboxId, "shop-7d9f", "prod", "", "", 399, true);
+
+    ContainerCollector collector(host.Root(), nullptr);
+    auto found = ById(collector.Poll());
+    ASSERT_EQ(found.size(), 2u);
+    const auto& info = *found[id];
+    EXPECT_EQ(info.text1, "containerd");
+    EXPECT_EQ(info.text2, "k8s.io");
+    EXPECT_EQ(info.name, "php-fpm");
+    EXPECT_EQ(info.imageName, "registry.local/shop:2.1");
+    EXPECT_EQ(info.text5, "shop-7d9f");
+    EXPECT_EQ(info.text6, "prod");
+    EXPECT_EQ(info.text7, "php-fpm");
+    EXPECT_EQ(info.rootPath, bundle + "/rootfs");
+    EXPECT_EQ(info.textMap.at("io.kubernetes.cri.sandbox-name"), "shop-7d9f");
+    // The pod's sandbox is named after the pod.
+    EXPECT_EQ(found[sandboxId]->name, "shop-7d9f");
+}
+
+TEST(ContainerRuntime, PodmanAndCrioContainersFromContainersStorage)
+{
+    FakeHost host;
+    const std::string podmanId = HexId(20);
+    const std::string crioId = HexId(21);
+    const std::string podmanBundle = host.StartPodman(podmanId, "blog", "docker.io/library/wordpress:6", 500);
+    const std::string crioBundle =
+        host.StartCrio(crioId, "api-5c", "team-a", "app", "quay.io/acme/api:3", 501);
+    // A stopped Podman container: its state stays on disk without a pidfile.
+    host.Dir().Write(FakeHost::StorageRel("var/lib", HexId(22)) + "/config.json", ToJson(OciConfig()));
+
+    ContainerCollector collector(host.Root(), nullptr);
+    auto found = ById(collector.Poll());
+    ASSERT_EQ(found.size(), 2u);
+
+    const auto& podman = *found[podmanId];
+    EXPECT_EQ(podman.text1, "podman");
+    EXPECT_EQ(podman.name, "blog");
+    EXPECT_EQ(podman.imageName, "docker.io/library/wordpress:6");
+    EXPECT_EQ(podman.imageId, HexId(8));
+    EXPECT_EQ(podman.text3, podmanBundle);
+    EXPECT_EQ(podman.text4, "500");
+    EXPECT_EQ(podman.rootPath,
+              host.Path("var/lib/containers/storage/overlay/" + HexId(7) + "/merged"));
+
+    const auto& crio = *found[crioId];
+    EXPECT_EQ(crio.text1, "cri-o");
+    EXPECT_EQ(crio.name, "app");
+    EXPECT_EQ(crio.text5, "api-5c");
+    EXPECT_EQ(crio.text6, "team-a");
+    EXPECT_EQ(crio.imageName, "quay.io/acme/api:3");
+    EXPECT_EQ(crio.imageId, "sha256:" + HexId(10));
+    EXPECT_EQ(crio.text3, crioBundle);
+    EXPECT_EQ(crio.rootPath,
+              host.Path("var/lib/containers/storage/overlay/" + HexId(9) + "/merged"));
+    EXPECT_TRUE(collector.Problems().empty());
+
+    host.StopProcess(500);
+    host.Remove(FakeHost::StorageRel("run", crioId));
+    auto changes = ById(collector.Poll());
+    ASSERT_EQ(changes.size(), 2u);
+    EXPECT_FALSE(changes[podmanId]->running);
+    EXPECT_FALSE(changes[crioId]->running);
+}
+
+TEST(ContainerRuntime, UnusableStateIsSkippedLoggedOnceAndNeverStopsTheOthers)
+{
+    LogCapture log;
+    FakeHost host;
+    const std::string good = HexId(30);
+    const std::string goodBundle = host.StartDocker(good, "/web1", 600);
+
+    // Each of these is a container the collector must skip, with a reason.
+    struct Bad {
+        std::string id;
+        std::string file;
+        std::string reason;
+    };
+    std::vector<Bad> bad;
+    auto bundleRel = [](const std::string& id) { return FakeHost::BundleRel("moby", id); };
+
+    const std::string malformed = HexId(31);
+    host.StartDocker(malformed, "/broken", 601);
+    host.Dir().Write(bundleRel(malformed) + "/config.json", "{\"ociVersion\": \"1.0\", \"root\": ");
+    bad.push_back({malformed, "config.json", "not valid JSON"});
+
+    const std::string fifo = HexId(32);
+    host.StartDocker(fifo, "/fifo", 602);
+    host.Remove(bundleRel(fifo) + "/config.json");
+    host.Dir().Fifo(bundleRel(fifo) + "/config.json");
+    bad.push_back({fifo, "config.json", "not a regular file"});
+
+    const std::string huge = HexId(33);
+    host.StartDocker(huge, "/huge", 603);
+    host.Dir().Write(bundleRel(huge) + "/config.json",
+                     "{\"x\":\"" + std::string(5 * 1024 * 1024, 'a') + "\"}");
+    bad.push_back({huge, "config.json", "larger than"});
+
+    const std::string link = HexId(34);
+    host.StartDocker(link, "/link", 604);
+    host.Remove(bundleRel(link) + "/config.json");
+    host.Dir().Write("elsewhere/config.json", ToJson(OciConfig()));
+    host.Dir().Symlink(host.Path("elsewhere/config.json"), bundleRel(link) + "/config.json");
+    bad.push_back({link, "config.json", "symbolic link"});
+
+    const std::string notObject = HexId(35);
+    host.StartDocker(notObject, "/array", 605);
+    host.Dir().Write(bundleRel(notObject) + "/config.json", "[1,2,3]");
+    bad.push_back({notObject, "config.json", "not a JSON object"});
+
+    const std::string badPid = HexId(36);
+    host.StartDocker(badPid, "/pid", 606);
+    host.Dir().Write(bundleRel(badPid) + "/init.pid", "12ab\n");
+    bad.push_back({badPid, "init.pid", "does not hold a process id"});
+
+    // Odd directory names: not a container id a runtime writes.
+    const std::string oddName = std::string("web shell\xff;rm -rf");
+    host.Bundle("moby", oddName, 607, OciConfig());
+    host.Dir().MkDir(std::string(FakeHost::kTaskRoot) + "/.hidden-ns/" + HexId(37));
+
+    // Docker's record is broken: the container is still reported, from its bundle.
+    const std::string badRecord = HexId(38);
+    host.StartDocker(badRecord, "/record", 608);
+    host.Dir().Write("var/lib/docker/containers/" + badRecord + "/config.v2.json", "{nope");
+
+    ContainerCollector collector(host.Root(), Poco::Logger::has("container_module"));
+    auto found = ById(collector.Poll());
+    ASSERT_EQ(found.size(), 2u);
+    EXPECT_EQ(found[good]->name, "web1");
+    EXPECT_EQ(found[good]->rootPath, goodBundle + "/rootfs");
+    EXPECT_EQ(found[badRecord]->name, badRecord.substr(0, 12));
+    EXPECT_EQ(found[badRecord]->text1, "docker");
+
+    for (const auto& b : bad) {
+        SCOPED_TRACE(b.reason);
+        const std::string path = host.Path(bundleRel(b.id) + "/" + b.file);
+        EXPECT_TRUE(HasProblem(collector, path, b.reason));
+        EXPECT_EQ(log.Channel().Count({path, b.reason}), 1u);
+    }
+    EXPECT_TRUE(HasProblem(collector, host.Path(bundleRel(oddName)), "not a plain name"));
+    EXPECT_TRUE(HasProblem(collector, host.Path(std::string(FakeHost::kTaskRoot) + "/.hidden-ns"),
+                           "not a plain name"));
+    EXPECT_TRUE(HasProblem(
+        collector, host.Path("var/lib/docker/containers/" + badRecord + "/config.v2.json"),
+        "not valid JSON"));
+
+    // Still broken at the next poll: still in the status, not logged again.
+    EXPECT_TRUE(collector.Poll().empty());
+    for (const auto& b : bad) {
+        const std::string path = host.Path(bundleRel(b.id) + "/" + b.file);
+        EXPECT_EQ(log.Channel().Count({path, b.reason}), 1u) << b.reason;
+    }
+    EXPECT_EQ(collector.Problems().size(), bad.size() + 3);
+}
+
+TEST(ContainerRuntime, ABrokenBundleOfAReportedContainerIsNotTakenForAStop)
+{
+    FakeHost host;
+    const std::string id = HexId(40);
+    host.StartDocker(id, "/web1", 700);
+    ContainerCollector collector(host.Root(), nullptr);
+    ASSERT_EQ(collector.Poll().size(), 1u);
+
+    // Being rewritten or damaged: neither a stop nor a second start.
+    host.Dir().Write(FakeHost::BundleRel("moby", id) + "/config.json", "{");
+    EXPECT_TRUE(collector.Poll().empty());
+    host.Remove(FakeHost::BundleRel("moby", id) + "/config.json");
+    EXPECT_TRUE(collector.Poll().empty());
+    EXPECT_EQ(collector.Running().size(), 1u);
+
+    // The bundle goes: now it has stopped.
+    host.Remove(FakeHost::BundleRel("moby", id));
+    auto changes = collector.Poll();
+    ASSERT_EQ(changes.size(), 1u);
+    EXPECT_FALSE(changes[0]->running);
+}
+
+TEST(ContainerRuntime, HostFsRefusesWhatARuntimeNeverWrites)
+{
+    EXPECT_TRUE(Container::IsPlainName(HexId(1)));
+    EXPECT_TRUE(Container::IsPlainName("k8s.io"));
+    EXPECT_TRUE(Container::IsPlainName("moby"));
+    const std::vector<std::string> refused{"",    ".",   "..",          ".hidden",
+                                           "a/b", "a b", "x\n",        "caf\xc3\xa9",
+                                           std::string(129, 'a')};
+    for (const auto& name : refused) {
+        EXPECT_FALSE(Container::IsPlainName(name)) << name;
+    }
+    EXPECT_EQ(Container::ParsePid(" 4242\n"), 4242);
+    EXPECT_EQ(Container::ParsePid("4194304"), 4194304);
+    for (const char* text : {"", "0", "-1", "4194305", "12ab", "1 2", "99999999999999999999"}) {
+        EXPECT_EQ(Container::ParsePid(text), 0) << text;
+    }
+    EXPECT_TRUE(Container::HasDotDot("../x"));
+    EXPECT_TRUE(Container::HasDotDot("/a/../b"));
+    EXPECT_TRUE(Container::HasDotDot("a/.."));
+    EXPECT_FALSE(Container::HasDotDot("/a/..b/c.."));
+
+    Container::HostFs real("/");
+    EXPECT_EQ(real.Path("/run/x"), "/run/x");
+    EXPECT_EQ(real.Root(), "/");
+    Container::HostFs fake("/tmp/host//");
+    EXPECT_EQ(fake.Path("/run/x"), "/tmp/host/run/x");
+    EXPECT_EQ(fake.Root(), "/tmp/host");
+}

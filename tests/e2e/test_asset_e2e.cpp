@@ -1,0 +1,186 @@
+// Web roots found by themselves, end to end: a real nginx serving a temp
+// root that no policy names, the real `ardent-agent run`, and a web shell
+// written under that root.
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "RealServer.h"
+#include "testsupport/TestSupport.h"
+
+namespace {
+
+using TestSupport::TempDir;
+using TestSupport::WaitFor;
+
+const char* const kRules = R"(
+rule asset_e2e_certain : certain extra_php
+{
+    strings:
+        $a = "ASSET_E2E_CERTAIN_MARKER"
+    condition:
+        $a
+}
+)";
+
+const std::string kShell = "<?php exit; /* ASSET_E2E_CERTAIN_MARKER */ ?>\n";
+
+bool ParseJson(const std::string& text, Json::Value& out)
+{
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
+}
+
+// Polls `pred` every `periodMs` until it holds or `timeoutMs` passes (for
+// checks that cost a process start each).
+bool Eventually(const std::function<bool()>& pred, int timeoutMs, int periodMs)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        if (pred()) {
+            return true;
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(periodMs));
+    }
+}
+
+// The events of the sink whose first file is `path`.
+std::vector<Json::Value> EventsFor(const std::string& sink, const std::string& path)
+{
+    std::vector<Json::Value> out;
+    for (const auto& line : TestSupport::ReadLines(sink)) {
+        Json::Value event;
+        if (ParseJson(line, event) && event["file_info"].isArray() &&
+            event["file_info"][0]["file_path"].asString() == path) {
+            out.push_back(event);
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset)
+{
+    const std::string nginxBin = AssetTest::FindProgram("nginx");
+    if (nginxBin.empty()) {
+        GTEST_SKIP() << "nginx is not installed (scripts/install-deps.sh installs nginx-light)";
+    }
+    TempDir dir("asset-e2e");
+    const std::string install = TestSupport::MakeInstallTree(dir);
+    // Rounds every second instead of every minute.
+    dir.Write("install/etc/agent.properties", "asset.interval_s = 1\n");
+    const std::string rules = TestSupport::WriteRules(dir, "rules/test.yar", kRules);
+    const std::string policyOnly = dir.MkDir("policy-only");
+    const std::string root = dir.MkDir("www/site");
+    dir.MkDir("nginx/tmp");
+    const std::string events = dir.Join("events.jsonl");
+
+    Json::Value policy;
+    policy["feature_name"] = "detect_webshell";
+    policy["hash"] = "asset-e2e";
+    policy["content"]["default_scan_paths"].append(policyOnly);
+    policy["content"]["customize_scan_paths"] = Json::Value(Json::arrayValue);
+    policy["content"]["lib_version"] = "1";
+    policy["content"]["lib_url"] = "file://" + rules;
+    policy["content"]["lib_hash"] = TestSupport::Sha256Sum(rules);
+    policy["content"]["monitor_file_change"] = true;
+    policy["content"]["monitor_container"] = false;
+    policy["content"]["file_type"] = "php";
+    policy["content"]["auto_scan_task"]["task_condition"]["type"] = "daily";
+    policy["content"]["auto_scan_task"]["task_condition"]["at"] = "03:00";
+    const std::string policyFile = dir.Write("policy.json", Json::FastWriter().write(policy));
+
+    const int port = AssetTest::FreePort();
+    ASSERT_GT(port, 0);
+    const std::string n = dir.Join("nginx");
+    dir.Write("nginx/nginx.conf",
+              AssetTest::NginxMainConf(n, "    server {\n"
+                                          "        listen 127.0.0.1:" + std::to_string(port) + ";\n"
+                                          "        root " + root + ";\n"
+                                          "    }\n"));
+    AssetTest::ServerProcess nginx;
+    ASSERT_TRUE(nginx.Start(nginxBin, {nginxBin, "-c", n + "/nginx.conf", "-g", "pid " + n + "/nginx.pid;"},
+                            n + "/output.log"));
+    ASSERT_TRUE(WaitFor([&] { return AssetTest::Accepts(port); }, 15000))
+        << TestSupport::ReadFile(n + "/output.log") << TestSupport::ReadFile(n + "/error.log");
+
+    TestSupport::AgentProcess agent;
+    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policyFile, "--events", events}));
+
+    // `ctl status` lists the nginx asset with its root.
+    const std::string ctl = TestSupport::AgentBinary() + " ctl status --install-dir " + install;
+    Json::Value asset;
+    const bool listed = Eventually(
+        [&] {
+            std::string out;
+            Json::Value status;
+            if (TestSupport::RunCommand(ctl + " 2>/dev/null", &out) != 0 || !ParseJson(out, status)) {
+                return false;
+            }
+            for (const auto& a : status["components"]["asset"]["assets"]) {
+                if (a["pid"].asInt() == nginx.Pid()) {
+                    asset = a;
+                    return true;
+                }
+            }
+            return false;
+        },
+        30000, 250);
+    ASSERT_TRUE(listed) << "agent stderr:\n" << agent.Stderr();
+    EXPECT_EQ(asset["server"].asString(), "nginx");
+    EXPECT_EQ(asset["kind"].asInt(), 0);
+    EXPECT_EQ(asset["configFile"].asString(), n + "/nginx.conf");
+    ASSERT_EQ(asset["webDirs"].size(), 1u);
+    EXPECT_EQ(asset["webDirs"][0]["path"].asString(), root);
+
+    // The file-change task watches the discovered root: a shell written there
+    // is reported. The watch is set up after the asset arrives, so the file
+    // is written again until the check that follows a write reports it.
+    const std::string shell = root + "/shell.php";
+    bool reported = false;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!reported && std::chrono::steady_clock::now() < deadline) {
+        dir.Write("www/site/shell.php", kShell);
+        reported = WaitFor([&] { return !EventsFor(events, shell).empty(); }, 1500);
+    }
+    ASSERT_TRUE(reported) << "no event for " << shell << "\nevents:\n"
+                          << TestSupport::ReadFile(events) << "\nagent stderr:\n" << agent.Stderr();
+    const Json::Value event = EventsFor(events, shell)[0];
+    EXPECT_EQ(event["event_name"].asString(), "webshell");
+    EXPECT_EQ(event["detect_module"].asString(), "webshell_module");
+    EXPECT_EQ(event["file_info"][0]["file_sha256"].asString(), TestSupport::Sha256Sum(shell));
+
+    // Stopping nginx removes its asset at the next round.
+    const int pid = nginx.Pid();
+    nginx.Stop();
+    EXPECT_TRUE(Eventually(
+        [&] {
+            std::string out;
+            Json::Value status;
+            if (TestSupport::RunCommand(ctl + " 2>/dev/null", &out) != 0 || !ParseJson(out, status)) {
+                return false;
+            }
+            for (const auto& a : status["components"]["asset"]["assets"]) {
+                if (a["pid"].asInt() == pid) {
+                    return false;
+                }
+            }
+            return true;
+        },
+        30000, 250));
+
+    EXPECT_EQ(agent.Stop(), 0) << agent.Stderr();
+}

@@ -1,0 +1,306 @@
+// Containers end to end: the real `ardent-agent run --host-root DIR` follows
+// a Docker container laid out under DIR as on a Docker host, reports a web
+// shell written into it with the container's name, image and in-container
+// path, lets go of it when it stops, and shows it in `ctl status`. A second
+// test does the same with a real process in mount and pid namespaces of its
+// own, reached through /proc.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "FakeHost.h"
+#include "testsupport/TestSupport.h"
+
+extern char** environ;
+
+namespace {
+
+using ContainerTest::FakeHost;
+using ContainerTest::HexId;
+using TestSupport::TempDir;
+using TestSupport::WaitFor;
+
+const char* const kRules = R"(
+rule container_e2e_certain : certain_webshell
+{
+    strings:
+        $a = "CONTAINER_E2E_SHELL_MARKER"
+    condition:
+        $a
+}
+)";
+
+const std::string kShell = "<?php @eval($_POST['c']); /* CONTAINER_E2E_SHELL_MARKER */ ?>\n";
+const char* const kWatcherTask = "detect_file_change_wehshell_task";
+const std::vector<std::string> kModules{"container", "webshell", "filenotify", "report", "asset"};
+
+bool ParseJson(const std::string& text, Json::Value& out)
+{
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
+}
+
+// Events about a container file: "file_info" is then the file object.
+std::vector<Json::Value> ContainerEvents(const std::string& sink, const std::string& container,
+                                         const std::string& path)
+{
+    std::vector<Json::Value> out;
+    if (!TestSupport::FileExists(sink)) {
+        return out;
+    }
+    for (const auto& line : TestSupport::ReadLines(sink)) {
+        Json::Value event;
+        if (ParseJson(line, event) && event.isObject() &&
+            event["container_name"].asString() == container && event["file_info"].isObject() &&
+            event["file_info"]["file_path"].asString() == path) {
+            out.push_back(event);
+        }
+    }
+    return out;
+}
+
+Json::Value Status(const std::string& install)
+{
+    std::string text;
+    Json::Value status;
+    const std::string ctl = TestSupport::AgentBinary() + " ctl status --install-dir " + install;
+    if (TestSupport::RunCommand(ctl + " 2>/dev/null", &text) != 0 || !ParseJson(text, status)) {
+        return Json::Value();
+    }
+    return status;
+}
+
+// Paths the file-notify service watches for the file-change task.
+std::set<std::string> Watched(const Json::Value& status)
+{
+    std::set<std::string> out;
+    for (const auto& reg : status["components"]["filenotify"]["registrations"]) {
+        if (reg["task"].asString() == kWatcherTask && reg["watching"].asBool()) {
+            out.insert(reg["path"].asString());
+        }
+    }
+    return out;
+}
+
+bool IsWatched(const std::string& install, const std::string& path)
+{
+    return Watched(Status(install)).count(path) == 1;
+}
+
+std::string PolicyText(const std::vector<std::string>& paths, const std::string& hostRoot,
+                       const std::string& rules, const std::string& hash)
+{
+    Json::Value policy;
+    policy["feature_name"] = "detect_webshell";
+    policy["hash"] = "container-e2e";
+    for (const auto& p : paths) {
+        policy["content"]["default_scan_paths"].append(p);
+    }
+    policy["content"]["customize_scan_paths"].append(hostRoot);
+    policy["content"]["lib_version"] = "1";
+    policy["content"]["lib_url"] = "file://" + rules;
+    policy["content"]["lib_hash"] = hash;
+    policy["content"]["monitor_file_change"] = true;
+    policy["content"]["monitor_container"] = true;
+    policy["content"]["file_type"] = "php";
+    // No scheduled pass during the test: every event comes from a watch.
+    policy["content"]["auto_scan_task"]["task_condition"]["type"] = "interval";
+    policy["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 86400;
+    policy["content"]["auto_scan_task"]["task_condition"]["delay_s"] = 86400;
+    return Json::FastWriter().write(policy);
+}
+
+class ContainerE2E : public ::testing::Test {
+protected:
+    // Starts the agent on `hostRoot` with the policy paths `paths`.
+    void StartAgent(const std::string& hostRoot, const std::vector<std::string>& paths)
+    {
+        m_install = TestSupport::MakeInstallTree(m_dir, kModules);
+        const std::string rules = m_dir.Write("rules/webshell.yar", kRules);
+        // The library is in place before the start, as on a host that has
+        // run before: the file-change task loads it at its first watch
+        // registration, which needs one existing web root of the host.
+        std::ofstream(m_install + "data/webshell/webshell.dat") << kRules;
+        const std::string hostWww = m_dir.MkDir("host-www");
+        const std::string policy = m_dir.Write(
+            "policy.json", PolicyText(paths, hostWww, rules, TestSupport::Sha256Sum(rules)));
+        m_events = m_dir.Join("events.jsonl");
+        ASSERT_TRUE(m_agent.Start({"run", "--install-dir", m_install, "--policy", policy, "--events",
+                                   m_events, "--host-root", hostRoot}));
+        ASSERT_TRUE(WaitFor(
+            [&] { return TestSupport::FileExists(m_install + "data/webshell/webshell.dat"); }, 30000))
+            << m_agent.Stderr();
+    }
+
+    std::string Diagnostics()
+    {
+        return "events:\n" + (TestSupport::FileExists(m_events) ? TestSupport::ReadFile(m_events) : "") +
+               "\nagent stderr:\n" + m_agent.Stderr();
+    }
+
+    TempDir m_dir{"e2e-container"};
+    std::string m_install;
+    std::string m_events;
+    TestSupport::AgentProcess m_agent;
+};
+
+}  // namespace
+
+TEST_F(ContainerE2E, ADockerContainerIsWatchedReportedAndReleasedWhenItStops)
+{
+    FakeHost host;
+    StartAgent(host.Root(), {"/var/www/html"});
+
+    const std::string id = HexId(1);
+    const std::string bundle = host.StartDocker(id, "/web1", 4242);
+    const std::string rootfs = bundle + "/rootfs";
+    ASSERT_TRUE(WaitFor([&] { return IsWatched(m_install, rootfs + "/var/www/html"); }, 30000))
+        << Diagnostics();
+
+    // `ctl status` shows the followed container and its subscriber.
+    Json::Value container = Status(m_install)["components"]["container"];
+    ASSERT_EQ(container["containers"].size(), 1u) << container;
+    EXPECT_EQ(container["containers"][0]["name"].asString(), "web1");
+    EXPECT_EQ(container["containers"][0]["image"].asString(), "nginx:1.25");
+    EXPECT_EQ(container["containers"][0]["rootPath"].asString(), rootfs);
+    EXPECT_EQ(container["containers"][0]["runtime"].asString(), "docker");
+    EXPECT_EQ(container["subscribers"].asInt(), 1);
+
+    // A web shell written into the container's web root.
+    host.Dir().Write(FakeHost::BundleRel("moby", id) + "/rootfs/var/www/html/x.php", kShell);
+    ASSERT_TRUE(WaitFor([&] { return !ContainerEvents(m_events, "web1", "/var/www/html/x.php").empty(); },
+                        10000))
+        << Diagnostics();
+    const Json::Value event = ContainerEvents(m_events, "web1", "/var/www/html/x.php")[0];
+    EXPECT_EQ(event["image_name"].asString(), "nginx:1.25");
+    EXPECT_EQ(event["resource_info"]["container_id"].asString(), id);
+    EXPECT_EQ(event["resource_info"]["image_id"].asString(), "sha256:" + HexId(99));
+
+    // It stops: its watch goes, and the status no longer lists it.
+    host.StopProcess(4242);
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            Json::Value status = Status(m_install);
+            return status.isObject() && Watched(status).count(rootfs + "/var/www/html") == 0 &&
+                   status["components"]["container"]["containers"].size() == 0;
+        },
+        30000))
+        << Diagnostics();
+
+    // A write into the stopped container is not reported; a shell in a
+    // second, running container is, and once it is, the first would have
+    // been too.
+    host.Dir().Write(FakeHost::BundleRel("moby", id) + "/rootfs/var/www/html/y.php", kShell);
+    const std::string id2 = HexId(2);
+    const std::string rootfs2 = host.StartDocker(id2, "/web2", 4343, "php:8.2-apache") + "/rootfs";
+    ASSERT_TRUE(WaitFor([&] { return IsWatched(m_install, rootfs2 + "/var/www/html"); }, 30000))
+        << Diagnostics();
+    host.Dir().Write(FakeHost::BundleRel("moby", id2) + "/rootfs/var/www/html/z.php", kShell);
+    ASSERT_TRUE(WaitFor([&] { return !ContainerEvents(m_events, "web2", "/var/www/html/z.php").empty(); },
+                        10000))
+        << Diagnostics();
+    EXPECT_EQ(ContainerEvents(m_events, "web2", "/var/www/html/z.php")[0]["image_name"].asString(),
+              "php:8.2-apache");
+    EXPECT_TRUE(ContainerEvents(m_events, "web1", "/var/www/html/y.php").empty()) << Diagnostics();
+    EXPECT_EQ(ContainerEvents(m_events, "web1", "/var/www/html/x.php").size(), 1u);
+
+    EXPECT_EQ(0, m_agent.Stop(15, 20000)) << m_agent.Stderr();
+}
+
+TEST_F(ContainerE2E, ARealProcessInItsOwnMountNamespaceIsFollowedThroughProc)
+{
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "needs root to make mount and pid namespaces";
+    }
+    if (TestSupport::RunCommand("unshare --mount --pid --fork true 2>/dev/null") != 0) {
+        GTEST_SKIP() << "unshare --mount --pid --fork is not permitted on this machine";
+    }
+    // The host tree's /proc is the real one; the bundle has no rootfs, so the
+    // container's root is the process's own, /proc/PID/root.
+    FakeHost host;
+    host.Dir().Symlink("/proc", "proc");
+    // Empty on the host; inside the namespace a tmpfs covers it and holds
+    // the web root.
+    TempDir covered("ardent-ns-www");
+    const std::string webPath = covered.Path() + "/var/www/html";
+    const std::string script = "mount -t tmpfs tmpfs '" + covered.Path() + "' && mkdir -p '" +
+                               webPath + "' && exec sleep 300";
+    std::vector<std::string> args{"unshare", "--mount", "--pid", "--fork", "--propagation",
+                                  "private", "sh", "-c", script};
+    std::vector<char*> argv;
+    for (auto& a : args) {
+        argv.push_back(&a[0]);
+    }
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    pid_t unsharePid = -1;
+    const int spawned = posix_spawnp(&unsharePid, "unshare", &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ASSERT_EQ(spawned, 0);
+    long pid = 0;
+    auto cleanup = [&] {
+        if (pid > 0) {
+            kill(static_cast<pid_t>(pid), SIGKILL);
+        }
+        if (unsharePid > 0) {
+            kill(unsharePid, SIGKILL);
+            int status = 0;
+            waitpid(unsharePid, &status, 0);
+            unsharePid = -1;
+        }
+    };
+    const bool up = WaitFor([&] {
+        std::ifstream children("/proc/" + std::to_string(unsharePid) + "/task/" +
+                               std::to_string(unsharePid) + "/children");
+        children >> pid;
+        return pid > 0 && TestSupport::FileExists("/proc/" + std::to_string(pid) + "/root" + webPath);
+    });
+    if (!up) {
+        cleanup();
+        FAIL() << "the namespaced process did not come up";
+    }
+
+    Json::Value config = ContainerTest::OciConfig("");
+    config["annotations"]["nerdctl/name"] = "ns-web";
+    const std::string id = HexId(3);
+    host.Bundle("default", id, pid, config);
+    host.Remove(FakeHost::BundleRel("default", id) + "/rootfs");
+    const std::string procRoot = host.Path("proc/" + std::to_string(pid) + "/root");
+
+    StartAgent(host.Root(), {"/var/www/html", webPath});
+    if (!HasFatalFailure()) {
+        const bool watched =
+            WaitFor([&] { return IsWatched(m_install, procRoot + webPath); }, 30000);
+        EXPECT_TRUE(watched) << Diagnostics();
+        if (watched) {
+            // Written through /proc/PID/root into the namespace's tmpfs: the
+            // host path of the same name stays empty.
+            std::ofstream(procRoot + webPath + "/x.php") << kShell;
+            EXPECT_FALSE(TestSupport::FileExists(webPath + "/x.php"));
+            EXPECT_TRUE(WaitFor(
+                [&] { return !ContainerEvents(m_events, "ns-web", webPath + "/x.php").empty(); },
+                10000))
+                << Diagnostics();
+        }
+    }
+    cleanup();
+    if (m_agent.Running()) {
+        EXPECT_EQ(0, m_agent.Stop(15, 20000)) << m_agent.Stderr();
+    }
+}

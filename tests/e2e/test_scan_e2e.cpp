@@ -1,0 +1,357 @@
+// `ardent-agent scan` end to end: the real binary, a fresh install tree per
+// test, rules compiled from source written here, web roots in temp dirs.
+
+#include <sys/stat.h>
+
+#include <climits>
+#include <cstdlib>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "testsupport/TestSupport.h"
+
+namespace {
+
+using TestSupport::ReadFile;
+using TestSupport::TempDir;
+
+const char* const kRules = R"(
+rule test_certain_marker : certain extra_php
+{
+    strings:
+        $a = "CERTAIN_SHELL_MARKER"
+    condition:
+        $a
+}
+
+rule test_suspicious_marker
+{
+    strings:
+        $a = "SUSPICIOUS_MARKER"
+    condition:
+        $a
+}
+)";
+
+const std::string kCertain = "<?php exit; /* CERTAIN_SHELL_MARKER */ ?>\n";
+const std::string kSuspicious = "<?php exit; /* SUSPICIOUS_MARKER */ ?>\n";
+const std::string kClean = "<?php echo 'hello'; ?>\n";
+
+struct Outcome {
+    int code = -1;
+    std::string out;
+    std::string err;
+};
+
+// Every line must be one complete JSON object on its own.
+std::vector<Json::Value> ParseLines(const std::string& text)
+{
+    Json::CharReaderBuilder builder;
+    builder["strictRoot"] = true;
+    builder["failIfExtra"] = true;
+    builder["rejectDupKeys"] = true;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::vector<Json::Value> values;
+    size_t start = 0;
+    while (start < text.size()) {
+        size_t end = text.find('\n', start);
+        EXPECT_NE(end, std::string::npos) << "last line has no line feed";
+        if (end == std::string::npos) {
+            end = text.size();
+        }
+        const std::string line = text.substr(start, end - start);
+        Json::Value value;
+        std::string errors;
+        EXPECT_TRUE(reader->parse(line.data(), line.data() + line.size(), &value, &errors))
+            << "not one JSON document: " << line << " (" << errors << ")";
+        EXPECT_TRUE(value.isObject()) << line;
+        values.push_back(value);
+        start = end + 1;
+    }
+    return values;
+}
+
+mode_t ModeOf(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+}
+
+std::vector<std::string> Listing(const std::string& dir)
+{
+    std::string out;
+    TestSupport::RunCommand("ls -A '" + dir + "'", &out);
+    std::vector<std::string> names;
+    size_t start = 0;
+    while (start < out.size()) {
+        size_t end = out.find('\n', start);
+        names.push_back(out.substr(start, end - start));
+        start = end + 1;
+    }
+    return names;
+}
+
+class ScanE2E : public ::testing::Test {
+protected:
+    ScanE2E()
+        : m_install(TestSupport::MakeInstallTree(m_dir)),
+          m_rules(TestSupport::WriteRules(m_dir, "rules/test.yar", kRules))
+    {
+    }
+
+    Outcome Scan(std::vector<std::string> args, const std::string& workDir = "")
+    {
+        args.insert(args.begin(), {"scan", "--install-dir", m_install});
+        TestSupport::AgentProcess agent;
+        Outcome result;
+        if (!agent.Start(args, workDir)) {
+            ADD_FAILURE() << "cannot start " << TestSupport::AgentBinary();
+            return result;
+        }
+        result.code = agent.Wait(120000);
+        result.out = agent.Stdout();
+        result.err = agent.Stderr();
+        return result;
+    }
+
+    std::string Upload(const std::string& sha) const { return m_install + "data/upload/" + sha; }
+
+    TempDir m_dir;
+    std::string m_install;
+    std::string m_rules;
+};
+
+}  // namespace
+
+TEST_F(ScanE2E, CertainFileIsAnEventSuspiciousFileIsKeptCleanFileIsNowhere)
+{
+    const std::string shell = m_dir.Write("www/shell.php", kCertain);
+    const std::string odd = m_dir.Write("www/sub/odd.php", kSuspicious);
+    m_dir.Write("www/index.php", kClean);
+    m_dir.Write("www/notes.txt", kCertain);  // not a script suffix: not checked
+
+    const Outcome r = Scan({"--rules", m_rules, m_dir.Join("www")});
+    EXPECT_EQ(r.code, 1) << r.err;
+    const auto events = ParseLines(r.out);
+    ASSERT_EQ(events.size(), 1u) << r.out;
+    const Json::Value& e = events[0];
+    EXPECT_EQ(e["event_classid"].asString(), "webshell_0001");
+    EXPECT_EQ(e["detect_module"].asString(), "webshell_module");
+    ASSERT_TRUE(e["file_info"].isArray());
+    const Json::Value& file = e["file_info"][0];
+    EXPECT_EQ(file["file_path"].asString(), shell);
+    EXPECT_EQ(file["file_sha256"].asString(), TestSupport::Sha256Sum(shell));
+    EXPECT_EQ(file["file_key_word"].asString(), "CERTAIN_SHELL_MARKER");
+
+    // The suspicious file is kept privately under its digest; nothing else is.
+    const std::string sha = TestSupport::Sha256Sum(odd);
+    EXPECT_EQ(ReadFile(Upload(sha)), kSuspicious);
+    EXPECT_EQ(ModeOf(Upload(sha)), 0600u);
+    EXPECT_EQ(ModeOf(m_install + "data/upload"), 0700u);
+    EXPECT_EQ(Listing(m_install + "data/upload"), (std::vector<std::string>{sha, sha + ".json"}));
+    const auto sidecar = ParseLines(ReadFile(Upload(sha) + ".json"));
+    ASSERT_EQ(sidecar.size(), 1u);
+    EXPECT_EQ(sidecar[0]["path"].asString(), odd);
+    EXPECT_EQ(sidecar[0]["kind"].asString(), "webshell");
+
+    // The rule library went through the report service into place.
+    EXPECT_EQ(ReadFile(m_install + "data/webshell/webshell.dat"), ReadFile(m_rules));
+    EXPECT_NE(r.err.find("4 files seen, 3 checked, 2 matched (1 certain, 1 suspicious)"),
+              std::string::npos)
+        << r.err;
+    EXPECT_NE(r.err.find("1 written to standard output"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("1 kept"), std::string::npos) << r.err;
+}
+
+TEST_F(ScanE2E, RelativePathsAreReportedFromTheRoot)
+{
+    m_dir.Write("www/site/shell.php", kCertain);
+    // The agent sees the working directory as getcwd reports it.
+    char* real = ::realpath(m_dir.Path().c_str(), nullptr);
+    ASSERT_NE(real, nullptr);
+    const std::string shell = std::string(real) + "/www/site/shell.php";
+    std::free(real);
+    for (const std::string typed : {"./www/", "www", "."}) {
+        const Outcome r = Scan({"--rules", m_rules, typed}, m_dir.Path());
+        EXPECT_EQ(r.code, 1) << typed << "\n" << r.err;
+        const auto events = ParseLines(r.out);
+        ASSERT_EQ(events.size(), 1u) << typed << "\n" << r.out;
+        EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), shell) << typed;
+    }
+}
+
+TEST_F(ScanE2E, NothingCertainExitsZeroWithEmptyStdout)
+{
+    m_dir.Write("www/a.php", kSuspicious);
+    m_dir.Write("www/b.php", kClean);
+    const Outcome r = Scan({"--rules", m_rules, m_dir.Join("www")});
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(r.out, "");
+    EXPECT_NE(r.err.find("0 certain, 1 suspicious"), std::string::npos) << r.err;
+
+    const Outcome empty = Scan({"--rules", m_rules, m_dir.MkDir("empty")});
+    EXPECT_EQ(empty.code, 0) << empty.err;
+    EXPECT_EQ(empty.out, "");
+}
+
+TEST_F(ScanE2E, ErrorsExitTwoWithAClearMessage)
+{
+    const std::string www = m_dir.MkDir("www");
+    m_dir.Write("www/shell.php", kCertain);
+    const std::string broken = m_dir.Write("broken.yar", "rule broken { condition: nonsense( }\n");
+    const std::string notJson = m_dir.Write("bad.json", "{\"content\": ");
+    const std::string incomplete = m_dir.Write(
+        "incomplete.json",
+        R"({"feature_name":"detect_webshell","content":{"customize_scan_paths":[]}})");
+    const std::string file = m_dir.Write("plain.txt", "x");
+
+    struct Case {
+        std::vector<std::string> args;
+        std::string expected;
+    };
+    const std::vector<Case> cases = {
+        {{"--rules", m_dir.Join("absent.yar"), www}, "absent.yar"},
+        {{"--rules", broken, www}, "cannot be used"},
+        {{"--policy", notJson, "--rules", m_rules, www}, "not a JSON object"},
+        {{"--policy", incomplete, "--rules", m_rules, www}, "policy refused"},
+        {{"--policy", m_dir.Join("absent.json"), www}, "absent.json"},
+        {{"--rules", m_rules, m_dir.Join("nowhere")}, "does not exist"},
+        {{"--rules", m_rules, file}, "is not a directory"},
+        {{"--rules", m_rules, "--bogus", www}, "unknown option"},
+        {{"--rules", m_rules, "--events", m_dir.Join("no/dir/events.jsonl"), www},
+         "cannot write events to"},
+    };
+    for (const auto& c : cases) {
+        const Outcome r = Scan(c.args);
+        EXPECT_EQ(r.code, 2) << c.expected << "\n" << r.err;
+        EXPECT_EQ(r.out, "") << c.expected;
+        EXPECT_NE(r.err.find(c.expected), std::string::npos) << r.err;
+    }
+}
+
+TEST_F(ScanE2E, AwkwardFileNamesEachGiveOneLineOfValidJson)
+{
+    const std::vector<std::string> names = {
+        "with space.php",      "new\nline.php",     "quote\"d.php",   "single'quote.php",
+        "back\\slash.php",     "tab\there.php",     "ctrl\x01" "char.php",
+        "caf\xc3\xa9.php",     "latin1 caf\xe9.php", "bad \xff\xfe bytes.php",
+    };
+    std::set<std::string> expected;
+    for (const auto& name : names) {
+        expected.insert(m_dir.Write("www/" + name, kCertain));
+    }
+    const std::string reference = m_dir.Write("reference.txt", kCertain);
+
+    const Outcome r = Scan({"--rules", m_rules, m_dir.Join("www")});
+    EXPECT_EQ(r.code, 1) << r.err;
+    const auto events = ParseLines(r.out);
+    ASSERT_EQ(events.size(), names.size()) << r.out;
+    std::set<std::string> reported;
+    for (const auto& e : events) {
+        const Json::Value& file = e["file_info"][0];
+        reported.insert(file["file_path"].asString());
+        EXPECT_EQ(file["file_sha256"].asString(), TestSupport::Sha256Sum(reference));
+    }
+    // Every name that is valid UTF-8 comes back byte for byte.
+    for (const auto& path : expected) {
+        if (path.find('\xe9') == std::string::npos && path.find('\xff') == std::string::npos) {
+            EXPECT_EQ(reported.count(path), 1u) << path;
+        }
+    }
+}
+
+TEST_F(ScanE2E, StarterRulesByDefaultAndEventsToAFile)
+{
+    m_dir.Write("www/upload/avatar.php", "<?php exit; /* eval($_POST['cmd']); */\n");
+    m_dir.Write("www/cache/packed.php", "<?php exit; $a = 'gzinflate(base64_decode(';\n");
+    m_dir.Write("www/index.php", kClean);
+    const std::string sink = m_dir.Join("out/events.jsonl");
+    m_dir.MkDir("out");
+
+    const Outcome r = Scan({"--events", sink, m_dir.Join("www")});
+    EXPECT_EQ(r.code, 1) << r.err;
+    EXPECT_EQ(r.out, "");
+    const auto events = ParseLines(ReadFile(sink));
+    ASSERT_EQ(events.size(), 1u) << r.err;
+    EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), m_dir.Join("www/upload/avatar.php"));
+    EXPECT_EQ(ReadFile(m_install + "data/webshell/webshell.dat"),
+              ReadFile(m_install + "share/rules/webshell.yar"));
+    EXPECT_TRUE(TestSupport::FileExists(Upload(TestSupport::Sha256Sum(m_dir.Join("www/cache/packed.php")))));
+    EXPECT_NE(r.err.find(sink), std::string::npos) << r.err;
+}
+
+TEST_F(ScanE2E, PathsReplaceThePolicyScanPathsAndTheSuffixesComeFromThePolicy)
+{
+    const std::string other = m_dir.MkDir("other");
+    m_dir.Write("other/c.txt", kCertain);
+    const std::string www = m_dir.MkDir("www");
+    m_dir.Write("www/a.txt", kCertain);
+    m_dir.Write("www/b.php", kCertain);
+    Json::Value policy;
+    policy["feature_name"] = "detect_webshell";
+    policy["content"]["customize_scan_paths"].append(other);
+    policy["content"]["default_scan_paths"].append(other);
+    policy["content"]["file_type"] = "txt";
+    policy["content"]["lib_version"] = "x";
+    policy["content"]["lib_url"] = "file:///nonexistent";
+    policy["content"]["lib_hash"] = "0";
+    policy["content"]["auto_scan_task"]["task_condition"]["type"] = "daily";
+    policy["content"]["auto_scan_task"]["task_condition"]["at"] = "03:00";
+    const std::string policyFile = m_dir.Write("policy.json", Json::FastWriter().write(policy));
+
+    Outcome r = Scan({"--policy", policyFile, "--rules", m_rules, www});
+    EXPECT_EQ(r.code, 1) << r.err;
+    auto events = ParseLines(r.out);
+    ASSERT_EQ(events.size(), 1u) << r.out;
+    EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), www + "/a.txt");
+
+    r = Scan({"--policy", policyFile, "--rules", m_rules});
+    EXPECT_EQ(r.code, 1) << r.err;
+    events = ParseLines(r.out);
+    ASSERT_EQ(events.size(), 1u) << r.out;
+    EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), other + "/c.txt");
+
+    // Without --rules the policy's own library is used, and here it cannot
+    // be fetched: the download failure is the error.
+    r = Scan({"--policy", policyFile, www});
+    EXPECT_EQ(r.code, 2) << r.err;
+    EXPECT_NE(r.err.find("file:///nonexistent"), std::string::npos) << r.err;
+}
+
+TEST_F(ScanE2E, NewRulesReplaceTheInstalledLibrary)
+{
+    m_dir.Write("www/a.php", "<?php exit; /* FIRST_MARKER */\n");
+    m_dir.Write("www/b.php", "<?php exit; /* SECOND_MARKER */\n");
+    const std::string first =
+        TestSupport::WriteRules(m_dir, "first.yar", "rule f : certain { strings: $a = \"FIRST_MARKER\" condition: $a }\n");
+    const std::string second =
+        TestSupport::WriteRules(m_dir, "second.yar", "rule s : certain { strings: $a = \"SECOND_MARKER\" condition: $a }\n");
+
+    Outcome r = Scan({"--rules", first, m_dir.Join("www")});
+    EXPECT_EQ(r.code, 1) << r.err;
+    auto events = ParseLines(r.out);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), m_dir.Join("www/a.php"));
+
+    r = Scan({"--rules", second, m_dir.Join("www")});
+    EXPECT_EQ(r.code, 1) << r.err;
+    events = ParseLines(r.out);
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), m_dir.Join("www/b.php"));
+    EXPECT_EQ(ReadFile(m_install + "data/webshell/webshell.dat"), ReadFile(second));
+}
+
+TEST_F(ScanE2E, EventsThatCannotBeWrittenAreAnError)
+{
+    m_dir.Write("www/shell.php", kCertain);
+    const Outcome r = Scan({"--rules", m_rules, "--events", "/dev/full", m_dir.Join("www")});
+    EXPECT_EQ(r.code, 2) << r.err;
+    EXPECT_NE(r.err.find("/dev/full"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("could not be written"), std::string::npos) << r.err;
+}

@@ -1,0 +1,204 @@
+// Real-time detection end to end: the real `ardent-agent run` with
+// "monitor_file_change" on reports web shells written into a watched root,
+// into a new nested directory of it and inside a directory moved into it,
+// each once; a policy change moves the watch from one root to another.
+
+#include <sys/stat.h>
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "testsupport/TestSupport.h"
+
+namespace {
+
+using TestSupport::TempDir;
+using TestSupport::WaitFor;
+
+const char* const kRules = R"(
+rule e2e_watch_certain : certain_webshell
+{
+    strings:
+        $a = "WATCH_E2E_SHELL_MARKER"
+    condition:
+        $a
+}
+)";
+
+const std::string kShell = "<?php @eval($_POST['c']); /* WATCH_E2E_SHELL_MARKER */ ?>\n";
+const std::string kClean = "<?php echo 'hello'; ?>\n";
+const char* const kWatcherTask = "detect_file_change_wehshell_task";
+
+bool ParseJson(const std::string& text, Json::Value& out)
+{
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    std::string errors;
+    return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
+}
+
+// Reported paths of the event sink, with how often each was reported.
+std::map<std::string, int> ReportedPaths(const std::string& events)
+{
+    std::map<std::string, int> out;
+    if (!TestSupport::FileExists(events)) {
+        return out;
+    }
+    for (const std::string& line : TestSupport::ReadLines(events)) {
+        Json::Value event;
+        if (line.empty() || !ParseJson(line, event) || !event.isObject()) {
+            continue;
+        }
+        for (const auto& file : event["file_info"]) {
+            ++out[file["file_path"].asString()];
+        }
+    }
+    return out;
+}
+
+std::string PolicyText(const std::string& root, const std::string& rules, const std::string& hash)
+{
+    Json::Value policy;
+    policy["feature_name"] = "detect_webshell";
+    policy["hash"] = "watch-e2e-" + root;
+    policy["content"]["default_scan_paths"] = Json::Value(Json::arrayValue);
+    policy["content"]["customize_scan_paths"].append(root);
+    policy["content"]["lib_version"] = "1";
+    policy["content"]["lib_url"] = "file://" + rules;
+    policy["content"]["lib_hash"] = hash;
+    policy["content"]["monitor_file_change"] = true;
+    policy["content"]["monitor_container"] = false;
+    policy["content"]["file_type"] = "php";
+    // No scheduled pass during the test: every event comes from a watch.
+    policy["content"]["auto_scan_task"]["task_condition"]["type"] = "interval";
+    policy["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 86400;
+    policy["content"]["auto_scan_task"]["task_condition"]["delay_s"] = 86400;
+    return Json::FastWriter().write(policy);
+}
+
+// The paths the file-notify service watches for the web-shell task, from
+// `ctl status`.
+std::set<std::string> WatchedRoots(const std::string& install)
+{
+    std::set<std::string> out;
+    std::string text;
+    Json::Value status;
+    const std::string ctl = TestSupport::AgentBinary() + " ctl status --install-dir " + install;
+    if (TestSupport::RunCommand(ctl + " 2>/dev/null", &text) != 0 || !ParseJson(text, status)) {
+        return out;
+    }
+    for (const auto& reg : status["components"]["filenotify"]["registrations"]) {
+        if (reg["task"].asString() == kWatcherTask && reg["watching"].asBool()) {
+            out.insert(reg["path"].asString());
+        }
+    }
+    return out;
+}
+
+// The file-notify service's registrations, for failure messages.
+std::string Registrations(const std::string& install)
+{
+    std::string text;
+    Json::Value status;
+    const std::string ctl = TestSupport::AgentBinary() + " ctl status --install-dir " + install;
+    if (TestSupport::RunCommand(ctl + " 2>/dev/null", &text) != 0 || !ParseJson(text, status)) {
+        return "(no status)";
+    }
+    return Json::FastWriter().write(status["components"]["filenotify"]["registrations"]);
+}
+
+}  // namespace
+
+TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
+{
+    TempDir dir("e2e-watch");
+    const std::string install = TestSupport::MakeInstallTree(dir);
+    const std::string rules = dir.Write("rules/webshell.yar", kRules);
+    const std::string hash = TestSupport::Sha256Sum(rules);
+    const std::string root1 = dir.MkDir("www1");
+    const std::string root2 = dir.MkDir("www2");
+    const std::string hostRoot = dir.MkDir("host");  // no web servers to discover
+    const std::string events = dir.Join("events.jsonl");
+    const std::string policy = dir.Write("policy.json", PolicyText(root1, rules, hash));
+
+    // The rule library is in place before the start, so the first watch
+    // registration does not wait for its download.
+    dir.Write("install/data/webshell/webshell.dat", kRules);
+
+    TestSupport::AgentProcess agent;
+    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policy, "--events", events,
+                             "--host-root", hostRoot}));
+    ASSERT_TRUE(WaitFor([&] { return WatchedRoots(install).count(root1) == 1; }, 30000))
+        << agent.Stderr();
+
+    // 1. A shell written into the root, and a clean file beside it.
+    const std::string direct = dir.Write("www1/direct.php", kShell);
+    dir.Write("www1/clean.php", kClean);
+    // 2. A new nested directory, the shell written right after it.
+    ASSERT_EQ(0, mkdir((root1 + "/n1").c_str(), 0755));
+    ASSERT_EQ(0, mkdir((root1 + "/n1/n2").c_str(), 0755));
+    const std::string nested = dir.Write("www1/n1/n2/nested.php", kShell);
+    // 3. A directory holding shells, moved in from outside the root.
+    dir.Write("staging/pack/moved.php", kShell);
+    dir.Write("staging/pack/deep/moved2.php", kShell);
+    ASSERT_EQ(0, rename(dir.Join("staging/pack").c_str(), (root1 + "/pack").c_str()));
+    const std::string moved = root1 + "/pack/moved.php";
+    const std::string moved2 = root1 + "/pack/deep/moved2.php";
+
+    const std::vector<std::string> shells = {direct, nested, moved, moved2};
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            auto reported = ReportedPaths(events);
+            for (auto& s : shells) {
+                if (reported.count(s) == 0) {
+                    return false;
+                }
+            }
+            return true;
+        },
+        20000))
+        << "events:\n" << TestSupport::ReadFile(events) << "\nagent stderr:\n" << agent.Stderr();
+    // A last shell: once it is reported, everything written before it has
+    // gone through the service and the scan.
+    const std::string last = dir.Write("www1/last.php", kShell);
+    ASSERT_TRUE(WaitFor([&] { return ReportedPaths(events).count(last) == 1; }, 20000));
+    auto reported = ReportedPaths(events);
+    for (auto& s : shells) {
+        EXPECT_EQ(1, reported[s]) << s << "\nwatches: " << Registrations(install);
+    }
+    EXPECT_EQ(0u, reported.count(root1 + "/clean.php"));
+    EXPECT_EQ(0u, reported.count(root1 + "/n1"));
+    EXPECT_EQ(0u, reported.count(root1 + "/pack"));
+
+    // The policy now names another root: the old one is released, the new
+    // one watched.
+    const std::string policyPath = install + "policy/10001.json";
+    dir.Write("policy-next.tmp", PolicyText(root2, rules, hash));
+    ASSERT_EQ(0, rename(dir.Join("policy-next.tmp").c_str(), policyPath.c_str()));
+    ASSERT_TRUE(WaitFor(
+        [&] {
+            auto roots = WatchedRoots(install);
+            return roots.count(root2) == 1 && roots.count(root1) == 0;
+        },
+        30000))
+        << "watches: " << Registrations(install);
+
+    const std::string stale = dir.Write("www1/after-change.php", kShell);
+    const std::string staleNested = dir.Write("www1/n1/n2/after-change.php", kShell);
+    const std::string fresh = dir.Write("www2/fresh.php", kShell);
+    ASSERT_TRUE(WaitFor([&] { return ReportedPaths(events).count(fresh) == 1; }, 20000))
+        << "events:\n" << TestSupport::ReadFile(events);
+    const std::string fresh2 = dir.Write("www2/fresh2.php", kShell);
+    ASSERT_TRUE(WaitFor([&] { return ReportedPaths(events).count(fresh2) == 1; }, 20000));
+    reported = ReportedPaths(events);
+    EXPECT_EQ(0u, reported.count(stale));
+    EXPECT_EQ(0u, reported.count(staleNested));
+
+    EXPECT_EQ(0, agent.Stop(15, 20000)) << agent.Stderr();
+}

@@ -1,0 +1,259 @@
+#pragma once
+// Shared by the file-notify tests: an engine with the real "filenotify_task"
+// (real inotify) and a capturing consumer, helpers to send watch requests
+// and read the notifications, a watcher wrapper that can pause reading or
+// lose events, and a log channel that keeps the module's records.
+
+#include <fcntl.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Logger.h>
+#include <Poco/Message.h>
+
+#include "FileNotifyTask.h"
+#include "InotifyWatcher.h"
+#include "filenotify/FileNotifyMessage.h"
+#include "testsupport/TestSupport.h"
+
+namespace FileNotifyTest {
+
+// Creates or truncates `path`, writes `content` and closes it.
+inline bool WriteFile(const std::string& path, const std::string& content = "<?php echo 1; ?>")
+{
+    int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        return false;
+    }
+    bool ok = write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
+    return close(fd) == 0 && ok;
+}
+
+struct Note {
+    uint32_t mask;
+    std::string path;
+    unsigned long ext;
+};
+
+inline std::vector<Note> NotesOf(TestSupport::CaptureTask& consumer)
+{
+    std::vector<Note> out;
+    for (auto& m : consumer.MessagesOf<Engine::FileNotifyMessage>()) {
+        out.push_back({m->mask, m->GetEventFilePath(), m->GetExtParm()});
+    }
+    return out;
+}
+
+inline size_t CountPath(TestSupport::CaptureTask& consumer, const std::string& path)
+{
+    size_t n = 0;
+    for (const Note& note : NotesOf(consumer)) {
+        n += note.path == path ? 1 : 0;
+    }
+    return n;
+}
+
+inline std::set<std::string> PathSet(TestSupport::CaptureTask& consumer)
+{
+    std::set<std::string> out;
+    for (const Note& note : NotesOf(consumer)) {
+        out.insert(note.path);
+    }
+    return out;
+}
+
+inline bool WaitPath(TestSupport::CaptureTask& consumer, const std::string& path,
+                     int timeoutMs = 5000)
+{
+    return TestSupport::WaitFor([&] { return CountPath(consumer, path) > 0; }, timeoutMs);
+}
+
+// Keeps the records of one logger ("filenotify_module").
+class CaptureChannel : public Poco::Channel {
+public:
+    void log(const Poco::Message& msg) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_records.push_back({msg.getPriority(), msg.getText()});
+    }
+    std::vector<std::string> Texts(Poco::Message::Priority atMost)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        std::vector<std::string> out;
+        for (auto& r : m_records) {
+            if (r.first <= atMost) {
+                out.push_back(r.second);
+            }
+        }
+        return out;
+    }
+    size_t CountContaining(const std::string& needle, Poco::Message::Priority atMost)
+    {
+        size_t n = 0;
+        for (auto& t : Texts(atMost)) {
+            n += t.find(needle) != std::string::npos ? 1 : 0;
+        }
+        return n;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::pair<Poco::Message::Priority, std::string>> m_records;
+};
+
+// Wraps the real watcher. Pause() stops reading (the kernel queue fills
+// up); LoseAndOverflow() throws away whatever the kernel queued and reports
+// an overflow instead, as the kernel does when its queue is full.
+class ControlledWatcher : public FileNotify::Watcher {
+public:
+    explicit ControlledWatcher(std::unique_ptr<FileNotify::Watcher> inner)
+        : m_inner(std::move(inner)) {}
+
+    void Pause(bool on)
+    {
+        m_paused.store(on);
+        m_pausedSeen.store(false);
+        m_inner->Interrupt();
+    }
+    bool PauseInEffect() const { return m_pausedSeen.load(); }
+    void LoseAndOverflow() { m_lose.store(true); }
+
+    bool IsOpen() const override { return m_inner->IsOpen(); }
+    const std::string& Error() const override { return m_inner->Error(); }
+    int AddWatch(const std::string& path, uint32_t mask) override
+    {
+        return m_inner->AddWatch(path, mask);
+    }
+    void RemoveWatch(int wd) override { m_inner->RemoveWatch(wd); }
+    void Interrupt() override { m_inner->Interrupt(); }
+    std::string PathOf(int wd) const override { return m_inner->PathOf(wd); }
+    size_t WatchCount() const override { return m_inner->WatchCount(); }
+
+    int ReadEvents(int timeoutMs, size_t maxEvents, std::vector<FileNotify::WatchEvent>& out,
+                   bool& drained) override
+    {
+        drained = false;
+        if (m_paused.load()) {
+            m_pausedSeen.store(true);
+            // Not reading is the point; keep the task loop turning slowly.
+            std::this_thread::sleep_for(std::chrono::milliseconds(std::min(timeoutMs, 10)));
+            return 0;
+        }
+        if (m_lose.exchange(false)) {
+            std::vector<FileNotify::WatchEvent> lost;
+            bool empty = false;
+            while (m_inner->ReadEvents(0, 1u << 20, lost, empty) > 0) {
+                lost.clear();
+            }
+            FileNotify::WatchEvent overflow;
+            overflow.wd = -1;
+            overflow.mask = IN_Q_OVERFLOW;
+            out.push_back(overflow);
+            return 1;
+        }
+        return m_inner->ReadEvents(timeoutMs, maxEvents, out, drained);
+    }
+
+private:
+    std::unique_ptr<FileNotify::Watcher> m_inner;
+    std::atomic<bool> m_paused{false};
+    std::atomic<bool> m_pausedSeen{false};
+    std::atomic<bool> m_lose{false};
+};
+
+// The task under test on a test engine, with one registered consumer.
+class Harness {
+public:
+    explicit Harness(const FileNotify::Options& options = FileNotify::Options(),
+                     std::unique_ptr<FileNotify::Watcher> watcher = nullptr)
+        : m_consumer(new TestSupport::CaptureTask("fn_consumer")),
+          m_channel(new CaptureChannel)
+    {
+        Poco::Logger& logger = Poco::Logger::get("filenotify_module");
+        m_oldChannel = logger.getChannel();
+        m_oldLevel = logger.getLevel();
+        logger.setChannel(m_channel);
+        logger.setLevel(Poco::Message::PRIO_DEBUG);
+        m_task = new FileNotify::FileNotifyTask(options, std::move(watcher));
+        m_env.engine().RegisterTask(m_consumer.get(), nullptr);
+        m_env.engine().RegisterTask(m_task.get(), nullptr);
+    }
+
+    ~Harness()
+    {
+        m_env.engine().UnRegisterTask(FileNotify::FileNotifyTask::kTaskName);
+        m_env.engine().UnRegisterTask(m_consumer->GetTaskName());
+        for (auto& extra : m_extra) {
+            m_env.engine().UnRegisterTask(extra->GetTaskName());
+        }
+        Poco::Logger& logger = Poco::Logger::get("filenotify_module");
+        logger.setChannel(m_oldChannel);
+        logger.setLevel(m_oldLevel);
+    }
+
+    Framework::Engine& engine() { return m_env.engine(); }
+    TestSupport::CaptureTask& consumer() { return *m_consumer; }
+    FileNotify::FileNotifyTask& task() { return *m_task; }
+    CaptureChannel& log() { return *m_channel; }
+    void KeepRegistered(Poco::AutoPtr<TestSupport::CaptureTask> task) { m_extra.push_back(task); }
+
+    bool Request(Framework::Task* consumer, const std::string& path, bool add,
+                 unsigned long ext = 0)
+    {
+        Engine::_FileNotifyOpt opt;
+        opt.addWatch = add ? 1 : 0;
+        opt.removeWatch = add ? 0 : 1;
+        opt.extParm = ext;
+        return engine().SendDirectMsg(
+            FileNotify::FileNotifyTask::kTaskName,
+            new Engine::FileNotifyWatchMessage(consumer, path, {0x100, 0x2, 0xC0}, opt));
+    }
+
+    // Adds a watch for the default consumer and waits until the task has
+    // `registrations` registrations and at least `watches` watches.
+    bool Watch(const std::string& path, unsigned long ext, size_t registrations, size_t watches)
+    {
+        return Request(m_consumer.get(), path, true, ext) &&
+               TestSupport::WaitFor([&] {
+                   return m_task->Registrations() == registrations && m_task->Watches() >= watches;
+               });
+    }
+
+    // Everything the task had to say about what happened so far has reached
+    // `consumer`: a sentinel file written now in `dir` (watched) is
+    // delivered, nothing waits to be coalesced or retried, and every
+    // delivered notification has been received.
+    bool Settle(const std::string& dir)
+    {
+        std::string sentinel = dir + "/settle-" + std::to_string(++m_settles);
+        WriteFile(sentinel);
+        return WaitPath(*m_consumer, sentinel) && TestSupport::WaitFor([&] {
+                   return m_task->Pending() == 0 &&
+                          m_consumer->MessagesOf<Engine::FileNotifyMessage>().size() ==
+                              m_task->Notifications();
+               });
+    }
+
+private:
+    TestSupport::TestEngine m_env;
+    Poco::AutoPtr<TestSupport::CaptureTask> m_consumer;
+    Poco::AutoPtr<FileNotify::FileNotifyTask> m_task;
+    Poco::AutoPtr<CaptureChannel> m_channel;
+    Poco::Channel::Ptr m_oldChannel;
+    int m_oldLevel = Poco::Message::PRIO_INFORMATION;
+    std::vector<Poco::AutoPtr<TestSupport::CaptureTask>> m_extra;
+    int m_settles = 0;
+};
+
+}  // namespace FileNotifyTest
