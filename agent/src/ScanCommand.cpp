@@ -55,6 +55,7 @@
 #include "framework/StatusBoard.h"
 #include "framework/Task.h"
 #include "sdk/FileUtils.h"
+#include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/TimeUtils.h"
@@ -360,6 +361,7 @@ int ScanCommandMain(const AgentOptions& options)
     if (!install.empty() && install.back() != '/') {
         install += '/';
     }
+    SDK::InnerCpuCtrlUtils::SetCpuLimit(options.cpuLimit);
 
     // --- arguments, before anything starts
     // A policy of one's own keeps its rule library unless --rules is given.

@@ -1,6 +1,6 @@
 // ardent-agent: the host of the agent's modules.
 //   ardent-agent run  [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR]
-//   ardent-agent scan [--policy F] [--rules F] [--events F|-] [PATH...]
+//   ardent-agent scan [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [PATH...]
 //   ardent-agent ctl  status|scan-now|reload|policy F
 // Every subcommand takes --install-dir D and --log-level L.
 
@@ -25,7 +25,7 @@ const char* const kUsage =
     "         [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR]\n"
     "  scan   one full web-shell scan pass, then exit (0: nothing certain found,\n"
     "         1: web shells found, 2: error)\n"
-    "         [--policy F] [--rules F] [--events F|-] [PATH...]\n"
+    "         [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [PATH...]\n"
     "  ctl    talk to the running agent: status | scan-now | reload | policy F\n"
     "\n"
     "options of every command:\n"

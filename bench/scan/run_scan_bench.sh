@@ -37,7 +37,7 @@ measure() {  # prints "seconds maxrss_kib"
   local best="" rss=""
   for _ in 1 2 3; do
     /usr/bin/time -f "%e %M" -o "$work/time" "$@" >/dev/null 2>"$work/err" || true
-    read -r s m < "$work/time"
+    read -r s m < <(tail -n 1 "$work/time")
     if [ -z "$best" ] || awk "BEGIN{exit !($s < $best)}"; then best=$s; rss=$m; fi
   done
   echo "$best $rss"
