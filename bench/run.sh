@@ -22,6 +22,17 @@ if [ -x "$B/bench/bench_watch" ]; then
   ran=$((ran + 1))
 fi
 
+HERE="$(cd "$(dirname "$0")" && pwd)"
+if [ -x "$B/stage/bin/ardent-agent" ] && command -v yara >/dev/null; then
+  echo "== scan: full pass beside yara -r -p 1, same rules, same tree"
+  bash "$HERE/scan/run_scan_bench.sh" "$B"
+  echo "== scan: peak RSS on a file built to make libyara record matches"
+  bash "$HERE/scan/run_hostile_bench.sh" "$B"
+  echo "== scan: CPU share with --cpu-limit"
+  bash "$HERE/scan/run_cpu_limit_bench.sh" "$B"
+  ran=$((ran + 1))
+fi
+
 if [ "$ran" -eq 0 ]; then
   echo "no benchmark programs under $B/bench (configure with -DARDENT_BUILD_BENCH=ON and build)" >&2
   exit 1
