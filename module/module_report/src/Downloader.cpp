@@ -31,7 +31,12 @@
 
 #include "sdk/TimeUtils.h"
 
+#include "FileIo.h"
+
 namespace Report {
+
+using FileIo::DirName;
+using FileIo::ErrnoText;
 
 namespace {
 
@@ -40,20 +45,6 @@ const size_t kChunk = 64 * 1024;
 int64_t NowMs()
 {
     return static_cast<int64_t>(SDK::TimeUtils::GetCurrentSystemTickUsed());
-}
-
-std::string ErrnoText(int err)
-{
-    return Poco::Error::getMessage(err);
-}
-
-std::string DirName(const std::string& path)
-{
-    const size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 std::string CapText(uint64_t size, uint64_t cap, bool exact)
@@ -202,18 +193,8 @@ DownloadResult Download::Run()
 
 std::string Download::WriteAll(int fd, const char* data, size_t size)
 {
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = ::write(fd, data + done, size - done);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return "cannot write the temporary file beside " + m_target + ": " + ErrnoText(errno);
-        }
-        done += static_cast<size_t>(n);
-    }
-    return "";
+    const std::string error = FileIo::WriteAll(fd, data, size);
+    return error.empty() ? error : "cannot write the temporary file beside " + m_target + ": " + error;
 }
 
 std::string Download::FetchFile(const std::string& path, int outFd, DownloadResult& result)

@@ -19,27 +19,19 @@
 #include "sdk/LogMacros.h"
 #include "sdk/TimeUtils.h"
 
+#include "FileIo.h"
+
 namespace Report {
+
+using FileIo::DirName;
+using FileIo::ErrnoText;
+using FileIo::WriteAll;
 
 namespace {
 
 const char* const kSource = "module/module_report/src/UploadStore";
 const char* const kKindWebshell = "webshell";
 const size_t kChunk = 64 * 1024;
-
-std::string ErrnoText(int err)
-{
-    return Poco::Error::getMessage(err);
-}
-
-std::string DirName(const std::string& path)
-{
-    const size_t slash = path.rfind('/');
-    if (slash == std::string::npos) {
-        return ".";
-    }
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
 
 int MakeTemp(const std::string& pattern, std::string& path)
 {
@@ -51,22 +43,6 @@ int MakeTemp(const std::string& pattern, std::string& path)
         ::fchmod(fd, 0600);
     }
     return fd;
-}
-
-std::string WriteAll(int fd, const char* data, size_t size)
-{
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = ::write(fd, data + done, size - done);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return ErrnoText(errno);
-        }
-        done += static_cast<size_t>(n);
-    }
-    return "";
 }
 
 }  // namespace
