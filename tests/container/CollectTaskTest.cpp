@@ -178,10 +178,11 @@ TEST_F(CollectTaskTest, StatusShowsFollowedContainersAndSubscribers)
 
     Json::Value status;
     ASSERT_TRUE(WaitFor([&] {
+        // The board is process-wide: wait for this test's own poll.
         status = Framework::StatusBoard::Get("container");
-        return status.isObject() && status["subscribers"].asUInt() == 1;
+        return status.isObject() && status["subscribers"].asUInt() == 1 &&
+               status["host_root"].asString() == m_host.Root() && status["containers"].size() == 1;
     }));
-    ASSERT_EQ(status["containers"].size(), 1u);
     const Json::Value& c = status["containers"][0];
     EXPECT_EQ(c["id"].asString(), id);
     EXPECT_EQ(c["name"].asString(), "php");
