@@ -406,10 +406,12 @@ bool Engine::SendDirectMsg(const std::string& target, Message* msg)
         }
     }
     if (!task) {
-        return Task::DeliverToLive(nullptr, owned) && false;  // logs the drop
+        Task::WarnDropped(target, "no task of that name is registered");
+        return false;
     }
     if (task->EnqueueMsg(owned) != 1) {
-        return Task::DeliverToLive(nullptr, owned) && false;
+        Task::WarnDropped(target, "its queue is full");
+        return false;
     }
     return true;
 }

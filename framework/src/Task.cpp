@@ -30,8 +30,10 @@ std::set<Task*>& LiveTasks()
     return live;
 }
 
+}  // namespace
+
 // One warning per window for dropped messages, with the number suppressed.
-void WarnDropped(const std::string& target, const std::string& why)
+void Task::WarnDropped(const std::string& target, const std::string& why)
 {
     static std::atomic<int64_t> lastWarnMs{0};
     static std::atomic<uint64_t> suppressed{0};
@@ -46,8 +48,6 @@ void WarnDropped(const std::string& target, const std::string& why)
             "Message for task %s dropped: %s (%lu more dropped messages not logged in the last 5 s)",
             target, why, more);
 }
-
-}  // namespace
 
 bool Event::Wait(long timeoutMs)
 {

@@ -176,6 +176,8 @@ public:
     static std::vector<Task*> LiveTasksOfType(TaskCondition::TaskType type);
     // Type and state of `target` while it is a live task object; false when it is gone.
     static bool DescribeLive(Task* target, TaskCondition::TaskType& type, Poco::Task::TaskState& state);
+    // Rate-limited warning for a message that could not be delivered.
+    static void WarnDropped(const std::string& target, const std::string& why);
     // Marks every task object cancelling (shutdown: long loops stop early).
     static void CancelAllLive();
 
