@@ -31,6 +31,25 @@ struct NginxConfigParser::RootRef {
 
 namespace {
 
+// nginx's escapes: \" \' \\ stand for the character, \t \r \n for the
+// control character. Appends it and steps past; false for anything else.
+bool TakeEscape(const std::string& t, size_t& pos, std::string& out)
+{
+    if (t[pos] != '\\' || pos + 1 >= t.size()) {
+        return false;
+    }
+    const char next = t[pos + 1];
+    if (next == '"' || next == '\'' || next == '\\') {
+        out += next;
+    } else if (next == 't' || next == 'r' || next == 'n') {
+        out += next == 't' ? '\t' : (next == 'r' ? '\r' : '\n');
+    } else {
+        return false;
+    }
+    pos += 2;
+    return true;
+}
+
 bool IsBlank(char c)
 {
     return c == ' ' || c == '\t' || c == '\r' || c == '\n';
@@ -153,18 +172,8 @@ bool NginxConfigParser::NextToken(Source& src, Token& tok)
             if (ch == '\n') {
                 ++src.line;
             }
-            if (ch == '\\' && src.pos + 1 < t.size()) {
-                char next = t[src.pos + 1];
-                if (next == '"' || next == '\'' || next == '\\') {
-                    tok.text += next;
-                    src.pos += 2;
-                    continue;
-                }
-                if (next == 't' || next == 'r' || next == 'n') {
-                    tok.text += next == 't' ? '\t' : (next == 'r' ? '\r' : '\n');
-                    src.pos += 2;
-                    continue;
-                }
+            if (TakeEscape(t, src.pos, tok.text)) {
+                continue;
             }
             tok.text += ch;
             ++src.pos;
@@ -193,18 +202,11 @@ bool NginxConfigParser::NextToken(Source& src, Token& tok)
         } else if (ch == '}' && inVariableBraces) {
             inVariableBraces = false;
         }
+        if (TakeEscape(t, src.pos, tok.text)) {
+            continue;
+        }
         if (ch == '\\' && src.pos + 1 < t.size()) {
             char next = t[src.pos + 1];
-            if (next == '"' || next == '\'' || next == '\\') {
-                tok.text += next;
-                src.pos += 2;
-                continue;
-            }
-            if (next == 't' || next == 'r' || next == 'n') {
-                tok.text += next == 't' ? '\t' : (next == 'r' ? '\r' : '\n');
-                src.pos += 2;
-                continue;
-            }
             tok.text += ch;
             tok.text += next;
             if (next == '\n') {
