@@ -16,9 +16,9 @@
 
 #include "ContainerCollector.h"
 #include "FakeHost.h"
+#include "Namespaces.h"
 #include "testsupport/TestSupport.h"
 
-extern char** environ;
 
 using namespace ContainerTest;
 
@@ -54,20 +54,8 @@ TEST(ContainerNamespace, ARealProcessInItsOwnMountNamespaceIsFoundThroughProc)
     const std::string script = "mount -t tmpfs tmpfs '" + covered.Path() + "' && mkdir -p '" + web +
                                "' && echo '<?php echo 1; ?>' > '" + web +
                                "/index.php' && exec sleep 120";
-    std::vector<std::string> args{"unshare", "--mount", "--pid", "--fork", "--propagation", "private", "sh", "-c", script};
-    std::vector<char*> argv;
-    for (auto& a : args) {
-        argv.push_back(&a[0]);
-    }
-    argv.push_back(nullptr);
-    // unshare complains on stderr when its child dies of SIGKILL; keep it quiet.
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t unsharePid = -1;
-    const int spawned = posix_spawnp(&unsharePid, "unshare", &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ASSERT_EQ(spawned, 0);
+    pid_t unsharePid = ContainerTest::SpawnInNamespaces(script);
+    ASSERT_GT(unsharePid, 0);
 
     long pid = 0;
     const bool started = TestSupport::WaitFor([&] {

@@ -21,9 +21,9 @@
 #include <json/json.h>
 
 #include "FakeHost.h"
+#include "Namespaces.h"
 #include "testsupport/TestSupport.h"
 
-extern char** environ;
 
 namespace {
 
@@ -239,20 +239,8 @@ TEST_F(ContainerE2E, ARealProcessInItsOwnMountNamespaceIsFollowedThroughProc)
     const std::string webPath = covered.Path() + "/var/www/html";
     const std::string script = "mount -t tmpfs tmpfs '" + covered.Path() + "' && mkdir -p '" +
                                webPath + "' && exec sleep 300";
-    std::vector<std::string> args{"unshare", "--mount", "--pid", "--fork", "--propagation",
-                                  "private", "sh", "-c", script};
-    std::vector<char*> argv;
-    for (auto& a : args) {
-        argv.push_back(&a[0]);
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t unsharePid = -1;
-    const int spawned = posix_spawnp(&unsharePid, "unshare", &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ASSERT_EQ(spawned, 0);
+    pid_t unsharePid = ContainerTest::SpawnInNamespaces(script);
+    ASSERT_GT(unsharePid, 0);
     long pid = 0;
     auto cleanup = [&] {
         if (pid > 0) {
