@@ -1,0 +1,177 @@
+#include "sdk/Posix.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace SDK {
+
+std::string ErrnoText(int err)
+{
+    char buf[256];
+    // GNU strerror_r returns the text, which may or may not live in buf.
+    const char* text = strerror_r(err, buf, sizeof(buf));
+    return text != nullptr ? std::string(text) : "errno " + std::to_string(err);
+}
+
+void UniqueFd::Reset(int fd)
+{
+    if (m_fd >= 0) {
+        ::close(m_fd);
+    }
+    m_fd = fd;
+}
+
+void UniqueDir::Reset(DIR* dir)
+{
+    if (m_dir != nullptr) {
+        ::closedir(m_dir);
+    }
+    m_dir = dir;
+}
+
+namespace {
+
+ReadResult Fail(ReadError error, const std::string& what, const std::string& reason)
+{
+    ReadResult r;
+    r.error = error;
+    r.status = Status::Error(what + ": " + reason);
+    return r;
+}
+
+ReadResult FromErrno(int err, const std::string& what)
+{
+    ReadError kind = (err == ENOENT || err == ENOTDIR) ? ReadError::Missing : ReadError::Failed;
+    if (err == ELOOP) {
+        kind = ReadError::NotRegular;  // O_NOFOLLOW met a symbolic link
+        return Fail(kind, what, "is a symbolic link");
+    }
+    return Fail(kind, what, ErrnoText(err));
+}
+
+ReadResult CheckRegular(int fd, const std::string& what)
+{
+    struct stat st;
+    if (::fstat(fd, &st) != 0) {
+        return FromErrno(errno, what);
+    }
+    if (!S_ISREG(st.st_mode)) {
+        return Fail(ReadError::NotRegular, what, "not a regular file");
+    }
+    return {};
+}
+
+}  // namespace
+
+ReadResult OpenRegularFileAt(int dirFd, const std::string& name, bool noFollow, UniqueFd& out)
+{
+    int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
+    if (noFollow) {
+        flags |= O_NOFOLLOW;
+    }
+    UniqueFd fd(::openat(dirFd, name.c_str(), flags));
+    if (!fd.Valid()) {
+        return FromErrno(errno, name);
+    }
+    ReadResult r = CheckRegular(fd.Get(), name);
+    if (!r.ok()) {
+        return r;
+    }
+    // Reads should block normally once we know it is a regular file.
+    int fl = ::fcntl(fd.Get(), F_GETFL);
+    if (fl >= 0) {
+        ::fcntl(fd.Get(), F_SETFL, fl & ~O_NONBLOCK);
+    }
+    out = std::move(fd);
+    return {};
+}
+
+ReadResult OpenRegularFile(const std::string& path, bool noFollow, UniqueFd& out)
+{
+    return OpenRegularFileAt(AT_FDCWD, path, noFollow, out);
+}
+
+ReadResult ReadAll(int fd, std::size_t cap, std::string& out, const std::string& what)
+{
+    out.clear();
+    char buf[65536];
+    for (;;) {
+        ssize_t n = ::read(fd, buf, sizeof(buf));
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return FromErrno(errno, what);
+        }
+        if (n == 0) {
+            return {};
+        }
+        if (out.size() + static_cast<std::size_t>(n) > cap) {
+            out.clear();
+            return Fail(ReadError::TooLarge, what, "larger than " + std::to_string(cap) + " bytes");
+        }
+        out.append(buf, static_cast<std::size_t>(n));
+    }
+}
+
+ReadResult ReadRegularFile(const std::string& path, std::size_t cap, std::string& out, bool noFollow)
+{
+    UniqueFd fd;
+    ReadResult r = OpenRegularFile(path, noFollow, fd);
+    if (!r.ok()) {
+        out.clear();
+        return r;
+    }
+    return ReadAll(fd.Get(), cap, out, path);
+}
+
+Status WriteAll(int fd, const std::string& data, const std::string& what)
+{
+    std::size_t done = 0;
+    while (done < data.size()) {
+        ssize_t n = ::write(fd, data.data() + done, data.size() - done);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return Status::Error(what + ": " + ErrnoText(errno));
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    return {};
+}
+
+Status MakePrivateDir(const std::string& dir, unsigned mode)
+{
+    if (dir.empty()) {
+        return Status::Error("empty directory name");
+    }
+    std::string partial;
+    std::size_t pos = 0;
+    while (pos != std::string::npos) {
+        pos = dir.find('/', pos + 1);
+        partial = dir.substr(0, pos);
+        if (partial.empty()) {
+            continue;
+        }
+        if (::mkdir(partial.c_str(), pos == std::string::npos ? mode : 0755) != 0 && errno != EEXIST) {
+            return Status::Error("cannot create " + partial + ": " + ErrnoText(errno));
+        }
+    }
+    struct stat st;
+    if (::lstat(dir.c_str(), &st) != 0) {
+        return Status::Error(dir + ": " + ErrnoText(errno));
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        return Status::Error(dir + ": not a directory (a link or file stands in its place)");
+    }
+    if ((st.st_mode & 07777) != mode && ::chmod(dir.c_str(), mode) != 0) {
+        return Status::Error("cannot chmod " + dir + ": " + ErrnoText(errno));
+    }
+    return {};
+}
+
+}  // namespace SDK
