@@ -33,6 +33,16 @@ if [ -x "$B/stage/bin/ardent-agent" ] && command -v yara >/dev/null; then
   ran=$((ran + 1))
 fi
 
+# Detection needs a corpus of web shells and ordinary trees, built apart (see
+# bench/README.md); it runs only when one is named.
+if [ -n "${ARDENT_DETECT_CORPUS:-}" ] && [ -x "$B/stage/bin/ardent-agent" ]; then
+  echo "== detect: recall and false positives of the default rules (real agent)"
+  c=$ARDENT_DETECT_CORPUS
+  bash "$HERE/detect/run.sh" --agent "$B/stage/bin/ardent-agent" --malicious "$c/malicious" \
+    --benign "$c"/benign/*
+  ran=$((ran + 1))
+fi
+
 if [ "$ran" -eq 0 ]; then
   echo "no benchmark programs under $B/bench (configure with -DARDENT_BUILD_BENCH=ON and build)" >&2
   exit 1

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Scans the bundled demo web root with the starter rules and shows what the
+# Scans the bundled demo web root with the default rules and shows what the
 # agent found: the events (stdout of `ardent-agent scan`), its summary
 # (stderr) and the files it kept for a second look (data/upload/).
 #
@@ -20,7 +20,8 @@ if [ ! -x "$agent" ]; then
 fi
 
 root=$repo/examples/webroot
-certain=("uploads/avatar.php" "app/cmd.jsp" "legacy/old admin.aspx" "legacy/default.asp")
+certain=("uploads/avatar.php" "app/cmd.jsp" "legacy/old admin.aspx" "legacy/default.asp"
+         "blog/wp-content/plugins/seo-cache/loader.php")
 suspicious=("blog/wp-content/cache/obf.php" "blog/lib/rot13.php" "tools/ping.php")
 ordinary=("index.php" "about us.php" "blog/index.php" "index.html")
 

@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -15,6 +16,9 @@
 #include <json/json.h>
 
 #include "testsupport/TestSupport.h"
+
+// After Poco: libyara defines macros that collide with Poco names.
+#include <yara.h>
 
 namespace {
 
@@ -266,24 +270,125 @@ TEST_F(ScanE2E, AwkwardFileNamesEachGiveOneLineOfValidJson)
     }
 }
 
-TEST_F(ScanE2E, StarterRulesByDefaultAndEventsToAFile)
+// The default library, by language: harmless look-alikes that carry each
+// technique's marks in comments or after an exit, and ordinary code that
+// quotes such marks where no rule of its language should look.
+TEST_F(ScanE2E, DefaultLibraryTellsShellsFromOrdinaryCodeAndEventsGoToAFile)
 {
-    m_dir.Write("www/upload/avatar.php", "<?php exit; /* eval($_POST['cmd']); */\n");
-    m_dir.Write("www/cache/packed.php", "<?php exit; $a = 'gzinflate(base64_decode(';\n");
-    m_dir.Write("www/index.php", kClean);
+    enum Verdict { CERTAIN, SUSPICIOUS, NONE };
+    struct Case {
+        std::string name;
+        std::string text;
+        Verdict verdict;
+    };
+    const std::vector<Case> cases = {
+        {"upload/avatar.php", "<?php exit; /* eval($_POST['cmd']); */\n", CERTAIN},
+        {"upload/run.php", "<?php exit; /* $c = $_GET['c']; echo shell_exec($c); */\n", CERTAIN},
+        {"upload/cb.php", "<?php exit; /* array_map('assert', (array)$_REQUEST['x']); */\n", CERTAIN},
+        // certain only through its decoded layer: the packed text is a comment
+        // carrying "eval($_POST['cmd']);"
+        {"cache/loader.php",
+         "<?php exit;\neval(gzinflate(base64_decode('"
+         "HY1BCsIwFET3PcUshCq0Zq+rYgsKagrNpojIJ/m1YtJIWpXe3uBm4DGPGSHQtGe1r9Rhh7I6SdRFe5RFic4HUDA8TDndY2bw"
+         "g51B0N65yBtMPcNReHKA70CJEFHh3D4GxtiztRn4Q3a5uNWyUZdUO5NeV1tksfXfEe9X9DX/dyzNHMZ4yDCsvWGzTn4="
+         "')));\n",
+         CERTAIN},
+        {"app/cmd.jsp", "<%-- Runtime.getRuntime().exec(request.getParameter(\"c\")) --%>\n", CERTAIN},
+        {"legacy/default.asp", "<%\n' execute(request(\"x\"))\n%>\n", CERTAIN},
+        {"legacy/admin.aspx", "<%-- eval(Request.Item[\"z\"], \"unsafe\") --%>\n", CERTAIN},
+        {"cf/run.cfm", "<!--- <cfexecute name=\"#form.cmd#\" timeout=\"5\"> --->\n", CERTAIN},
+        {"cgi-bin/run.pl", "#!/usr/bin/perl\nexit;\n# system(param('cmd'));\n", CERTAIN},
+        {"cache/packed.php", "<?php exit; $a = 'gzinflate(base64_decode(';\n", SUSPICIOUS},
+        {"legacy/tools.asp", "<%\n' Set s = CreateObject(\"WScript.Shell\")\n%>\n", SUSPICIOUS},
+        {"index.php", "<?php echo 'hello'; ?>\n", NONE},
+        // a doc comment that quotes request input in backticks
+        {"wp-includes/user.php",
+         "<?php\n/**\n * Reads `$_POST['user_id']` and `$_GET['x']` when set.\n */\nfunction f() { return 1; }\n", NONE},
+        // a database call, not code evaluation
+        {"legacy/list.asp", "<% Set rs = conn.Execute(\"select * from t where id=\" & Request(\"id\")) %>\n", NONE},
+    };
+    std::map<std::string, Verdict> expected;
+    for (const auto& c : cases) {
+        expected[m_dir.Write("www/" + c.name, c.text)] = c.verdict;
+    }
     const std::string sink = m_dir.Join("out/events.jsonl");
     m_dir.MkDir("out");
 
     const Outcome r = Scan({"--events", sink, m_dir.Join("www")});
     EXPECT_EQ(r.code, 1) << r.err;
     EXPECT_EQ(r.out, "");
-    const auto events = ParseLines(ReadFile(sink));
-    ASSERT_EQ(events.size(), 1u) << r.err;
-    EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), m_dir.Join("www/upload/avatar.php"));
+    EXPECT_NE(r.err.find(sink), std::string::npos) << r.err;
     EXPECT_EQ(ReadFile(m_install + "data/webshell/webshell.dat"),
               ReadFile(m_install + "share/rules/webshell.yar"));
-    EXPECT_TRUE(TestSupport::FileExists(Upload(TestSupport::Sha256Sum(m_dir.Join("www/cache/packed.php")))));
-    EXPECT_NE(r.err.find(sink), std::string::npos) << r.err;
+    std::set<std::string> reported;
+    for (const auto& e : ParseLines(ReadFile(sink))) {
+        reported.insert(e["file_info"][0]["file_path"].asString());
+    }
+    for (const auto& [path, verdict] : expected) {
+        const bool kept = TestSupport::FileExists(Upload(TestSupport::Sha256Sum(path)));
+        EXPECT_EQ(reported.count(path) == 1, verdict == CERTAIN) << path;
+        EXPECT_EQ(kept, verdict == SUSPICIOUS) << path;
+    }
+}
+
+// Every rule of the shipped library compiles with the agent's variables and
+// says what it finds and how sure it is; certain rules come first because the
+// first matching rule decides.
+TEST(DefaultRuleLibrary, EveryRuleHasDescriptionAndScoreAndCertainRulesComeFirst)
+{
+    ASSERT_EQ(yr_initialize(), ERROR_SUCCESS);
+    YR_COMPILER* compiler = nullptr;
+    ASSERT_EQ(yr_compiler_create(&compiler), ERROR_SUCCESS);
+    for (const char* name : {"filepath", "filename", "extension", "filetype"}) {
+        yr_compiler_define_string_variable(compiler, name, "");
+    }
+    for (const char* name : {"layer_depth", "longest_line", "control_pct", "longest_literal"}) {
+        yr_compiler_define_integer_variable(compiler, name, 0);
+    }
+    yr_compiler_define_float_variable(compiler, "literal_entropy", 0.0);
+    const std::string path = TestSupport::SourceDir() + "/examples/rules/webshell.yar";
+    const std::string source = ReadFile(path);
+    ASSERT_FALSE(source.empty()) << path;
+    EXPECT_EQ(yr_compiler_add_string(compiler, source.c_str(), nullptr), 0) << path;
+    YR_RULES* rules = nullptr;
+    ASSERT_EQ(yr_compiler_get_rules(compiler, &rules), ERROR_SUCCESS);
+
+    size_t count = 0;
+    bool suspiciousSeen = false;
+    YR_RULE* rule = nullptr;
+    yr_rules_foreach(rules, rule)
+    {
+        ++count;
+        const std::string id = rule->identifier;
+        std::string description;
+        int64_t score = -1;
+        YR_META* meta = nullptr;
+        yr_rule_metas_foreach(rule, meta)
+        {
+            if (std::string(meta->identifier) == "description" && meta->type == META_TYPE_STRING) {
+                description = meta->string;
+            } else if (std::string(meta->identifier) == "score" && meta->type == META_TYPE_INTEGER) {
+                score = meta->integer;
+            }
+        }
+        EXPECT_FALSE(description.empty()) << id;
+        EXPECT_TRUE(score >= 0 && score <= 100) << id << ": score " << score;
+        if ((rule->flags & RULE_FLAGS_PRIVATE) != 0) {
+            continue;
+        }
+        bool certain = false;
+        const char* tag = nullptr;
+        yr_rule_tags_foreach(rule, tag)
+        {
+            certain = certain || std::string(tag).rfind("certain", 0) == 0;
+        }
+        EXPECT_FALSE(certain && suspiciousSeen) << id << " is certain but comes after a suspicious rule";
+        suspiciousSeen = suspiciousSeen || !certain;
+    }
+    EXPECT_GT(count, 20u);
+    yr_rules_destroy(rules);
+    yr_compiler_destroy(compiler);
+    yr_finalize();
 }
 
 TEST_F(ScanE2E, PathsReplaceThePolicyScanPathsAndTheSuffixesComeFromThePolicy)
