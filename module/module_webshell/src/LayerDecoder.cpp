@@ -17,6 +17,10 @@ using Clock = std::chrono::steady_clock;
 
 // A decoded literal shorter than this is not worth a scan of its own.
 const std::size_t kMinLayerSize = 8;
+// Decoded text shorter than this (a function name, a short statement) is
+// put back in place of the call that made it, where its context tells the
+// rules what it is for; longer text becomes a layer of its own.
+const std::size_t kInlineLimit = 256;
 // Literals decoded without a visible call must be at least this long.
 const std::size_t kMinSpeculativeLiteral = 40;
 // Per layer: distinct "decoder applied to a variable" chains remembered, and
@@ -129,7 +133,9 @@ bool IsClassFile(std::string_view s)
 
 // ---------------------------------------------------------------- calls
 
-enum class Step : unsigned char { Base64, InflateRaw, InflateZlib, InflateGzip, InflateAny, Rot13, Reverse, Hex, UrlRaw, Url };
+enum class Step : unsigned char {
+    Base64, InflateRaw, InflateZlib, InflateGzip, InflateAny, Rot13, Reverse, Hex, UrlRaw, Url, Replace,
+};
 
 const char* StepName(Step step)
 {
@@ -144,11 +150,12 @@ const char* StepName(Step step)
     case Step::Hex: return "hex2bin";
     case Step::UrlRaw: return "rawurldecode";
     case Step::Url: return "urldecode";
+    case Step::Replace: return "str_replace";
     }
     return "?";
 }
 
-enum class CallKind : unsigned char { Decoder, Pack, CharCode };
+enum class CallKind : unsigned char { Decoder, Pack, Replace, CharCode };
 
 struct KnownCall {
     std::string_view name;       // matched without regard to case, as PHP does
@@ -175,6 +182,7 @@ const KnownCall kCalls[] = {
     {"pack", CallKind::Pack, Step::Hex, ""},
     {"rawurldecode", CallKind::Decoder, Step::UrlRaw, ""},
     {"urldecode", CallKind::Decoder, Step::Url, ""},
+    {"str_replace", CallKind::Replace, Step::Replace, ""},
     {"chr", CallKind::CharCode, Step::Hex, ""},
     {"chrw", CallKind::CharCode, Step::Hex, ""},
     {"chrb", CallKind::CharCode, Step::Hex, ""},
@@ -218,6 +226,19 @@ bool PrecededBy(std::string_view s, std::size_t pos, std::string_view qualifier)
     }
     return true;
 }
+
+// One decoding call of a chain; str_replace carries its two literal
+// arguments.
+struct StepCall {
+    Step step;
+    std::string search;
+    std::string replace;
+    bool operator==(const StepCall& other) const
+    {
+        return step == other.step && search == other.search && replace == other.replace;
+    }
+};
+using Steps = std::vector<StepCall>;
 
 struct CallSite {
     std::size_t nameBegin;
@@ -844,8 +865,9 @@ private:
         if (charCode || decoderCall || CountNumericEscapes(layer, kEscapeTrigger) >= kEscapeTrigger) {
             Fold(layer, depth);
         }
-        std::vector<std::vector<Step>> holeChains;
+        std::vector<Steps> holeChains;
         std::vector<std::pair<std::size_t, std::size_t>> consumed;
+        Inline inlined;
         std::size_t consumedEnd = 0;
         for (const CallSite& site : sites) {
             if (m_done) {
@@ -859,15 +881,47 @@ private:
             consumedEnd = chain.end;
             if (chain.kind == Chain::Kind::Literal) {
                 consumed.emplace_back(site.nameBegin, chain.end);
-                ApplyExplicit(chain, depth);
+                ApplyExplicit(site, chain, depth, inlined);
             } else if (chain.kind == Chain::Kind::Hole && holeChains.size() < kMaxHoleChains &&
                        std::find(holeChains.begin(), holeChains.end(), chain.steps) == holeChains.end()) {
                 holeChains.push_back(chain.steps);
             }
         }
+        EmitInline(layer, depth, inlined);
         if (decoderCall || MentionsDecoder(layer)) {
             Speculate(layer, depth, holeChains, consumed);
         }
+    }
+
+    // Short decoded texts waiting to be put back in place of their calls.
+    struct Inline {
+        struct Piece {
+            std::size_t begin;
+            std::size_t end;
+            std::string text;
+        };
+        std::vector<Piece> pieces;
+        std::size_t bytes = 0;
+        int steps = 0;
+    };
+
+    void EmitInline(std::string_view layer, int depth, Inline& inlined)
+    {
+        if (inlined.pieces.empty() || !Take(layer.size() + inlined.bytes)) {
+            return;
+        }
+        std::string out;
+        out.reserve(layer.size() + inlined.bytes);
+        std::size_t pos = 0;
+        for (const Inline::Piece& piece : inlined.pieces) {
+            out.append(layer.substr(pos, piece.begin - pos));
+            out += '"';
+            out += piece.text;
+            out += '"';
+            pos = piece.end;
+        }
+        out.append(layer.substr(pos));
+        Emit(depth + inlined.steps, std::move(out), "inline");
     }
 
     void Fold(std::string_view s, int depth)
@@ -962,7 +1016,7 @@ private:
 
     struct Chain {
         enum class Kind { Invalid, Literal, Hole } kind = Kind::Invalid;
-        std::vector<Step> steps;  // outermost first
+        Steps steps;  // outermost first
         std::string literal;
         std::size_t end = 0;
     };
@@ -976,26 +1030,38 @@ private:
         bool tooDeep = false;
         for (;;) {
             chain.end = pos;
-            if (call->kind == CallKind::Pack) {
-                // pack('H*', data): only the hex format decodes.
-                StringReader::Expr format;
+            // Leading literal arguments: pack('H*', data) (only the hex
+            // format decodes) and str_replace(search, replace, subject).
+            std::string search;
+            std::string replace;
+            const int leading = call->kind == CallKind::Pack ? 1 : call->kind == CallKind::Replace ? 2 : 0;
+            for (int k = 0; k < leading; ++k) {
+                StringReader::Expr arg;
                 pos = SkipSpace(s, pos);
-                if (pos >= s.size() || !reader.IsQuote(s[pos]) || !reader.ReadExpr(pos, format) ||
-                    format.value.empty() || format.value[0] != 'H') {
+                if (pos >= s.size() || !reader.IsQuote(s[pos]) || !reader.ReadExpr(pos, arg)) {
                     chain.kind = Chain::Kind::Invalid;
                     return;
                 }
-                pos = SkipSpace(s, format.end);
+                pos = SkipSpace(s, arg.end);
                 if (pos >= s.size() || s[pos] != ',') {
                     chain.kind = Chain::Kind::Invalid;
                     return;
                 }
                 ++pos;
+                if (call->kind == CallKind::Pack && (arg.value.empty() || arg.value[0] != 'H')) {
+                    chain.kind = Chain::Kind::Invalid;
+                    return;
+                }
+                (k == 0 ? search : replace) = std::move(arg.value);
+            }
+            if (call->kind == CallKind::Replace && search.empty()) {
+                chain.kind = Chain::Kind::Invalid;
+                return;
             }
             // Past the depth limit the rest of the nest is still read, so
             // that its inner calls are not taken for chains of their own.
             if (depth + static_cast<int>(chain.steps.size()) < m_limits.maxDepth) {
-                chain.steps.push_back(call->step);
+                chain.steps.push_back(StepCall{call->step, std::move(search), std::move(replace)});
             } else {
                 tooDeep = true;
             }
@@ -1019,6 +1085,14 @@ private:
                 chain.end = expr.end;
                 if (tooDeep) {
                     Note(DecodeEnd::DepthLimit);
+                }
+                // The closing parentheses of the calls belong to the chain.
+                for (std::size_t k = 0; k < chain.steps.size(); ++k) {
+                    const std::size_t close = SkipSpace(s, chain.end);
+                    if (close >= s.size() || s[close] != ')') {
+                        break;
+                    }
+                    chain.end = close + 1;
                 }
                 return;
             }
@@ -1071,7 +1145,7 @@ private:
 
     // Applies steps[from..0] (innermost first) to `value`; false when the
     // first of them fails. `applied` counts the steps that worked.
-    bool ApplySteps(const std::vector<Step>& steps, std::string& value, std::size_t& applied)
+    bool ApplySteps(const Steps& steps, std::string& value, std::size_t& applied)
     {
         applied = 0;
         for (std::size_t i = steps.size(); i-- > 0;) {
@@ -1085,17 +1159,24 @@ private:
         return true;
     }
 
-    void ApplyExplicit(Chain& chain, int depth)
+    void ApplyExplicit(const CallSite& site, Chain& chain, int depth, Inline& inlined)
     {
-        std::string value = std::move(chain.literal);
+        std::string value = chain.literal;
         std::size_t applied = 0;
-        if (!ApplySteps(chain.steps, value, applied)) {
-            return;
+        if (!ApplySteps(chain.steps, value, applied) || value == chain.literal) {
+            return;  // nothing decoded, or nothing changed (urldecode of plain text)
         }
-        if (applied < chain.steps.size() && !LooksLikeText(value)) {
+        const bool text = LooksLikeText(value);
+        if (applied < chain.steps.size() && !text) {
             return;  // a later step failed on noise
         }
-        const Step last = chain.steps[chain.steps.size() - applied];
+        if (applied == chain.steps.size() && text && value.size() < kInlineLimit) {
+            inlined.bytes += value.size();
+            inlined.steps = std::max(inlined.steps, static_cast<int>(applied));
+            inlined.pieces.push_back(Inline::Piece{site.nameBegin, chain.end, std::move(value)});
+            return;
+        }
+        const Step last = chain.steps[chain.steps.size() - applied].step;
         Emit(depth + static_cast<int>(applied), std::move(value), StepName(last));
     }
 
@@ -1129,7 +1210,7 @@ private:
     // Long literals of a text that names a decoder but calls it on a
     // variable: decoded through the calls seen, or as base64 (then inflated
     // when that gives binary).
-    void Speculate(std::string_view s, int depth, const std::vector<std::vector<Step>>& holeChains,
+    void Speculate(std::string_view s, int depth, const std::vector<Steps>& holeChains,
                    const std::vector<std::pair<std::size_t, std::size_t>>& consumed)
     {
         StringReader reader(s, m_dialect);
@@ -1160,9 +1241,11 @@ private:
             const bool base64 = LooksBase64(expr.value);
             const bool hex = LooksHex(expr.value);
             bool any = false;
-            for (const std::vector<Step>& steps : holeChains) {
-                const Step inner = steps.back();
-                const bool fits = inner == Step::Base64 ? base64 : inner == Step::Hex ? hex : true;
+            for (const Steps& steps : holeChains) {
+                // Only chains that turn an encoding into text: str_replace or
+                // urldecode on a variable would rewrite every literal.
+                const Step inner = steps.back().step;
+                const bool fits = inner == Step::Base64 ? base64 : inner == Step::Hex ? hex : IsInflate(inner);
                 if (fits) {
                     any = true;
                     TrySpeculative(steps, expr.value, depth);
@@ -1170,13 +1253,19 @@ private:
             }
             if (!any && (base64 || hex)) {
                 any = true;
-                TrySpeculative({hex ? Step::Hex : Step::Base64}, expr.value, depth);
+                TrySpeculative(Steps{StepCall{hex ? Step::Hex : Step::Base64, "", ""}}, expr.value, depth);
             }
             tried += any ? 1 : 0;
         }
     }
 
-    void TrySpeculative(const std::vector<Step>& steps, const std::string& literal, int depth)
+    static bool IsInflate(Step step)
+    {
+        return step == Step::InflateRaw || step == Step::InflateZlib || step == Step::InflateGzip ||
+               step == Step::InflateAny;
+    }
+
+    void TrySpeculative(const Steps& steps, const std::string& literal, int depth)
     {
         std::string value = literal;
         std::size_t applied = 0;
@@ -1184,11 +1273,11 @@ private:
             return;
         }
         int stepsTaken = static_cast<int>(steps.size());
-        const char* how = StepName(steps.front());
+        const char* how = StepName(steps.front().step);
         if (!LooksLikeText(value) && !IsClassFile(value)) {
             // Base64 of compressed code, with the inflating call out of sight.
             std::string inflated;
-            if (!ApplyStep(Step::InflateAny, value, inflated) || !LooksLikeText(inflated)) {
+            if (!ApplyStep(StepCall{Step::InflateAny, "", ""}, value, inflated) || !LooksLikeText(inflated)) {
                 return;
             }
             value = std::move(inflated);
@@ -1198,8 +1287,9 @@ private:
         Emit(depth + stepsTaken, std::move(value), how);
     }
 
-    bool ApplyStep(Step step, std::string_view in, std::string& out)
+    bool ApplyStep(const StepCall& call, std::string_view in, std::string& out)
     {
+        const Step step = call.step;
         switch (step) {
         case Step::Base64: return Take(in.size() / 4 * 3 + 3) && Base64(in, out);
         case Step::Hex: return Take(in.size() / 2 + 1) && Hex(in, out);
@@ -1228,8 +1318,31 @@ private:
         case Step::InflateZlib: return Inflate(in, 15, out);
         case Step::InflateGzip: return Inflate(in, 31, out);
         case Step::InflateAny: return Inflate(in, 47, out) || Inflate(in, -15, out);
+        case Step::Replace: return Replace(in, call.search, call.replace, out);
         }
         return false;
+    }
+
+    bool Replace(std::string_view in, const std::string& search, const std::string& replace, std::string& out)
+    {
+        std::size_t count = 0;
+        for (std::size_t at = Find(in, search); at != std::string_view::npos; at = Find(in, search, at + search.size())) {
+            ++count;
+        }
+        const std::size_t size = in.size() - count * search.size() + count * replace.size();
+        if (!Take(size)) {
+            return false;
+        }
+        out.clear();
+        out.reserve(size);
+        std::size_t pos = 0;
+        for (std::size_t at = Find(in, search); at != std::string_view::npos; at = Find(in, search, pos)) {
+            out.append(in.substr(pos, at - pos));
+            out += replace;
+            pos = at + search.size();
+        }
+        out.append(in.substr(pos));
+        return !out.empty();
     }
 
     // PHP's lenient decoding: characters outside the alphabet are skipped;
