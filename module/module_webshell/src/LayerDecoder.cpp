@@ -172,6 +172,10 @@ const KnownCall kCalls[] = {
     {"b64decode", CallKind::Decoder, Step::Base64, ""},          // Python
     {"decode_base64", CallKind::Decoder, Step::Base64, ""},      // Perl MIME::Base64
     {"decode", CallKind::Decoder, Step::Base64, "Decoder()."},   // java.util.Base64
+    {"decodebase64", CallKind::Decoder, Step::Base64, ""},       // Apache commons-codec
+    {"decodebytes", CallKind::Decoder, Step::Base64, "base64."}, // Python
+    {"decodestring", CallKind::Decoder, Step::Base64, "base64."},
+    {"atob", CallKind::Decoder, Step::Base64, ""},               // JavaScript
     {"gzinflate", CallKind::Decoder, Step::InflateRaw, ""},
     {"gzuncompress", CallKind::Decoder, Step::InflateZlib, ""},
     {"gzdecode", CallKind::Decoder, Step::InflateGzip, ""},
@@ -179,6 +183,8 @@ const KnownCall kCalls[] = {
     {"str_rot13", CallKind::Decoder, Step::Rot13, ""},
     {"strrev", CallKind::Decoder, Step::Reverse, ""},
     {"hex2bin", CallKind::Decoder, Step::Hex, ""},
+    {"parsehexbinary", CallKind::Decoder, Step::Hex, ""},        // DatatypeConverter
+    {"unhexlify", CallKind::Decoder, Step::Hex, ""},             // Python binascii
     {"pack", CallKind::Pack, Step::Hex, ""},
     {"rawurldecode", CallKind::Decoder, Step::UrlRaw, ""},
     {"urldecode", CallKind::Decoder, Step::Url, ""},

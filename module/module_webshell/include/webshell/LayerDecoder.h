@@ -9,17 +9,21 @@
 //   - calls, nested ones resolved inside-out, on string literals (pieces
 //     joined with "." "+" "&"): base64_decode, Convert.FromBase64String,
 //     java.util.Base64 ...getDecoder().decode, sun.misc.BASE64Decoder
-//     decodeBuffer, DatatypeConverter.parseBase64Binary, base64.b64decode,
-//     gzinflate / gzuncompress / gzdecode (raw deflate, zlib, gzip),
-//     zlib.decompress, str_rot13, strrev, hex2bin, pack('H*', ...),
-//     rawurldecode, urldecode;
+//     decodeBuffer, DatatypeConverter.parseBase64Binary, Base64.decodeBase64,
+//     base64.b64decode, atob, gzinflate / gzuncompress / gzdecode (raw
+//     deflate, zlib, gzip), zlib.decompress, str_rot13, strrev, hex2bin,
+//     pack('H*', ...), parseHexBinary, unhexlify, rawurldecode, urldecode,
+//     str_replace with literal arguments. A short result (a function name,
+//     a statement) is put back in place of its call, all of a text's in one
+//     layer; a longer one is a layer itself;
 //   - folded string expressions: \x, \NNN and \u escapes, chr()/Chr()/ChrW()
 //     and String.fromCharCode chains, literal concatenation, and the XOR of
 //     two literals;
 //   - VBScript.Encode / JScript.Encode blocks (#@~^ ... ^#~@);
 //   - when the text names a decoder but hands it a variable, long base64 or
-//     hex literals, through the same calls (or base64 and, for binary output,
-//     inflation when the call is not visible).
+//     hex literals, through the same calls when they include base64, hex or
+//     inflation (or as base64 and, for binary output, inflated when the call
+//     is not visible).
 //
 // Bounds, per decoded file: a depth (decoding steps from the file), a total
 // of decoded bytes (every output counts, inflation stops at what is left, so
@@ -44,9 +48,9 @@ namespace Engine {
 enum class ScriptDialect { CLike, Basic };
 
 struct DecodeLimits {
-    int maxDepth = 8;
+    int maxDepth = 64;  // onion-packed scripts nest eval(gzinflate(base64_decode(...))) 30 times
     std::size_t maxBytes = 4u << 20;
-    std::size_t maxLayers = 32;
+    std::size_t maxLayers = 64;
     std::chrono::milliseconds budget{1000};
 };
 
