@@ -3,6 +3,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <deque>
@@ -569,13 +570,22 @@ private:
             return false;
         }
         while (p < n) {
-            const char c = m_s[p];
-            if (c == quote) {
+            // Plain runs are copied whole: literals carry the payloads.
+            std::size_t run = p;
+            while (run < n && m_s[run] != quote && m_s[run] != '\\') {
+                ++run;
+            }
+            value.append(m_s.data() + p, run - p);
+            p = run;
+            if (p >= n) {
+                break;
+            }
+            if (m_s[p] == quote) {
                 end = p + 1;
                 return true;
             }
-            if (c != '\\' || p + 1 >= n) {
-                value += c;
+            if (p + 1 >= n) {
+                value += '\\';
                 ++p;
                 continue;
             }
@@ -846,16 +856,26 @@ private:
         }
     }
 
+    static std::vector<CallSite> CallsOf(std::string_view text)
+    {
+        std::vector<CallSite> sites;
+        ForEachCall(text, [&sites](const CallSite& site) {
+            sites.push_back(site);
+            return true;
+        });
+        return sites;
+    }
+
+    // One layer's decoding. Its whole-text rewrites (folded string
+    // expressions, short results put back in place of their calls) make
+    // one new layer together, so a large file is not copied once per kind
+    // of rewrite; longer decoded texts are layers of their own.
     void Expand(std::string_view layer, int depth)
     {
         if (Expired()) {
             return;
         }
-        std::vector<CallSite> sites;
-        ForEachCall(layer, [&sites](const CallSite& site) {
-            sites.push_back(site);
-            return true;
-        });
+        std::vector<CallSite> sites = CallsOf(layer);
         bool decoderCall = false;
         bool charCode = false;
         for (const CallSite& site : sites) {
@@ -868,9 +888,18 @@ private:
             DecodeScriptEncoder(layer, plain);
             Emit(depth + 1, std::move(plain), "VBScript.Encode");
         }
-        if (charCode || decoderCall || CountNumericEscapes(layer, kEscapeTrigger) >= kEscapeTrigger) {
-            Fold(layer, depth);
+        // Calls are read on the folded text, where split and escaped
+        // literals have become plain ones.
+        std::string folded;
+        const bool didFold = (charCode || decoderCall || CountNumericEscapes(layer, kEscapeTrigger) >= kEscapeTrigger) &&
+                             Fold(layer, folded);
+        const std::string_view text = didFold ? std::string_view(folded) : layer;
+        if (didFold) {
+            sites = CallsOf(text);
+            decoderCall = std::any_of(sites.begin(), sites.end(),
+                                      [](const CallSite& site) { return site.call->kind != CallKind::CharCode; });
         }
+
         std::vector<Steps> holeChains;
         std::vector<std::pair<std::size_t, std::size_t>> consumed;
         Inline inlined;
@@ -883,7 +912,7 @@ private:
                 continue;
             }
             Chain chain;
-            ReadChain(layer, site, depth, chain);
+            ReadChain(text, site, depth, chain);
             consumedEnd = chain.end;
             if (chain.kind == Chain::Kind::Literal) {
                 consumed.emplace_back(site.nameBegin, chain.end);
@@ -893,9 +922,17 @@ private:
                 holeChains.push_back(chain.steps);
             }
         }
-        EmitInline(layer, depth, inlined);
-        if (decoderCall || MentionsDecoder(layer)) {
-            Speculate(layer, depth, holeChains, consumed);
+        if (decoderCall || MentionsDecoder(text)) {
+            Speculate(text, depth, holeChains, consumed);
+        }
+        const int rewriteDepth = depth + (didFold ? 1 : 0) + inlined.steps;
+        if (!inlined.pieces.empty()) {
+            std::string out;
+            if (PutBack(text, inlined, out)) {
+                Emit(rewriteDepth, std::move(out), "inline");
+            }
+        } else if (didFold) {
+            Emit(rewriteDepth, std::move(folded), "fold");
         }
     }
 
@@ -911,33 +948,33 @@ private:
         int steps = 0;
     };
 
-    void EmitInline(std::string_view layer, int depth, Inline& inlined)
+    bool PutBack(std::string_view text, const Inline& inlined, std::string& out)
     {
-        if (inlined.pieces.empty() || !Take(layer.size() + inlined.bytes)) {
-            return;
+        if (!Take(text.size() + inlined.bytes)) {
+            return false;
         }
-        std::string out;
-        out.reserve(layer.size() + inlined.bytes);
+        out.reserve(text.size() + inlined.bytes);
         std::size_t pos = 0;
         for (const Inline::Piece& piece : inlined.pieces) {
-            out.append(layer.substr(pos, piece.begin - pos));
+            out.append(text.substr(pos, piece.begin - pos));
             out += '"';
             out += piece.text;
             out += '"';
             pos = piece.end;
         }
-        out.append(layer.substr(pos));
-        Emit(depth + inlined.steps, std::move(out), "inline");
+        out.append(text.substr(pos));
+        return true;
     }
 
-    void Fold(std::string_view s, int depth)
+    // Folds the string expressions of `s` into `out`; false when nothing
+    // changed (or the budget is spent).
+    bool Fold(std::string_view s, std::string& out)
     {
         if (s.size() > m_bytesLeft) {
             Note(DecodeEnd::ByteLimit);
-            return;
+            return false;
         }
         StringReader reader(s, m_dialect);
-        std::string out;
         out.reserve(s.size());
         bool changed = false;
         std::size_t i = 0;
@@ -946,7 +983,7 @@ private:
             if (i >= nextClock) {
                 nextClock = i + kClockStride;
                 if (Expired()) {
-                    return;
+                    return false;
                 }
             }
             const char c = s[i];
@@ -1015,9 +1052,7 @@ private:
             out += c;
             ++i;
         }
-        if (changed && Take(out.size())) {
-            Emit(depth + 1, std::move(out), "fold");
-        }
+        return changed && Take(out.size());
     }
 
     struct Chain {
@@ -1355,41 +1390,47 @@ private:
     // the URL-safe alphabet is accepted too.
     static bool Base64(std::string_view in, std::string& out)
     {
-        out.clear();
-        out.reserve(in.size() / 4 * 3 + 3);
+        // Value of each byte in the standard and URL-safe alphabets, -1
+        // for the rest.
+        static const auto table = [] {
+            std::array<int8_t, 256> t{};
+            t.fill(-1);
+            for (int i = 0; i < 26; ++i) {
+                t['A' + i] = static_cast<int8_t>(i);
+                t['a' + i] = static_cast<int8_t>(26 + i);
+            }
+            for (int i = 0; i < 10; ++i) {
+                t['0' + i] = static_cast<int8_t>(52 + i);
+            }
+            t['+'] = t['-'] = 62;
+            t['/'] = t['_'] = 63;
+            return t;
+        }();
+        out.resize(in.size() / 4 * 3 + 3);
+        char* dst = &out[0];
         uint32_t bits = 0;
         int count = 0;
         for (const char ch : in) {
-            const unsigned char c = static_cast<unsigned char>(ch);
-            int v;
-            if (c >= 'A' && c <= 'Z') {
-                v = c - 'A';
-            } else if (c >= 'a' && c <= 'z') {
-                v = c - 'a' + 26;
-            } else if (IsDigit(c)) {
-                v = c - '0' + 52;
-            } else if (c == '+' || c == '-') {
-                v = 62;
-            } else if (c == '/' || c == '_') {
-                v = 63;
-            } else {
+            const int v = table[static_cast<unsigned char>(ch)];
+            if (v < 0) {
                 continue;
             }
             bits = (bits << 6) | static_cast<uint32_t>(v);
             if (++count == 4) {
-                out += static_cast<char>((bits >> 16) & 0xFF);
-                out += static_cast<char>((bits >> 8) & 0xFF);
-                out += static_cast<char>(bits & 0xFF);
+                *dst++ = static_cast<char>((bits >> 16) & 0xFF);
+                *dst++ = static_cast<char>((bits >> 8) & 0xFF);
+                *dst++ = static_cast<char>(bits & 0xFF);
                 bits = 0;
                 count = 0;
             }
         }
         if (count == 3) {
-            out += static_cast<char>((bits >> 10) & 0xFF);
-            out += static_cast<char>((bits >> 2) & 0xFF);
+            *dst++ = static_cast<char>((bits >> 10) & 0xFF);
+            *dst++ = static_cast<char>((bits >> 2) & 0xFF);
         } else if (count == 2) {
-            out += static_cast<char>((bits >> 4) & 0xFF);
+            *dst++ = static_cast<char>((bits >> 4) & 0xFF);
         }
+        out.resize(static_cast<std::size_t>(dst - out.data()));
         return !out.empty();
     }
 
