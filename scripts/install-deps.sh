@@ -6,7 +6,7 @@ set -euo pipefail
 
 PACKAGES=(
   g++ cmake make pkg-config ninja-build
-  libpoco-dev libjsoncpp-dev libyara-dev yara
+  libpoco-dev libjsoncpp-dev libyara-dev yara zlib1g-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   nginx-light apache2 curl python3 procps util-linux iproute2 time
 )

@@ -6,10 +6,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
+#include <initializer_list>
 #include <mutex>
 
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
+#include "sdk/Posix.h"
 
 // Last: libyara's headers define short macros (parent(), ...) that clash with Poco.
 #include <yara.h>
@@ -34,28 +38,98 @@ bool EnsureYaraInitialized()
 struct RulesDeleter {
     void operator()(YR_RULES* rules) const { yr_rules_destroy(rules); }
 };
+struct ScannerDeleter {
+    void operator()(YR_SCANNER* scanner) const { yr_scanner_destroy(scanner); }
+};
 struct CompilerDeleter {
     void operator()(YR_COMPILER* compiler) const { yr_compiler_destroy(compiler); }
 };
 using RulesPtr = std::unique_ptr<YR_RULES, RulesDeleter>;
+using ScannerPtr = std::unique_ptr<YR_SCANNER, ScannerDeleter>;
 using CompilerPtr = std::unique_ptr<YR_COMPILER, CompilerDeleter>;
 
-class Fd {
-public:
-    explicit Fd(int fd) : m_fd(fd) {}
-    ~Fd()
-    {
-        if (m_fd >= 0) {
-            close(m_fd);
+// Files up to this size are read and scanned from memory, so the variables
+// can be measured on the content; larger ones are scanned from the file.
+const std::size_t kInMemoryScanLimit = 64u << 20;
+
+// The external variables (names fixed for rule authors).
+const char* const kVarFilepath = "filepath";
+const char* const kVarFilename = "filename";
+const char* const kVarExtension = "extension";
+const char* const kVarFiletype = "filetype";
+const char* const kVarLayerDepth = "layer_depth";
+const char* const kVarLongestLine = "longest_line";
+const char* const kVarControlPct = "control_pct";
+const char* const kVarLongestLiteral = "longest_literal";
+const char* const kVarLiteralEntropy = "literal_entropy";
+
+// A literal shorter than this has no meaningful entropy.
+const std::size_t kEntropyMinLiteral = 32;
+
+struct FileTypeGroup {
+    const char* type;
+    std::initializer_list<const char*> extensions;
+};
+const FileTypeGroup kFileTypes[] = {
+    {"PHP", {"php", "php3", "php4", "php5", "php6", "php7", "php8", "phtml", "pht", "phar", "inc"}},
+    {"JSP", {"jsp", "jspx", "jspf"}},
+    {"ASP", {"asp", "asa", "cer"}},
+    {"ASPX", {"aspx", "ashx", "asmx", "ascx", "asax", "svc"}},
+    {"CFM", {"cfm", "cfml", "cfc"}},
+    {"PERL", {"pl", "pm", "cgi"}},
+    {"PYTHON", {"py"}},
+    {"SHELL", {"sh"}},
+    {"HTML", {"htm", "html", "shtml"}},
+};
+
+const char* FileTypeOf(const std::string& extension)
+{
+    for (const FileTypeGroup& group : kFileTypes) {
+        for (const char* ext : group.extensions) {
+            if (extension == ext) {
+                return group.type;
+            }
         }
     }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    int get() const { return m_fd; }
+    return "OTHER";
+}
 
-private:
-    int m_fd;
-};
+// Defines the variables on a compiler; false names the one that failed.
+bool DefineExternals(YR_COMPILER* compiler, std::string& failed)
+{
+    for (const char* name : {kVarFilepath, kVarFilename, kVarExtension, kVarFiletype}) {
+        if (yr_compiler_define_string_variable(compiler, name, "") != ERROR_SUCCESS) {
+            failed = name;
+            return false;
+        }
+    }
+    for (const char* name : {kVarLayerDepth, kVarLongestLine, kVarControlPct, kVarLongestLiteral}) {
+        if (yr_compiler_define_integer_variable(compiler, name, 0) != ERROR_SUCCESS) {
+            failed = name;
+            return false;
+        }
+    }
+    if (yr_compiler_define_float_variable(compiler, kVarLiteralEntropy, 0.0) != ERROR_SUCCESS) {
+        failed = kVarLiteralEntropy;
+        return false;
+    }
+    return true;
+}
+
+// Sets the variables on the scanner. A library compiled without a variable
+// (or with another type for it) refuses it; that is fine.
+void SetExternals(YR_SCANNER* scanner, const ScanContext& context)
+{
+    yr_scanner_define_string_variable(scanner, kVarFilepath, context.filepath.c_str());
+    yr_scanner_define_string_variable(scanner, kVarFilename, context.filename.c_str());
+    yr_scanner_define_string_variable(scanner, kVarExtension, context.extension.c_str());
+    yr_scanner_define_string_variable(scanner, kVarFiletype, context.filetype.c_str());
+    yr_scanner_define_integer_variable(scanner, kVarLayerDepth, context.layerDepth);
+    yr_scanner_define_integer_variable(scanner, kVarLongestLine, context.longestLine);
+    yr_scanner_define_integer_variable(scanner, kVarControlPct, context.controlPct);
+    yr_scanner_define_integer_variable(scanner, kVarLongestLiteral, context.longestLiteral);
+    yr_scanner_define_float_variable(scanner, kVarLiteralEntropy, context.literalEntropy);
+}
 
 std::string YaraErrorText(int code)
 {
@@ -113,7 +187,7 @@ struct ScanCall {
 int ForwardScanCallback(YR_SCAN_CONTEXT* context, int message, void* messageData, void* userData)
 {
     const auto* call = static_cast<const ScanCall*>(userData);
-    if (call->callback == nullptr) {
+    if (call == nullptr || call->callback == nullptr) {
         return CALLBACK_CONTINUE;
     }
     return call->callback(context, message, messageData, call->userData);
@@ -147,6 +221,93 @@ void OnCompileMessage(int errorLevel, const char* fileName, int lineNumber, cons
 
 }  // namespace
 
+ScanContext ScanContext::ForPath(const std::string& path)
+{
+    ScanContext context;
+    context.filepath = path;
+    const std::string::size_type slash = path.rfind('/');
+    context.filename = slash == std::string::npos ? path : path.substr(slash + 1);
+    const std::string::size_type dot = context.filename.rfind('.');
+    if (dot != std::string::npos) {
+        context.extension = context.filename.substr(dot + 1);
+        for (char& c : context.extension) {
+            if (c >= 'A' && c <= 'Z') {
+                c = static_cast<char>(c | 0x20);
+            }
+        }
+    }
+    context.filetype = FileTypeOf(context.extension);
+    return context;
+}
+
+void ScanContext::Measure(const char* data, std::size_t size)
+{
+    longestLine = 0;
+    controlPct = 0;
+    longestLiteral = 0;
+    literalEntropy = 0.0;
+    if (size == 0) {
+        return;
+    }
+    const auto* bytes = reinterpret_cast<const unsigned char*>(data);
+
+    std::size_t control = 0;
+    std::size_t lineStart = 0;
+    std::size_t longest = 0;
+    for (std::size_t i = 0; i < size; ++i) {
+        const unsigned char c = bytes[i];
+        if (c == '\n') {
+            longest = std::max(longest, i - lineStart);
+            lineStart = i + 1;
+        } else if ((c < 0x20 && c != '\t' && c != '\r') || c == 0x7f) {
+            ++control;
+        }
+    }
+    longestLine = static_cast<int64_t>(std::max(longest, size - lineStart));
+    controlPct = static_cast<int64_t>(control * 100 / size);
+
+    // Literals do not span lines here: an apostrophe in prose must not
+    // open a "literal" that runs on for pages.
+    std::size_t bestStart = 0;
+    std::size_t bestLength = 0;
+    std::size_t i = 0;
+    while (i < size) {
+        const unsigned char quote = bytes[i];
+        if (quote != '"' && quote != '\'') {
+            ++i;
+            continue;
+        }
+        std::size_t j = i + 1;
+        while (j < size && bytes[j] != quote && bytes[j] != '\n') {
+            j += (bytes[j] == '\\' && j + 1 < size && bytes[j + 1] != '\n') ? 2 : 1;
+        }
+        if (j < size && bytes[j] == quote) {
+            if (j - i - 1 > bestLength) {
+                bestStart = i + 1;
+                bestLength = j - i - 1;
+            }
+            i = j + 1;
+        } else {
+            i = j;
+        }
+    }
+    longestLiteral = static_cast<int64_t>(bestLength);
+    if (bestLength >= kEntropyMinLiteral) {
+        std::size_t counts[256] = {};
+        for (std::size_t k = bestStart; k < bestStart + bestLength; ++k) {
+            ++counts[bytes[k]];
+        }
+        double entropy = 0.0;
+        for (const std::size_t count : counts) {
+            if (count != 0) {
+                const double p = static_cast<double>(count) / static_cast<double>(bestLength);
+                entropy -= p * std::log2(p);
+            }
+        }
+        literalEntropy = entropy;
+    }
+}
+
 YaraUtils::YaraUtils(Callback callback) : m_callback(callback)
 {
     if (!EnsureYaraInitialized()) {
@@ -161,6 +322,10 @@ YaraUtils::~YaraUtils()
 
 void YaraUtils::CleanUsedRules()
 {
+    // The scanner refers to the rules: it goes first.
+    ScannerPtr scanner(m_scanner);
+    m_scanner = nullptr;
+    scanner.reset();
     RulesPtr old(m_rules);
     m_rules = nullptr;
 }
@@ -179,68 +344,82 @@ bool YaraUtils::LoadRuleFromFile(const std::string& path)
     }
     Poco::Logger* logger = LoggerUtils::GetInstance()->GetRootLogger();
 
-    Fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (fd.get() < 0) {
-        m_lastError = "cannot open rule file " + path + ": " + strerror(errno);
-        SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
-        return false;
-    }
-    struct stat st {};
-    if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
-        m_lastError = "rule file " + path + " is not a regular file";
+    UniqueFd fd;
+    const ReadResult opened = OpenRegularFile(path, false, fd);
+    if (!opened.ok()) {
+        m_lastError = opened.error == ReadError::NotRegular ? "rule file " + path + " is not a regular file"
+                                                            : "cannot open rule file " + opened.status.message();
         SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
         return false;
     }
 
     // Compiled rules (yarac output) first.
-    int fdValue = fd.get();
+    int fdValue = fd.Get();
     YR_STREAM stream {};
     stream.user_data = &fdValue;
     stream.read = ReadFromFd;
     YR_RULES* loaded = nullptr;
     const int loadResult = yr_rules_load_stream(&stream, &loaded);
+    RulesPtr rules;
     if (loadResult == ERROR_SUCCESS) {
-        m_rules = loaded;
-        m_lastError.clear();
-        return true;
-    }
-    if (loadResult != ERROR_INVALID_FILE) {
+        rules.reset(loaded);
+    } else if (loadResult != ERROR_INVALID_FILE) {
         m_lastError = "cannot load compiled rules " + path + ": " + YaraErrorText(loadResult);
         SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
         return false;
+    } else {
+        // Not a compiled file: compile it as rule source.
+        if (lseek(fd.Get(), 0, SEEK_SET) != 0) {
+            m_lastError = "cannot rewind rule file " + path + ": " + ErrnoText(errno);
+            SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
+            return false;
+        }
+        YR_COMPILER* rawCompiler = nullptr;
+        const int createResult = yr_compiler_create(&rawCompiler);
+        if (createResult != ERROR_SUCCESS) {
+            m_lastError = "cannot create YARA compiler: " + YaraErrorText(createResult);
+            SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
+            return false;
+        }
+        CompilerPtr compiler(rawCompiler);
+        std::string failed;
+        if (!DefineExternals(compiler.get(), failed)) {
+            m_lastError = "cannot define the variable " + failed + " for " + path;
+            SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
+            return false;
+        }
+        CompileLog log{logger, std::string(), 0};
+        yr_compiler_set_callback(compiler.get(), OnCompileMessage, &log);
+        const int errors = yr_compiler_add_fd(compiler.get(), fd.Get(), nullptr, path.c_str());
+        if (errors > 0 || log.errors > 0) {
+            m_lastError = "rule file " + path + " has " + std::to_string(errors > 0 ? errors : log.errors) +
+                          " compile error(s), first: " + log.firstError;
+            SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s; no rules loaded.",
+                    m_lastError);
+            return false;
+        }
+        const int getResult = yr_compiler_get_rules(compiler.get(), &loaded);
+        if (getResult != ERROR_SUCCESS) {
+            m_lastError = "cannot build rules from " + path + ": " + YaraErrorText(getResult);
+            SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
+            return false;
+        }
+        rules.reset(loaded);
     }
 
-    // Not a compiled file: compile it as rule source.
-    if (lseek(fd.get(), 0, SEEK_SET) != 0) {
-        m_lastError = "cannot rewind rule file " + path + ": " + strerror(errno);
+    // One scanner for the life of the rules: making one per file costs
+    // more than scanning a small file.
+    YR_SCANNER* scanner = nullptr;
+    const int scannerResult = yr_scanner_create(rules.get(), &scanner);
+    if (scannerResult != ERROR_SUCCESS) {
+        m_lastError = "cannot create a scanner for " + path + ": " + YaraErrorText(scannerResult);
         SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
         return false;
     }
-    YR_COMPILER* rawCompiler = nullptr;
-    const int createResult = yr_compiler_create(&rawCompiler);
-    if (createResult != ERROR_SUCCESS) {
-        m_lastError = "cannot create YARA compiler: " + YaraErrorText(createResult);
-        SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
-        return false;
-    }
-    CompilerPtr compiler(rawCompiler);
-    CompileLog log{logger, std::string(), 0};
-    yr_compiler_set_callback(compiler.get(), OnCompileMessage, &log);
-    const int errors = yr_compiler_add_fd(compiler.get(), fd.get(), nullptr, path.c_str());
-    if (errors > 0 || log.errors > 0) {
-        m_lastError = "rule file " + path + " has " + std::to_string(errors > 0 ? errors : log.errors) +
-                      " compile error(s), first: " + log.firstError;
-        SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s; no rules loaded.",
-                m_lastError);
-        return false;
-    }
-    const int getResult = yr_compiler_get_rules(compiler.get(), &loaded);
-    if (getResult != ERROR_SUCCESS) {
-        m_lastError = "cannot build rules from " + path + ": " + YaraErrorText(getResult);
-        SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
-        return false;
-    }
-    m_rules = loaded;
+    // Only matching rules reach the callback.
+    yr_scanner_set_flags(scanner, SCAN_FLAGS_REPORT_RULES_MATCHING);
+    m_rules = rules.release();
+    m_scanner = scanner;
     m_lastError.clear();
     return true;
 }
@@ -252,31 +431,65 @@ bool YaraUtils::CheckFile(const std::string& path, void* userData, int timeout)
         return false;
     }
     // O_NONBLOCK: opening a FIFO or a device must not wait; fstat then refuses it.
-    Fd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (fd.get() < 0) {
-        m_lastError = "cannot open " + path + ": " + strerror(errno);
+    UniqueFd fd;
+    const ReadResult opened = OpenRegularFile(path, false, fd);
+    if (!opened.ok()) {
+        m_lastError = opened.error == ReadError::NotRegular ? path + " is not a regular file, not scanned"
+                                                            : "cannot open " + opened.status.message();
         return false;
     }
     struct stat st {};
-    if (fstat(fd.get(), &st) != 0) {
-        m_lastError = "cannot stat " + path + ": " + strerror(errno);
+    if (fstat(fd.Get(), &st) != 0) {
+        m_lastError = "cannot stat " + path + ": " + ErrnoText(errno);
         return false;
     }
-    if (!S_ISREG(st.st_mode)) {
-        m_lastError = path + " is not a regular file, not scanned";
+    ScanContext context = ScanContext::ForPath(path);
+    if (static_cast<std::size_t>(st.st_size) > kInMemoryScanLimit) {
+        // Too big to hold: scanned from the file, without the content signals.
+        return Scan(nullptr, 0, fd.Get(), userData, timeout, context);
+    }
+    std::string content;
+    const ReadResult read = ReadAll(fd.Get(), kInMemoryScanLimit, content, path);
+    if (!read.ok()) {
+        m_lastError = "cannot read " + read.status.message();
         return false;
     }
+    context.Measure(content.data(), content.size());
+    return Scan(content.data(), content.size(), -1, userData, timeout, context);
+}
+
+bool YaraUtils::CheckBuffer(const void* data, std::size_t size, void* userData, int timeout,
+                            const ScanContext& context)
+{
+    if (m_rules == nullptr) {
+        m_lastError = "no rules loaded, cannot scan " + context.filepath;
+        return false;
+    }
+    return Scan(data, size, -1, userData, timeout, context);
+}
+
+bool YaraUtils::Scan(const void* data, std::size_t size, int fd, void* userData, int timeout,
+                     const ScanContext& context)
+{
     const int seconds = timeout > 0 ? timeout : 0;  // 0: no timeout
     ScanCall call{m_callback, userData};
-    const int result =
-        yr_rules_scan_fd(m_rules, fd.get(), 0, ForwardScanCallback, &call, seconds);
+    SetExternals(m_scanner, context);
+    yr_scanner_set_callback(m_scanner, ForwardScanCallback, &call);
+    yr_scanner_set_timeout(m_scanner, seconds);
+    const int result = fd >= 0 ? yr_scanner_scan_fd(m_scanner, fd)
+                               : yr_scanner_scan_mem(m_scanner, static_cast<const uint8_t*>(data), size);
+    // The callback's user data lives on this stack frame only.
+    yr_scanner_set_callback(m_scanner, ForwardScanCallback, nullptr);
     if (result == ERROR_SUCCESS) {
         return true;
     }
+    const std::string what = context.layerDepth > 0
+                                 ? "layer " + std::to_string(context.layerDepth) + " of " + context.filepath
+                                 : context.filepath;
     if (result == ERROR_SCAN_TIMEOUT) {
-        m_lastError = "scan of " + path + " timed out after " + std::to_string(seconds) + " s";
+        m_lastError = "scan of " + what + " timed out after " + std::to_string(seconds) + " s";
     } else {
-        m_lastError = "scan of " + path + " failed: " + YaraErrorText(result);
+        m_lastError = "scan of " + what + " failed: " + YaraErrorText(result);
     }
     return false;
 }

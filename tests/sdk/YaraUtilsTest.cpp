@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -250,4 +251,59 @@ TEST(YaraUtils, ObjectsScanConcurrently)
     }
     EXPECT_EQ(0, failures.load());
     EXPECT_EQ(4 * 5 * 10, matches.load());
+}
+
+// Rules see the path of what they scan and what its content looks like,
+// and public-style rules written against those variables compile.
+TEST(YaraUtils, RulesSeeThePathAndTheSignalsOfTheScannedBuffer)
+{
+    TempDir dir("ardent-yara");
+    const std::string rules = dir.Write("vars.yar", R"(
+rule by_path { condition: filename == "Shell.PHP" and extension == "php" and filetype == "PHP" and
+                          filepath endswith "/www/Shell.PHP" and layer_depth == 0 }
+rule jsp_type { condition: filetype == "JSP" and extension == "jspx" }
+rule no_extension { condition: extension == "" and filetype == "OTHER" and filename == "README" }
+rule long_line { condition: longest_line >= 5000 }
+rule binary { condition: control_pct >= 50 }
+rule random_literal { condition: longest_literal >= 200 and literal_entropy > 5.5 }
+rule flat_literal { condition: longest_literal >= 200 and literal_entropy < 1.0 }
+rule layer_two { condition: layer_depth == 2 }
+)");
+    std::mt19937 random(1);
+    std::string noise;
+    const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    for (int i = 0; i < 300; ++i) {
+        noise += alphabet[random() % alphabet.size()];
+    }
+    struct Case {
+        std::string path;
+        std::vector<std::string> rules;
+    };
+    const std::vector<Case> cases = {
+        {dir.Write("www/Shell.PHP", "<?php echo 1;"), {"by_path"}},
+        {dir.Write("app/x.jspx", "<jsp:root/>"), {"jsp_type"}},
+        {dir.Write("README", "text\n"), {"no_extension"}},
+        {dir.Write("long.php", "short\n" + std::string(6000, 'a') + "\nshort"), {"long_line"}},
+        {dir.Write("bin.dat", std::string(100, '\x01') + "ab"), {"binary"}},
+        {dir.Write("noise.php", "<?php $x = '" + noise + "';\n$y = 'it''s';"), {"random_literal"}},
+        // A literal broken across lines is not one literal.
+        {dir.Write("flat.php", "<?php $x = \"" + std::string(300, 'a') + "\"; $y = \"" + std::string(300, 'b') + "\n\";"),
+         {"flat_literal"}},
+    };
+    YaraUtils yara(Record);
+    ASSERT_TRUE(yara.LoadRuleFromFile(rules)) << yara.LastError();
+    for (const Case& c : cases) {
+        Seen seen;
+        ASSERT_TRUE(yara.CheckFile(c.path, &seen, 5)) << yara.LastError();
+        EXPECT_EQ(seen.rules, c.rules) << c.path;
+    }
+
+    // A buffer scanned as a decoded layer carries its depth; the scanner is
+    // reused, so nothing of the previous scan must linger.
+    SDK::ScanContext context = SDK::ScanContext::ForPath(dir.Join("www/Shell.PHP"));
+    context.layerDepth = 2;
+    const std::string layer = "decoded";
+    Seen seen;
+    ASSERT_TRUE(yara.CheckBuffer(layer.data(), layer.size(), &seen, 5, context)) << yara.LastError();
+    EXPECT_EQ(seen.rules, (std::vector<std::string>{"layer_two"}));
 }

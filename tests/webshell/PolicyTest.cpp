@@ -231,6 +231,23 @@ TEST(DetectWebshellPolicy, ValuesOfOtherTypesAreReadAsTheJsonHelpersYieldThem)
     EXPECT_EQ(policy->GetMaxFileSize(), 10485760);
 }
 
+TEST(DetectWebshellPolicy, CertainMinScoreIsAnIntegerOrAbsent)
+{
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
+    Json::Value doc = ValidDoc();
+    ASSERT_TRUE(Parses(doc, &policy));
+    EXPECT_FALSE(policy->GetCertainMinScore().has_value()) << "off unless set";
+    doc["content"]["certain_min_score"] = 75;
+    ASSERT_TRUE(Parses(doc, &policy));
+    EXPECT_EQ(policy->GetCertainMinScore().value_or(-1), 75);
+    // Anything but an integer refuses the whole document, naming the key.
+    for (const Json::Value& bad : {Json::Value("75"), Json::Value(75.0), Json::Value(true), Json::Value()}) {
+        doc["content"]["certain_min_score"] = bad;
+        EXPECT_FALSE(Parses(doc, &policy)) << bad;
+        EXPECT_EQ(policy->GetParseError(), "content.certain_min_score must be an integer");
+    }
+}
+
 TEST(DetectWebshellPolicy, DocumentsThatAreNotAnObjectAreRejected)
 {
     for (const std::string text :

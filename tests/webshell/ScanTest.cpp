@@ -255,8 +255,8 @@ TEST_F(ScanTest, WalkOverAHostileTreeChecksExactlyTheRightFiles)
     const std::string a = web.Write("www/a.php", Certain());
     const std::string b = web.Write("www/b.php", std::string("<?php ") + kSuspiciousMark);
     web.Write("www/c.txt", Certain("text "));  // wrong suffix
-    // Two rules match; the first in the library (not certain) ends the check.
-    const std::string both = web.Write("www/both.php", std::string(kSuspiciousMark) + " " + kCertainMark);
+    // Two rules match, neither certain: one upload.
+    const std::string both = web.Write("www/both.php", std::string(kSuspiciousMark) + " " + kExtraPhpMark);
     web.Write("www/clean.php", "<?php echo 'hello';");
     std::string exact = Certain("<?php ");
     exact.resize(100, ' ');
@@ -414,8 +414,9 @@ TEST_F(ScanTest, MatchCallbackReadsTagsInOrderAndTheLastMatchedText)
     EXPECT_EQ(r.keyWord, kSecondMark) << "strings in rule order, the last one wins";
 
     r = check(both);
-    EXPECT_EQ(r.ruleName, "suspicious_mark") << "the first matching rule ends the scan";
-    EXPECT_FALSE(r.certain);
+    EXPECT_EQ(r.ruleName, "certain_mark") << "a certain rule beats an earlier suspicious one";
+    EXPECT_TRUE(r.certain);
+    EXPECT_EQ(r.keyWord, kCertainMark);
 
     r = check(clean);
     EXPECT_FALSE(r.matched);

@@ -90,6 +90,15 @@ bool DetectWebshellPolicy::Parse(const std::string& content)
     m_fileType = SDK::JsonUtils::GetStringValue(body, "file_type", "");
     m_maxFileSize = SDK::JsonUtils::GetIntValue(body, "max_file_size", 10485760);
     m_uploadFileCountPerDay = SDK::JsonUtils::GetIntValue(body, "upload_file_count_per_day", 100);
+    if (body.isMember("certain_min_score")) {
+        // A typo here would silently change what becomes an event: refuse it.
+        const Json::Value& score = body["certain_min_score"];
+        if ((score.type() != Json::intValue && score.type() != Json::uintValue) || !score.isInt64()) {
+            m_parseError = "content.certain_min_score must be an integer";
+            return false;
+        }
+        m_certainMinScore = score.asInt64();
+    }
 
     // Without a complete rule-library description nothing could be scanned.
     if (m_libVersion.empty() || m_libUrl.empty() || m_libHash.empty()) {
@@ -152,7 +161,12 @@ Framework::Policy* DetectWebshellModule::RefreshFeaturePolicy(const std::string&
 {
     DetectWebshellPolicy* policy = new DetectWebshellPolicy(featureName);
     if (!policy->Parse(content)) {
-        SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource, "Parse feature(%s) policy failed.", featureName);
+        if (policy->GetParseError().empty()) {
+            SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource, "Parse feature(%s) policy failed.", featureName);
+        } else {
+            SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource, "Parse feature(%s) policy failed: %s.", featureName,
+                    policy->GetParseError());
+        }
         policy->SetExpired();
         delete policy;
         if (currentPolicy != nullptr) {

@@ -23,10 +23,12 @@
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/PathUtils.h"
+#include "sdk/Posix.h"
 #include "sdk/StrUtils.h"
 #include "sdk/TimeUtils.h"
 #include "Throttle.h"
 #include "webshell/DetectWebshellPolicy.h"
+#include "webshell/LayerDecoder.h"
 #include "webshell/WebshellFileUploadRecorder.h"
 
 // Last: libyara's headers define short macros (parent, ...) that would
@@ -55,6 +57,9 @@ const char* const kWatchDelete = "delete";
 const long kLibHashSizeLimit = 10485760;   // the rule library is hashed up to 10 MiB
 const long kEventHashSizeLimit = 10485760;  // so is a reported file
 const int kScanTimeoutS = 5;
+// Files up to this size are read once, scanned and decoded; larger ones are
+// scanned as they are.
+const uint64_t kDecodeFileLimit = 16u << 20;
 const std::string::size_type kMaxUploadPathLength = 256;
 const uint64_t kReportWindowS = 59;  // a path is reported at most once per 60 s
 
@@ -187,6 +192,39 @@ void AdmitScanPath(Poco::Logger* logger, const std::string& path, std::set<std::
 struct DirCloser {
     void operator()(DIR* dir) const { closedir(dir); }
 };
+
+// For a file without a certain match of its own: scans each layer the
+// decoder uncovers. A certain match on a layer replaces `result` and ends
+// decoding; an uncertain one is kept only when nothing matched before.
+void ScanDecodedLayers(SDK::YaraUtils& yara, Poco::Logger* logger, const std::string& content,
+                       const SDK::ScanContext& fileContext, DetectResult& result)
+{
+    LayerDecoder decoder;
+    const ScriptDialect dialect = fileContext.filetype == "ASP" ? ScriptDialect::Basic : ScriptDialect::CLike;
+    const DecodeEnd end = decoder.Decode(content, dialect, [&](const DecodedLayer& layer) {
+        SDK::ScanContext context = fileContext;
+        context.layerDepth = layer.depth;
+        context.Measure(layer.data.data(), layer.data.size());
+        DetectResult found;
+        found.certainMinScore = result.certainMinScore;
+        if (!yara.CheckBuffer(layer.data.data(), layer.data.size(), &found, kScanTimeoutS, context)) {
+            SDK_LOG(logger, Poco::Message::PRIO_WARNING, kSource, "Check decoded layer failed, path(%s): %s.",
+                    fileContext.filepath, yara.LastError());
+            return true;
+        }
+        if (!found.matched || (result.matched && !found.certain)) {
+            return true;
+        }
+        found.layerDepth = layer.depth;
+        result = found;
+        return !found.certain;
+    });
+    if (end != DecodeEnd::Complete && end != DecodeEnd::Stopped) {
+        SDK_LOG(logger, Poco::Message::PRIO_INFORMATION, kSource,
+                "Decoding stopped at the %s, path(%s): %lu layer(s) scanned.", std::string(DecodeEndText(end)),
+                fileContext.filepath, static_cast<unsigned long>(decoder.LayerCount()));
+    }
+}
 
 }  // namespace
 
@@ -500,9 +538,26 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
         figures->bytesChecked += static_cast<uint64_t>(st.st_size);
     }
     DetectResult result;
-    if (!m_yara.CheckFile(path, &result, kScanTimeoutS)) {
+    if (policy != nullptr) {
+        result.certainMinScore = policy->GetCertainMinScore();
+    }
+    // The file is read once: scanned as it is, then, without a certain
+    // match, layer by layer as the decoder uncovers them.
+    std::string content;
+    bool scanned = false;
+    SDK::ScanContext context = SDK::ScanContext::ForPath(path);
+    if (static_cast<uint64_t>(st.st_size) > kDecodeFileLimit) {
+        scanned = m_yara.CheckFile(path, &result, kScanTimeoutS);
+    } else if (SDK::ReadRegularFile(path, kDecodeFileLimit, content).ok()) {
+        context.Measure(content.data(), content.size());
+        scanned = m_yara.CheckBuffer(content.data(), content.size(), &result, kScanTimeoutS, context);
+    }
+    if (!scanned) {
         SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource, "Check file failed, path(%s).", path);
         return;
+    }
+    if (!result.certain && !content.empty()) {
+        ScanDecodedLayers(m_yara, m_logger, content, context, result);
     }
     if (!result.matched) {
         return;
@@ -543,6 +598,11 @@ bool ScanWebshellTask::CheckFileType(const std::string& path)
 // libyara 4.2 hands out its match records from an allocator that does not
 // align them; reading their fields is fine on x86-64 but is reported by the
 // alignment check of UBSan, so that check alone is off here.
+//
+// Which match counts: certain beats uncertain, and among equals the first
+// in library order. A certain match ends the scan at once; after an
+// uncertain one the scan goes on, so a suspicious rule early in the library
+// cannot hide a certain one further down.
 __attribute__((no_sanitize("alignment")))
 int ScanWebshellTask::Callback(void* context, int message, void* messageData, void* userData)
 {
@@ -550,30 +610,57 @@ int ScanWebshellTask::Callback(void* context, int message, void* messageData, vo
         return CALLBACK_CONTINUE;
     }
     auto* result = static_cast<DetectResult*>(userData);
+    const bool first = !result->matched;
     result->matched = true;
     if (messageData == nullptr) {
         return CALLBACK_ERROR;
     }
     auto* rule = static_cast<YR_RULE*>(messageData);
-    result->ruleName = rule->identifier;
 
     // The first tag that fits decides; later tags are not looked at.
+    bool certain = false;
+    bool extraPhp = false;
+    bool extraJsp = false;
     const char* tag = nullptr;
     yr_rule_tags_foreach(rule, tag)
     {
         if (strncmp(tag, "certain", 7) == 0) {
-            result->certain = true;
+            certain = true;
             break;
         }
         if (strncmp(tag, "extra_php", 9) == 0) {
-            result->extraPhp = true;
+            extraPhp = true;
             break;
         }
         if (strncmp(tag, "extra_jsp", 9) == 0) {
-            result->extraJsp = true;
+            extraJsp = true;
             break;
         }
     }
+    std::optional<int64_t> score;
+    YR_META* meta = nullptr;
+    yr_rule_metas_foreach(rule, meta)
+    {
+        if (strcmp(meta->identifier, "score") == 0) {
+            if (meta->type == META_TYPE_INTEGER) {
+                score = meta->integer;
+            }
+            break;
+        }
+    }
+    // Public rule sets mark confidence by score, not by our tags.
+    if (!certain && !extraPhp && !extraJsp && result->certainMinScore && score && *score >= *result->certainMinScore) {
+        certain = true;
+    }
+    if (!certain && !first) {
+        return CALLBACK_CONTINUE;  // an earlier match stays
+    }
+    result->certain = certain;
+    result->extraPhp = extraPhp;
+    result->extraJsp = extraJsp;
+    result->score = score;
+    result->ruleName = rule->identifier;
+    result->keyWord.clear();
 
     auto* scanContext = static_cast<YR_SCAN_CONTEXT*>(context);
     if (scanContext != nullptr) {
@@ -591,8 +678,7 @@ int ScanWebshellTask::Callback(void* context, int message, void* messageData, vo
             }
         }
     }
-    // The first matching rule ends the check of the file.
-    return CALLBACK_ABORT;
+    return certain ? CALLBACK_ABORT : CALLBACK_CONTINUE;
 }
 
 // --------------------------------------------------------------- reporting

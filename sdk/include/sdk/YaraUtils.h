@@ -1,12 +1,57 @@
 #pragma once
 // libyara wrapper: one compiled rule set per object, scanned by the owner.
+//
+// Threads: an object is used by one thread at a time (each scan task owns
+// one). It keeps one libyara scanner, made when rules load and reused for
+// every buffer, and the scanner's variables and callback belong to the scan
+// in progress.
+//
+// External variables. Every library gets these, defined on the compiler
+// before rule source is added and set before each scan, so rules written
+// for public rule sets compile and can look at them:
+//   filepath         string   full path of the file as scanned
+//   filename         string   its last path component
+//   extension        string   text after the last "." of the name, lower case ("" if none)
+//   filetype         string   "PHP", "JSP", "ASP", "ASPX", "CFM", "PERL", "PYTHON",
+//                             "SHELL", "HTML" or "OTHER", from the extension
+//   layer_depth      integer  0 for the file itself, N for a layer N decoding steps deep
+//   longest_line     integer  bytes of the longest line of the scanned buffer
+//   control_pct      integer  0..100, share of control bytes (below 0x20 other
+//                             than tab, CR, LF; and 0x7f)
+//   longest_literal  integer  length of the longest '...' or "..." literal on one line
+//   literal_entropy  float    Shannon entropy (bits per byte) of that literal,
+//                             0.0 when it is shorter than 32 bytes
+// A compiled (yarac) library built without them still loads; setting a
+// variable it does not know is skipped.
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
 struct YR_RULES;
+struct YR_SCAN_CONTEXT;  // libyara's YR_SCANNER
 
 namespace SDK {
+
+// What the rules are told about the buffer they scan.
+struct ScanContext {
+    std::string filepath;
+    std::string filename;
+    std::string extension;
+    std::string filetype;
+    int64_t layerDepth = 0;
+    int64_t longestLine = 0;
+    int64_t controlPct = 0;
+    int64_t longestLiteral = 0;
+    double literalEntropy = 0.0;
+
+    // The path fields for `path`; the buffer signals stay zero.
+    static ScanContext ForPath(const std::string& path);
+    // Sets the buffer signals (longest line, control share, longest literal
+    // and its entropy) from `data`: one pass over it.
+    void Measure(const char* data, std::size_t size);
+};
 
 class YaraUtils {
 public:
@@ -26,20 +71,30 @@ public:
     bool HasRules() const;
 
     // Scans one regular file with the loaded rules, calling the callback with
-    // `userData`. `timeout` is in seconds. The path is opened with O_NONBLOCK
-    // and checked with fstat: anything but a regular file (FIFO, socket,
-    // device) is refused without being read or waited on. false when there
-    // are no rules, the file cannot be opened or the scan failed (a timeout
-    // too; LastError says which). A callback that stops the scan early
-    // (CALLBACK_ABORT) still makes a successful scan. timeout <= 0: none.
+    // `userData` for each matching rule. `timeout` is in seconds. The path is
+    // opened with O_NONBLOCK and checked with fstat: anything but a regular
+    // file (FIFO, socket, device) is refused without being read or waited on.
+    // The variables are computed from the path and the content. false when
+    // there are no rules, the file cannot be opened or the scan failed (a
+    // timeout too; LastError says which). A callback that stops the scan
+    // early (CALLBACK_ABORT) still makes a successful scan. timeout <= 0: none.
     bool CheckFile(const std::string& path, void* userData, int timeout);
+
+    // Scans a buffer already in memory with the variables of `context`
+    // (whose filepath names it in errors); otherwise as CheckFile.
+    bool CheckBuffer(const void* data, std::size_t size, void* userData, int timeout,
+                     const ScanContext& context);
 
     // The last error text (for logs).
     const std::string& LastError() const { return m_lastError; }
 
 private:
+    bool Scan(const void* data, std::size_t size, int fd, void* userData, int timeout,
+              const ScanContext& context);
+
     Callback m_callback;
     YR_RULES* m_rules = nullptr;
+    YR_SCAN_CONTEXT* m_scanner = nullptr;
     std::string m_lastError;
 };
 

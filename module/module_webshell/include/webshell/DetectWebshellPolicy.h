@@ -9,9 +9,14 @@
 //   file_type                                       content, "php,jsp,..." (no dots)
 //   max_file_size                                   content, bytes, default 10485760 (<= 0: no limit)
 //   upload_file_count_per_day                       content, default 100
+//   certain_min_score                               content, integer, optional: a rule without a
+//                                                   deciding tag whose "score" meta is at least
+//                                                   this counts as certain (absent: off)
 //   auto_scan_task.task_condition                   content, the periodic task's schedule
 
+#include <cstdint>
 #include <list>
+#include <optional>
 #include <string>
 
 #include "framework/Policy.h"
@@ -34,6 +39,9 @@ public:
 
     // The first failure returns false and leaves what was assigned so far.
     bool Parse(const std::string& content) override;
+    // Why the last Parse refused a key, for the log; empty when it did not
+    // get that far or the document itself was malformed.
+    const std::string& GetParseError() const { return m_parseError; }
 
     const std::list<std::string>& GetCustomizeScanPathList() const { return m_customizeScanPathList; }
     const std::list<std::string>& GetDefaultScanPathList() const { return m_defaultScanPathList; }
@@ -45,6 +53,7 @@ public:
     bool IsMonitorContainer() const { return m_monitorContainer; }
     int GetMaxFileSize() const { return m_maxFileSize; }
     int GetUploadFileCountPerDay() const { return m_uploadFileCountPerDay; }
+    const std::optional<int64_t>& GetCertainMinScore() const { return m_certainMinScore; }
 
     void SetCustomizeScanPathList(const std::list<std::string>& paths) { m_customizeScanPathList = paths; }
     void SetDefaultScanPathList(const std::list<std::string>& paths) { m_defaultScanPathList = paths; }
@@ -55,6 +64,7 @@ public:
     void SetFileType(const std::string& fileType) { m_fileType = fileType; }
     void SetMaxFileSize(int size) { m_maxFileSize = size; }
     void SetUploadFileCountPerDay(int count) { m_uploadFileCountPerDay = count; }
+    void SetCertainMinScore(const std::optional<int64_t>& score) { m_certainMinScore = score; }
 
 private:
     std::list<std::string> m_customizeScanPathList;
@@ -67,6 +77,8 @@ private:
     int m_maxFileSize = 10485760;
     int m_uploadFileCountPerDay = 100;
     bool m_monitorContainer = false;
+    std::optional<int64_t> m_certainMinScore;
+    std::string m_parseError;
 };
 
 }  // namespace Engine
