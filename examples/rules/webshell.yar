@@ -51,10 +51,12 @@ rule php_eval_of_request : certain extra_php
         // "/.*/e": a pattern that hands the whole subject to eval
         $any_e = /["'][\/|#~!@%]\.\*[\/|#~!@%][imsxu]{0,3}e[imsxu]{0,3}["']/
         $request = /\$_(POST|GET|REQUEST|COOKIE)\s*\[/
-        $preg_all = /\b(preg_replace|preg_filter)\s*\(\s*["'][\/|#~!@%]\.\*[\/|#~!@%][imsxu]{0,3}e[imsxu]{0,3}["']\s*,/ nocase
+        $preg_all = /\b(preg_replace|preg_filter)\s*\(\s*["'][\/|#~!@%]\(?\.\*\)?[\/|#~!@%][imsxu]{0,3}e[imsxu]{0,3}["']\s*,/ nocase
+        // an /e pattern whose replacement is code
+        $preg_code = /\b(preg_replace|preg_filter)\s*\(\s*["'][^"'\n]{1,60}[imsxuADSUXJ]{0,6}e[imsxuADSUXJ]{0,6}["']\s*,\s*["']@?(eval|assert|system|passthru|shell_exec|base64_decode|gzinflate|gzuncompress)\s*\(/ nocase
         $mbereg = /\bmb_eregi?_replace\s*\([^;]{0,120}\$_(POST|GET|REQUEST|COOKIE)[^;]{0,120}["']e["']/ nocase
     condition:
-        is_php and (any of ($direct, $input, $include_input, $create, $preg, $mbereg, $preg_all) or ($any_e and $request))
+        is_php and (any of ($direct, $input, $include_input, $create, $preg, $mbereg, $preg_all, $preg_code) or ($any_e and $request))
 }
 
 rule php_command_of_request : certain extra_php
@@ -97,6 +99,8 @@ rule php_code_function_as_callback : certain extra_php
         $callback = /\b(call_user_func|call_user_func_array|array_map|array_filter|array_walk|array_walk_recursive|usort|uasort|uksort|register_shutdown_function|register_tick_function|forward_static_call|forward_static_call_array|iterator_apply|array_reduce|ob_start|preg_replace_callback|array_diff_ukey|array_intersect_ukey|array_udiff|set_error_handler|ReflectionFunction)\s*\(\s*([^;]{0,80},\s*)?["'](assert|system|exec|shell_exec|passthru|popen|proc_open|pcntl_exec|create_function)["']\s*[,)]/ nocase
         // an unquoted name is read as a string by old PHP versions
         $bare = /\b(call_user_func|call_user_func_array|array_map|array_filter|array_walk|register_shutdown_function|forward_static_call_array)\s*\(\s*(assert|system|passthru|shell_exec|create_function)\s*,/ nocase
+        // a callback name written with escapes: "ass\\x65rt"
+        $escaped = /\b(call_user_func|call_user_func_array|array_map|array_filter|array_walk|usort|uasort|uksort|register_shutdown_function|forward_static_call_array)\s*\(\s*([^;]{0,80},\s*)?["'][a-zA-Z_]{0,10}\\(x[0-9a-fA-F]{2}|[0-7]{3})[a-zA-Z_0-9\\]{0,30}["']/ nocase
         $method = /->\s*(uksort|uasort|usort)\s*\(\s*["'](assert|system|passthru|shell_exec|create_function)["']/ nocase
         $filter = /["']options["']\s*=>\s*["'](assert|system|passthru|shell_exec|exec)["']/ nocase
     condition:
@@ -127,7 +131,7 @@ rule php_small_script_runs_request : certain extra_php
         description = "small PHP script that reads request input and hands computed values to eval, assert or a shell function"
         score = 90
     strings:
-        $request = /\$_(POST|GET|REQUEST|COOKIE)\b|\$_SERVER\s*\[\s*['"]HTTP_|php:\/\/input|getallheaders\s*\(/ nocase
+        $request = /\$_(POST|GET|REQUEST|COOKIE)\b|\$_SERVER\s*\[\s*['"]HTTP_|php:\/\/input|getallheaders\s*\(|array_values\s*\(\s*\$_SERVER\b/ nocase
         // the argument is computed: a variable, a call, an interpolated or
         // concatenated string, never a plain literal such as exec('whoami')
         $code = /[^\w>:$\\](eval|assert|create_function)\s*\(\s*(@\s*)?(\$|[a-z_]\w{0,30}\s*\(|"[^"\n]{0,60}\$|"[^"\n]{0,60}"\s*\.|'[^'\n]{0,60}'\s*\.)/ nocase
@@ -135,6 +139,7 @@ rule php_small_script_runs_request : certain extra_php
         $perl = /new\s+perl\s*\(\s*\)/ nocase
         $strrep = /str_replace\s*\(\s*["'][^"'\n]{1,4}["']\s*,\s*["']["']\s*,\s*["'][^"'\n]{6,60}["']\s*\)/ nocase
         $com = /new\s+COM\s*\(\s*["'][^"'\n]{0,40}(shell|wscript)/ nocase
+        $com_split = /new\s+COM\s*\(\s*["'][^"'\n]{1,12}["']\s*\./ nocase
         $name = /=\s*["'](assert|create_function|shell_exec|passthru)["']/ nocase
         $tick = /\bregister_tick_function\s*\(/ nocase
         $varvar = /\$\{\s*\$\w{1,20}\s*\}\s*\[/
@@ -147,7 +152,7 @@ rule php_small_script_runs_request : certain extra_php
         $computed_cb = /\b(call_user_func|call_user_func_array|array_map|array_filter|array_walk|usort|uasort|uksort|register_shutdown_function|forward_static_call|forward_static_call_array|iterator_apply|array_intersect_uassoc|array_diff_uassoc|array_udiff|array_uintersect)\s*\([^;]{0,80}(base64_decode|str_rot13|strrev|hex2bin|gzinflate|pack|chr)\s*\(/ nocase
     condition:
         is_php and filesize < 8KB and ($request or $varvar) and
-        ($code or $cmd or $com or $perl or $name or $strrep or $tick or $computed_cb or $reflect or $split or
+        ($code or $cmd or $com or $com_split or $perl or $name or $strrep or $tick or $computed_cb or $reflect or $split or
          (any of ($var_cb*) and filesize < 1KB))
 }
 
@@ -252,6 +257,18 @@ rule php_packed_loader_with_password : certain extra_php
         is_php and ($eval or $hexeval) and ($pass or 2 of ($quiet*))
 }
 
+rule php_interpreter_over_pipes : certain extra_php
+{
+    meta:
+        description = "PHP opens a bare command interpreter (cmd.exe, /bin/sh) with pipes: an interactive shell"
+        score = 85
+    strings:
+        $comspec = /\bproc_open\s*\(\s*\$_SERVER\s*\[\s*["']COMSPEC["']/ nocase
+        $bare = /\bproc_open\s*\(\s*["'](cmd(\.exe)?|\/bin\/(ba)?sh|(ba)?sh)( -i)?["']\s*,/ nocase
+    condition:
+        is_php and any of them
+}
+
 rule php_webshell_family : certain extra_php
 {
     meta:
@@ -303,19 +320,6 @@ rule php_shell_console : certain extra_php
     condition:
         is_php and $exec and $input and $upload and $fm1 and $fm2 and
         (($uname and $funcs) or ($uname and $net) or ($funcs and $net and ($fm3 or $sql)))
-}
-
-rule php_decoded_layer_runs_commands : certain extra_php
-{
-    meta:
-        description = "a payload decoded from a PHP file (a hidden layer) runs commands or evaluates request input"
-        score = 90
-    strings:
-        $exec = /[^\w>:$\\](system|passthru|shell_exec|popen|proc_open|pcntl_exec)\s*\(\s*@?\s*\$/ nocase
-        $eval = /\b(eval|assert)\s*\(\s*@?\s*\$/ nocase
-        $input = /\$_(POST|GET|REQUEST|COOKIE|SERVER|FILES)\b/
-    condition:
-        is_php and layer_depth > 0 and $input and ($exec or $eval)
 }
 
 /* ------------------------------------------------------------- reverse shells */
@@ -701,6 +705,8 @@ rule php_obfuscated_names : extra_php
         $b64 = /["'](YXNzZXJ0|ZXZhbA==|c3lzdGVt|c2hlbGxfZXhlYw==|cGFzc3RocnU=|Y3JlYXRlX2Z1bmN0aW9u|YmFzZTY0X2RlY29kZQ==)["']/
         $rev = /["'](tressa|metsys|noitcnuf_etaerc|edoced_46esab|etalfnizg)["']/
         $globals = /\$\{\s*["']_(POST|GET|REQUEST|COOKIE)["']\s*\}/
+        // a name picked letter by letter out of an alphabet string
+        $alphabet = /\]\.\$\w{1,30}[\[{]\d{1,2}[\]}]\.\$\w{1,30}[\[{]\d{1,2}[\]}]\.\$/
     condition:
         is_php and any of them
 }
