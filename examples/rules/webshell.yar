@@ -10,8 +10,9 @@
  * rule has a "description" and a "score" (0..100, how sure the match is) so
  * that a policy's content.certain_min_score can promote untagged rules.
  *
- * The agent stops at the first rule that matches a buffer, in the order of
- * this file, so every certain rule comes before every suspicious one.
+ * When several rules match, a certain one wins; among equals the first in
+ * this file does. Certain rules come first all the same, so that the file
+ * reads from the strongest evidence down.
  *
  * The rules run on the file as it is and on each layer the agent decodes
  * from it (base64, compression, rot13, reversal, escapes, chr() chains...);
@@ -342,6 +343,20 @@ rule backconnect_shell : certain
     condition:
         filetype != "HTML" and filesize < 400KB and $sh and $socket and $exec and
         ($stdin_perl or $dup_py or ($php_sock and $php_proc) or ($dup_c and $execl))
+}
+
+rule database_udf_command_execution : certain
+{
+    meta:
+        description = "a server page that plants a database user-defined function or a binary through the database to run commands (MySQL UDF escalation tools)"
+        score = 90
+    strings:
+        $soname = /returns\s+(string|integer|int|real)\s+soname/ nocase
+        $dumpfile = /into\s+dumpfile/ nocase
+        $binary = /(0x4d5a|0x7f454c46|lib_mysqludf|udf\.dll|sys_eval|sys_exec)/ nocase
+    condition:
+        (filetype == "PHP" or filetype == "ASP" or filetype == "ASPX" or filetype == "JSP" or filetype == "CFM") and
+        ($soname or ($dumpfile and $binary))
 }
 
 /* ------------------------------------------------------------------ JSP */
