@@ -234,38 +234,4 @@ TEST_F(CollectTaskTest, EventsWaitForRoomAndVanishedSubscribersAreDropped)
     EXPECT_EQ(m_log.Channel().Count({"no longer exists and never unsubscribed"}), 1u);
 }
 
-TEST(ContainerModule, TheRealModuleFollowsContainersUnderTheConfiguredHostRoot)
-{
-    FakeHost host;
-    TestSupport::TestEngine te;
-    te.engine().config().setString("agent.host_root", host.Root());
-    te.engine().config().setInt("container.poll_ms", 40);
-    ASSERT_TRUE(te.engine().LoadModule(TestSupport::StageDir() + "/module/libcontainer_module.so"));
-    Framework::Task* collector = te.engine().FindTask(kCollector);
-    ASSERT_NE(collector, nullptr);
-
-    Poco::AutoPtr<CaptureTask> sub(new CaptureTask("detect_file_change_wehshell_task"));
-    ASSERT_EQ(te.engine().RegisterTask(sub.get(), nullptr), 0);
-    ASSERT_TRUE(te.engine().SendDirectMsg(
-        kCollector, new Engine::ContainerRegisterMessage(sub.get(), true, false)));
-
-    const std::string id = HexId(42);
-    const std::string bundle = host.StartDocker(id, "/web1", 777);
-    ASSERT_TRUE(WaitFor([&] { return Events(*sub).size() == 1; }));
-    auto event = Events(*sub)[0];
-    EXPECT_TRUE(event->info->running);
-    EXPECT_EQ(event->info->name, "web1");
-    EXPECT_EQ(event->info->rootPath, bundle + "/rootfs");
-    EXPECT_EQ(Framework::StatusBoard::Get("container")["poll_ms"].asInt(), 40);
-
-    host.Remove(FakeHost::BundleRel("moby", id));
-    ASSERT_TRUE(WaitFor([&] { return Events(*sub).size() == 2; }));
-    EXPECT_FALSE(Events(*sub)[1]->info->running);
-
-    te.engine().UnRegisterTask(sub->GetTaskName());
-    te.engine().UnloadModules();
-    EXPECT_EQ(te.engine().FindTask(kCollector), nullptr);
-    EXPECT_TRUE(Framework::StatusBoard::Get("container").isNull());
-}
-
 }  // namespace
