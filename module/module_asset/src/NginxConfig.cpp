@@ -81,7 +81,7 @@ bool PassesRequestsOn(const std::vector<Asset::NginxConfigParser::Directive>& ch
 
 }  // namespace
 
-NginxConfigParser::NginxConfigParser(const RootedFs& fs, const std::string& prefix)
+NginxConfigParser::NginxConfigParser(const SDK::HostRoot& fs, const std::string& prefix)
     : m_fs(fs), m_prefix(prefix.empty() ? "/" : prefix)
 {
     if (m_prefix.back() != '/') {
@@ -100,10 +100,10 @@ void NginxConfigParser::Reset(const std::string& confDir)
 
 ConfigScan NginxConfigParser::ParseFile(const std::string& confFile)
 {
-    Reset(RootedFs::DirName(confFile));
+    Reset(SDK::HostRoot::DirName(confFile));
     std::string text;
     std::string error;
-    if (!m_fs.ReadFile(confFile, text, error)) {
+    if (!ReadConfigFile(m_fs, confFile, text, error)) {
         m_scan.AddIssue(confFile, 0, "cannot read the configuration file: " + error);
         return m_scan;
     }
@@ -326,7 +326,7 @@ void NginxConfigParser::ExpandInclude(const Directive& include, std::vector<Dire
                             "; \"" + include.args[0] + "\" not read");
         return;
     }
-    const std::string pattern = RootedFs::Join(m_confDir, include.args[0]);
+    const std::string pattern = SDK::HostRoot::Join(m_confDir, include.args[0]);
     for (const auto& file : m_fs.Glob(pattern)) {
         if (std::find(m_includeStack.begin(), m_includeStack.end(), file) != m_includeStack.end()) {
             m_scan.AddIssue(include.file, include.line,
@@ -341,7 +341,7 @@ void NginxConfigParser::ExpandInclude(const Directive& include, std::vector<Dire
         }
         std::string text;
         std::string error;
-        if (!m_fs.ReadFile(file, text, error)) {
+        if (!ReadConfigFile(m_fs, file, text, error)) {
             m_scan.AddIssue(include.file, include.line,
                             "cannot read included file \"" + file + "\": " + error);
             continue;
@@ -352,7 +352,7 @@ void NginxConfigParser::ExpandInclude(const Directive& include, std::vector<Dire
 
 std::string NginxConfigParser::Absolute(const std::string& path) const
 {
-    return RootedFs::StripTrailingSlash(RootedFs::Join(m_prefix, path));
+    return SDK::HostRoot::StripTrailingSlash(SDK::HostRoot::Join(m_prefix, path));
 }
 
 void NginxConfigParser::Report(const RootRef& root, const std::string& origin)
