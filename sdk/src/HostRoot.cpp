@@ -61,8 +61,10 @@ std::string ReadLinkText(const std::string& hostPath)
 {
     char buf[4096];
     const ssize_t n = ::readlink(hostPath.c_str(), buf, sizeof(buf));
-    return n > 0 && static_cast<std::size_t>(n) < sizeof(buf) ? std::string(buf, static_cast<std::size_t>(n))
-                                                              : std::string();
+    if (n <= 0 || static_cast<std::size_t>(n) >= sizeof(buf)) {
+        return std::string();  // not a link, or a target too long to be one we resolve
+    }
+    return std::string(buf, static_cast<std::size_t>(n));
 }
 
 }  // namespace
