@@ -305,7 +305,8 @@ std::shared_ptr<AssetInfo> AssetDiscovery::DescribeTomcat(const ProcessInfo& p,
     TomcatConfigParser parser(fs, base, properties);
     ConfigScan scan = parser.Parse();
     AddIssues(scan, fs, "tomcat", p.pid, issues);
-    const std::string conf = SDK::HostRoot::StripTrailingSlash(SDK::HostRoot::Join("/", base)) + "/conf/server.xml";
+    const std::string conf =
+        SDK::HostRoot::StripTrailingSlash(SDK::HostRoot::Join("/", base)) + "/conf/server.xml";
     return MakeAsset(p, "tomcat", conf, scan, fs);
 }
 

@@ -367,20 +367,25 @@ void NginxConfigParser::Report(const RootRef& root, const std::string& origin)
     m_scan.AddDir(WebDir{Absolute(literal), origin, root.file, root.line});
 }
 
+NginxConfigParser::RootRef NginxConfigParser::RootOf(const Directive* root, const RootRef& inherited)
+{
+    if (root == nullptr) {
+        return inherited;
+    }
+    if (root->args.size() != 1) {
+        m_scan.AddIssue(root->file, root->line, "invalid number of arguments in \"root\"");
+        return inherited;
+    }
+    return RootRef{true, root->args[0], "root", root->file, root->line};
+}
+
 void NginxConfigParser::Evaluate()
 {
     for (const auto& top : m_tree) {
         if (!top.block || top.name != "http") {
             continue;
         }
-        RootRef httpRoot;
-        if (const Directive* root = FindChild(top.children, "root")) {
-            if (root->args.size() == 1) {
-                httpRoot = RootRef{true, root->args[0], "root", root->file, root->line};
-            } else {
-                m_scan.AddIssue(root->file, root->line, "invalid number of arguments in \"root\"");
-            }
-        }
+        const RootRef httpRoot = RootOf(FindChild(top.children, "root"), RootRef());
         for (const auto& child : top.children) {
             if (child.block && child.name == "server") {
                 EvaluateServer(child, httpRoot);
@@ -391,15 +396,8 @@ void NginxConfigParser::Evaluate()
 
 void NginxConfigParser::EvaluateServer(const Directive& server, const RootRef& inherited)
 {
-    RootRef effective = inherited;
     const Directive* root = FindChild(server.children, "root");
-    if (root != nullptr) {
-        if (root->args.size() == 1) {
-            effective = RootRef{true, root->args[0], "root", root->file, root->line};
-        } else {
-            m_scan.AddIssue(root->file, root->line, "invalid number of arguments in \"root\"");
-        }
-    }
+    const RootRef effective = RootOf(root, inherited);
     bool hasLocations = false;
     for (const auto& child : server.children) {
         hasLocations = hasLocations || (child.block && child.name == "location");

@@ -64,6 +64,8 @@ private:
     bool NextToken(Source& src, Token& tok);
     void ParseBlock(Source& src, std::vector<Directive>& out, int blockDepth, bool inBlock);
     void ExpandInclude(const Directive& include, std::vector<Directive>& out, int includeDepth);
+    // The root a "root" directive sets (an issue when it is malformed), else `inherited`.
+    RootRef RootOf(const Directive* root, const RootRef& inherited);
     void Evaluate();
     void EvaluateServer(const Directive& server, const RootRef& inherited);
     void EvaluateLocation(const Directive& location, const RootRef& inherited);
