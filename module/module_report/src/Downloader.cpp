@@ -248,7 +248,8 @@ std::string Download::Keep(int fd, const char* data, size_t size, DownloadResult
     if (result.bytes > m_limits.maxBytes) {
         return CapText(m_limits.maxBytes, m_limits.maxBytes, false);
     }
-    const SDK::Status written = SDK::WriteAll(fd, std::string(data, size), "the temporary file beside " + m_target);
+    const SDK::Status written =
+        SDK::WriteAll(fd, std::string(data, size), "the temporary file beside " + m_target);
     return written ? std::string() : "cannot write " + written.message();
 }
 

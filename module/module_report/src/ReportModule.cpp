@@ -12,7 +12,8 @@ namespace {
 Framework::ServiceStart StartReports()
 {
     const Report::ReportConfig config = Report::ReportConfig::FromEngine();
-    const std::string sink = config.sink.path == "-" ? std::string("standard output") : config.sink.path;
+    const std::string sink =
+        config.sink.path == "-" ? std::string("standard output") : config.sink.path;
     return {{new Engine::DataCommReportTask(config.sink), new Engine::FileCommReportTask(config)},
             "events to " + sink + ", uploads kept in " + config.upload.dir};
 }

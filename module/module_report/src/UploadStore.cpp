@@ -109,7 +109,8 @@ std::string UploadStore::CopyToTemp(int srcFd, std::string& tempPath, uint64_t& 
                     " bytes while being copied";
             break;
         }
-        const SDK::Status written = SDK::WriteAll(out, std::string(buffer.data(), static_cast<size_t>(n)), tempPath);
+        const SDK::Status written =
+            SDK::WriteAll(out, std::string(buffer.data(), static_cast<size_t>(n)), tempPath);
         if (!written) {
             error = "cannot write " + written.message();
             break;
