@@ -10,7 +10,8 @@ namespace {
 Framework::ServiceStart StartContainers()
 {
     const auto options = Container::ContainerCollectTask::OptionsFromConfig();
-    Poco::AutoPtr<Container::ContainerCollectTask> task(new Container::ContainerCollectTask(options));
+    Poco::AutoPtr<Container::ContainerCollectTask> task(
+        new Container::ContainerCollectTask(options));
     return {{task}, Poco::format("following containers under %s every %ld ms", options.hostRoot,
                                  task->PollMs())};
 }
