@@ -5,9 +5,9 @@
 
 #include "asset/ApacheConfig.h"
 #include "asset/NginxConfig.h"
-#include "sdk/HostRoot.h"
 #include "asset/TomcatConfig.h"
 #include "container/RuntimeState.h"
+#include "sdk/HostRoot.h"
 #include "sdk/JsonUtils.h"
 
 namespace Asset {

@@ -6,7 +6,6 @@ namespace Container {
 
 namespace {
 
-
 // Annotations of containerd's Kubernetes (CRI) plugin.
 const char* const kCriContainerType = "io.kubernetes.cri.container-type";
 const char* const kCriSandboxName = "io.kubernetes.cri.sandbox-name";
