@@ -10,9 +10,10 @@ namespace {
 constexpr size_t kContainerIdLength = 64;
 constexpr size_t kMaxProcFileBytes = 1u << 20;
 
+// A path below /proc.
 std::string ProcFile(int pid, const char* name)
 {
-    return "/proc/" + std::to_string(pid) + "/" + name;
+    return "/" + std::to_string(pid) + "/" + name;
 }
 
 bool IsHexId(const std::string& text)
@@ -30,11 +31,14 @@ bool IsHexId(const std::string& text)
 
 }  // namespace
 
-ProcessTable::ProcessTable(const std::string& hostRoot) : m_root(hostRoot) {}
+ProcessTable::ProcessTable(const std::string& hostRoot)
+    : m_root(hostRoot), m_proc(m_root.Below("/proc"))
+{
+}
 
 bool ProcessTable::ReadProcFile(int pid, const char* name, std::string& out) const
 {
-    return m_root.ReadFile(ProcFile(pid, name), kMaxProcFileBytes, out).ok();
+    return m_proc.ReadFile(ProcFile(pid, name), kMaxProcFileBytes, out).ok();
 }
 
 std::vector<std::string> ProcessTable::SplitCmdline(const std::string& raw)
@@ -112,14 +116,14 @@ void ProcessTable::Load()
     if (ReadProcFile(1, "cgroup", text)) {
         m_hostCgroupId = ContainerIdFromCgroup(text);
     }
-    m_hostMountNs = m_root.ReadLink(ProcFile(1, "ns/mnt"));
+    m_hostMountNs = m_proc.ReadLink(ProcFile(1, "ns/mnt"));
     if (m_hostMountNs.empty() && m_root.Prefix().empty()) {
         // pid 1 may be out of reach (hardened /proc); our own namespace is
         // the host's when the agent runs on the host.
-        m_hostMountNs = m_root.ReadLink("/proc/self/ns/mnt");
+        m_hostMountNs = m_proc.ReadLink("/self/ns/mnt");
     }
     std::vector<SDK::DirEntry> entries;
-    m_root.ListDir("/proc", entries);
+    m_proc.ListDir("/", entries);
     for (const auto& entry : entries) {
         char* end = nullptr;
         const long pid = std::strtol(entry.name.c_str(), &end, 10);
@@ -163,7 +167,7 @@ bool ProcessTable::ReadProcess(int pid, ProcessInfo& out) const
     if (out.argv.empty()) {
         return false;
     }
-    out.exe = m_root.ReadLink(ProcFile(pid, "exe"));
+    out.exe = m_proc.ReadLink(ProcFile(pid, "exe"));
     std::string cgroup;
     ReadProcFile(pid, "cgroup", cgroup);
     out.containerId = ContainerOf(pid, cgroup);
@@ -178,8 +182,8 @@ std::string ProcessTable::ContainerOf(int pid, const std::string& cgroupText) co
     }
     // No runtime named in the cgroup: a process with a mount namespace of
     // its own and another root is still a container (or a chroot jail).
-    const std::string ns = m_root.ReadLink(ProcFile(pid, "ns/mnt"));
-    const std::string root = m_root.ReadLink(ProcFile(pid, "root"));
+    const std::string ns = m_proc.ReadLink(ProcFile(pid, "ns/mnt"));
+    const std::string root = m_proc.ReadLink(ProcFile(pid, "root"));
     if (!ns.empty() && !m_hostMountNs.empty() && ns != m_hostMountNs && !root.empty() &&
         root != "/") {
         std::string digits;
@@ -217,7 +221,7 @@ std::map<std::string, std::string> ProcessTable::Environment(int pid) const
 
 SDK::HostRoot ProcessTable::FilesOf(const ProcessInfo& process) const
 {
-    return process.containerId.empty() ? m_root : m_root.Below(ProcFile(process.pid, "root"));
+    return process.containerId.empty() ? m_root : m_proc.Below(ProcFile(process.pid, "root"));
 }
 
 }  // namespace Asset

@@ -54,6 +54,8 @@ private:
     std::string ContainerOf(int pid, const std::string& cgroupText) const;
 
     SDK::HostRoot m_root;
+    // /proc as written: its links (self, <pid>/root, <pid>/exe) are the kernel's.
+    SDK::HostRoot m_proc;
     std::map<int, ProcessInfo> m_processes;
     std::string m_hostCgroupId;   // container id of pid 1 (when the agent itself runs in one)
     std::string m_hostMountNs;    // mount namespace of pid 1, empty when unreadable
