@@ -16,6 +16,7 @@
 #include "framework/StatusBoard.h"
 #include "message/AbstractMessageReceiver.h"
 #include "message/AssetMessage.h"
+#include "sdk/TimeUtils.h"
 #include "testsupport/TestSupport.h"
 
 using TestSupport::TempDir;
@@ -139,17 +140,27 @@ TEST(RealServers, ApacheIsReportedWithItsWebDirectoriesUntilItStops)
     ASSERT_EQ(StartApache(dir, apache), "");
     const std::string a = dir.Path();
     ExpectDirs(*consumer, apache.Pid(), {a + "/www/main", a + "/www/vhost", a + "/www/media"});
-    // Only the parent is a server: its children are not reported.
-    Asset::ProcessTable table("/");
-    table.Load();
-    int children = 0;
-    for (const auto& kv : table.Processes()) {
-        if (kv.second.ppid == apache.Pid()) {
-            ++children;
-            EXPECT_EQ(consumer->Dirs(kv.first), std::vector<std::string>{"gone"}) << kv.first;
+    // Only the parent is a server: its children (forked when it is ready) are not reported.
+    std::vector<int> children;
+    EXPECT_TRUE(WaitFor([&] {
+        Asset::ProcessTable table("/");
+        table.Load();
+        children.clear();
+        for (const auto& kv : table.Processes()) {
+            if (kv.second.ppid == apache.Pid()) {
+                children.push_back(kv.first);
+            }
         }
+        return !children.empty();
+    }, kServerStartMs));
+    // A round that saw them lists no asset of theirs.
+    const int64_t seen = SDK::TimeUtils::GetCurrentTimestampMS();
+    ASSERT_TRUE(WaitFor([&] {
+        return Framework::StatusBoard::Get("asset")["last_discovery_ms"].asInt64() > seen;
+    }, kDiscoveryMs));
+    for (const auto& asset : Framework::StatusBoard::Get("asset")["assets"]) {
+        EXPECT_EQ(std::count(children.begin(), children.end(), asset["pid"].asInt()), 0);
     }
-    EXPECT_GE(children, 1);
 
     const int pid = apache.Pid();
     apache.Stop();
