@@ -181,7 +181,7 @@ TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
     auto downloads = FileRequests(Framework::FileMessage::DOWNLOAD);
     ASSERT_EQ(downloads.size(), 2u);
     EXPECT_EQ(downloads[0]->GetFilePath(), env.LibPath());
-    EXPECT_EQ(downloads[0]->GetKind(), "");
+    EXPECT_EQ(downloads[0]->GetKind(), goodHash);  // installed only with this digest
     EXPECT_EQ(downloads[0]->GetExtra(), doc.libUrl);
     EXPECT_EQ(log.Count("Download file, url(" + doc.libUrl + ").", Poco::Message::PRIO_INFORMATION), 2u);
     EXPECT_EQ(Framework::StatusBoard::Get("webshell.rules")["state"].asString(), "missing");

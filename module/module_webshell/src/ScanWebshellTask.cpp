@@ -340,7 +340,7 @@ bool ScanWebshellTask::CheckLocalWebshellLib(const std::string& libVersion, cons
     if (hashResult == -1 || digest != libHash) {
         PublishRules(m_webshellLibPath, hashResult == -1 ? "missing" : "hash_mismatch", m_loadedLibVersion,
                      libVersion, libHash, libUrl);
-        SendFileDownloadMsg(m_webshellLibPath, libUrl);
+        SendFileDownloadMsg(m_webshellLibPath, libUrl, libHash);
         return false;
     }
     if (libVersion == m_loadedLibVersion) {
@@ -356,9 +356,12 @@ bool ScanWebshellTask::CheckLocalWebshellLib(const std::string& libVersion, cons
     return true;
 }
 
-void ScanWebshellTask::SendFileDownloadMsg(const std::string& path, const std::string& url)
+void ScanWebshellTask::SendFileDownloadMsg(const std::string& path, const std::string& url,
+                                           const std::string& sha256)
 {
-    SendDirectMsg(kFileCommReportTask, new Framework::FileMessage(Framework::FileMessage::DOWNLOAD, path, "", url));
+    // The report service installs the file only when it has this digest.
+    SendDirectMsg(kFileCommReportTask,
+                  new Framework::FileMessage(Framework::FileMessage::DOWNLOAD, path, sha256, url));
     SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "Download file, url(%s).", url);
 }
 

@@ -74,7 +74,7 @@ public:
     bool ParsePolicyContent();
     bool CheckLocalWebshellLib(const std::string& libVersion, const std::string& libUrl,
                                const std::string& libHash);
-    void SendFileDownloadMsg(const std::string& path, const std::string& url);
+    void SendFileDownloadMsg(const std::string& path, const std::string& url, const std::string& sha256);
 
     // Scan directories.
     void GetScanPathSet(const std::list<std::string>& pathList, std::set<std::string>& pathSet);
