@@ -10,6 +10,7 @@
 
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
+#include "sdk/RuleCheck.h"
 
 // Last: libyara's headers define short macros (parent(), ...) that clash with Poco.
 #include <yara.h>
@@ -188,6 +189,13 @@ bool YaraUtils::LoadRuleFromFile(const std::string& path)
     struct stat st {};
     if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         m_lastError = "rule file " + path + " is not a regular file";
+        SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
+        return false;
+    }
+    // A damaged compiled library could abort the process inside libyara.
+    const Status checked = CheckCompiledRules(fd.get(), path);
+    if (!checked.ok()) {
+        m_lastError = checked.message();
         SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
         return false;
     }
