@@ -289,4 +289,27 @@ bool YaraUtils::CheckFile(const std::string& path, void* userData, int timeout)
     return false;
 }
 
+bool YaraUtils::CheckFd(int fd, const std::string& name, void* userData, int timeout)
+{
+    if (m_rules == nullptr) {
+        m_lastError = "no rules loaded, cannot scan " + name;
+        return false;
+    }
+    struct stat st {};
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        m_lastError = name + " is not a regular file, not scanned";
+        return false;
+    }
+    const int seconds = timeout > 0 ? timeout : 0;
+    ScanCall call{m_callback, userData};
+    const int result = yr_rules_scan_fd(m_rules, fd, 0, ForwardScanCallback, &call, seconds);
+    if (result == ERROR_SUCCESS) {
+        return true;
+    }
+    m_lastError = result == ERROR_SCAN_TIMEOUT
+                      ? "scan of " + name + " timed out after " + std::to_string(seconds) + " s"
+                      : "scan of " + name + " failed: " + YaraErrorText(result);
+    return false;
+}
+
 }  // namespace SDK
