@@ -5,7 +5,7 @@ PREFIX  ?= /usr/local/ardent
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?=
 
-.PHONY: all deps build demo test test-asan test-tsan bench install clean
+.PHONY: all deps build demo test test-asan test-tsan bench fuzz install clean
 
 all: build
 
@@ -40,8 +40,17 @@ bench: deps
 	cmake --build build-bench -j $(JOBS)
 	bash bench/run.sh build-bench
 
+# The libFuzzer targets of fuzz/ (clang, ASan+UBSan), each run for
+# FUZZ_SECONDS from its seeds. Longer runs: fuzz/run.sh build-fuzz SECONDS [NAME...].
+FUZZ_SECONDS ?= 30
+fuzz: deps
+	CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DARDENT_FUZZ=ON -DARDENT_SANITIZE=address,undefined -DARDENT_BUILD_TESTS=OFF
+	cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
+	bash fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
+
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf build build-asan build-tsan build-bench
+	rm -rf build build-asan build-tsan build-bench build-fuzz

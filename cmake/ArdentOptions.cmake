@@ -10,6 +10,12 @@ if(ARDENT_SANITIZE)
     add_compile_options(-fno-sanitize-recover=undefined)
   endif()
 endif()
+# libFuzzer targets (fuzz/, clang only): coverage in every library the
+# targets drive, not only in the targets themselves.
+option(ARDENT_FUZZ "Build the libFuzzer targets of fuzz/ (clang only)" OFF)
+if(ARDENT_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
 if(ARDENT_COVERAGE)
   add_compile_options(--coverage)
   add_link_options(--coverage)
@@ -40,5 +46,10 @@ function(ardent_module target)
     INSTALL_RPATH "$ORIGIN/:/usr/local/ardent/lib/:/usr/local/ardent/module/:$ORIGIN/../lib/"
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN OFF)
-  target_link_options(${target} PRIVATE -Wl,--no-undefined -Wl,--no-as-needed)
+  target_link_options(${target} PRIVATE -Wl,--no-as-needed)
+  # Under ARDENT_FUZZ, clang leaves sanitizer and coverage symbols to the
+  # executable that loads the module.
+  if(NOT ARDENT_FUZZ)
+    target_link_options(${target} PRIVATE -Wl,--no-undefined)
+  endif()
 endfunction()

@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Installs from Debian what the build, the tests and the benchmarks need.
+# Installs from Debian what the build, the tests, the benchmarks and the
+# fuzz targets need (clang-14 with libclang-rt-14-dev, which ships libFuzzer;
+# llvm-14 for the symbolizer).
 # Idempotent: packages already present are not touched. Works as root and,
 # through sudo, as a user.
 set -euo pipefail
@@ -9,6 +11,7 @@ PACKAGES=(
   libpoco-dev libjsoncpp-dev libyara-dev yara zlib1g-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   nginx-light apache2 curl python3 procps util-linux iproute2 time
+  clang-14 libclang-rt-14-dev llvm-14
 )
 
 missing=()

@@ -11,6 +11,7 @@
 #include "framework/Engine.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/LoggerUtils.h"
+#include "sdk/Posix.h"
 
 namespace Agent {
 
@@ -25,7 +26,14 @@ int RunCommandMain(const AgentOptions& options)
             return 2;
         }
     }
-    chmod((install + "data/upload").c_str(), 0700);
+    // Kept samples and the rule library are private; a link planted in
+    // place of either directory is refused, never followed.
+    for (const char* sub : {"data/webshell", "data/upload"}) {
+        const SDK::Status made = SDK::MakePrivateDir(install + sub);
+        if (!made) {
+            std::cerr << "ardent-agent: " << made.message() << "; left as it is\n";
+        }
+    }
     if (!SDK::LoggerUtils::GetInstance()->Configure(install + "log/agent.log", true, options.logLevel)) {
         std::cerr << "ardent-agent: cannot write " << install << "log/agent.log; logging to stderr only\n";
     }

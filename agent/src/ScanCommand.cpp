@@ -58,6 +58,7 @@
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/LoggerUtils.h"
+#include "sdk/Posix.h"
 #include "sdk/TimeUtils.h"
 #include "sdk/YaraUtils.h"
 
@@ -457,7 +458,14 @@ int ScanCommandMain(const AgentOptions& options)
             return Error("cannot create " + install + sub + ": " + e.displayText());
         }
     }
-    ::chmod((install + "data/upload").c_str(), 0700);
+    // Kept samples and the rule library are private; a link planted in
+    // place of either directory is refused, never followed.
+    for (const char* sub : {"data/webshell", "data/upload"}) {
+        const SDK::Status made = SDK::MakePrivateDir(install + sub);
+        if (!made) {
+            std::cerr << "ardent-agent scan: " << made.message() << "; left as it is\n";
+        }
+    }
     const bool verbose = options.logLevel == "debug" || options.logLevel == "trace";
     if (!SDK::LoggerUtils::GetInstance()->Configure(install + "log/agent.log", verbose,
                                                     options.logLevel)) {

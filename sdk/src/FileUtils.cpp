@@ -1,7 +1,6 @@
 #include "sdk/FileUtils.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,22 +9,13 @@
 #include <Poco/DigestEngine.h>
 #include <Poco/SHA2Engine.h>
 
+#include "sdk/Posix.h"
+
 namespace SDK {
 
 namespace {
 
 constexpr size_t kReadChunk = 64 * 1024;
-
-class FdCloser {
-public:
-    explicit FdCloser(int fd) : m_fd(fd) {}
-    ~FdCloser() { close(m_fd); }
-    FdCloser(const FdCloser&) = delete;
-    FdCloser& operator=(const FdCloser&) = delete;
-
-private:
-    int m_fd;
-};
 
 }  // namespace
 
@@ -33,18 +23,13 @@ int FileUtils::GetFileSha256(const std::string& path, bool& flag, std::string& s
                              long limit)
 {
     (void)flag;
-    // O_NONBLOCK: a FIFO or device named like the file must not hang the
-    // caller; fstat below then refuses it before anything is read.
-    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0) {
+    // A FIFO or device named like the file is refused before anything is read.
+    UniqueFd fd;
+    if (!OpenRegularFile(path, false, fd).ok()) {
         return -1;
     }
-    FdCloser closer(fd);
     struct stat st {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        return -1;
-    }
-    if (limit > 0 && st.st_size > limit) {
+    if (fstat(fd.Get(), &st) != 0 || (limit > 0 && st.st_size > limit)) {
         return -1;
     }
 
@@ -52,7 +37,7 @@ int FileUtils::GetFileSha256(const std::string& path, bool& flag, std::string& s
     std::vector<char> buffer(kReadChunk);
     long long total = 0;
     for (;;) {
-        const ssize_t got = read(fd, buffer.data(), buffer.size());
+        const ssize_t got = read(fd.Get(), buffer.data(), buffer.size());
         if (got < 0) {
             if (errno == EINTR) {
                 continue;

@@ -1,5 +1,10 @@
 #include "sdk/LoggerUtils.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <set>
 #include <utility>
 #include <vector>
@@ -30,12 +35,19 @@ std::mutex g_loggerMutex;
 // Module loggers that keep their own level when the root level changes.
 std::set<std::string> g_ownLevel;
 
+// The log file and its archives: readable by the agent's group at most.
+const mode_t kLogFileMode = 0640;
+const Poco::UInt64 kRotateBytes = 10 * 1024 * 1024;  // "10 M" below
+const int kArchives = 5;
+
 // "2024-05-01 12:00:00.123 [Information] webshell_module: text (file:line)":
-// the source position is added only when the record carries one.
+// the source position is added only when the record carries one. The text
+// goes through LogSafe once more, so a record made without SDK_LOG cannot
+// split a line either; a trailing newline of a message is its line end.
 class RecordFormatter : public Poco::Formatter {
 public:
     RecordFormatter()
-        : m_pattern(new Poco::PatternFormatter("%Y-%m-%d %H:%M:%S.%i [%p] <%I> %s: %t"))
+        : m_pattern(new Poco::PatternFormatter("%Y-%m-%d %H:%M:%S.%i [%p] <%I> %s: "))
     {
         m_pattern->setProperty(Poco::PatternFormatter::PROP_TIMES, "local");
     }
@@ -43,6 +55,9 @@ public:
     void format(const Poco::Message& msg, std::string& text) override
     {
         m_pattern->format(msg, text);
+        const std::string& body = msg.getText();
+        const std::size_t length = !body.empty() && body.back() == '\n' ? body.size() - 1 : body.size();
+        text += LogSafe(length == body.size() ? body : body.substr(0, length), kMaxLogRecordBytes);
         if (msg.getSourceFile() != nullptr && msg.getSourceFile()[0] != '\0') {
             text += " (";
             text += msg.getSourceFile();
@@ -56,24 +71,153 @@ private:
     Poco::AutoPtr<Poco::PatternFormatter> m_pattern;
 };
 
+// Poco creates the log file with the process umask (often 0644). The file
+// is made 0640 at most before Poco opens it; the new file a rotation
+// creates is made under a umask that leaves no more than that. The umask is
+// the process's, so it is narrowed only around the one record that rotates
+// (once per 10 MB): files other threads create in that instant get fewer
+// permissions, never more.
+class PrivateFileChannel : public Poco::FileChannel {
+public:
+    explicit PrivateFileChannel(const std::string& path) : Poco::FileChannel(path) {}
+
+    void log(const Poco::Message& msg) override
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (size() < kRotateBytes) {
+            Poco::FileChannel::log(msg);
+            return;
+        }
+        const mode_t old = ::umask(0077);
+        ::umask(old | 0027);
+        try {
+            Poco::FileChannel::log(msg);
+        } catch (...) {
+            ::umask(old);
+            throw;
+        }
+        ::umask(old);
+    }
+
+private:
+    std::mutex m_mutex;
+};
+
+// Creates `path` 0640 when missing; takes group write and all other access
+// away from an existing one (an older agent made it with the umask).
+void RestrictLogFile(const std::string& path, bool create)
+{
+    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK |
+                                            (create ? O_CREAT : 0),
+                          kLogFileMode);
+    if (fd < 0) {
+        return;  // Poco's open names the problem
+    }
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 07777 & ~kLogFileMode) != 0) {
+        ::fchmod(fd, st.st_mode & kLogFileMode);
+    }
+    ::close(fd);
+}
+
 Poco::AutoPtr<Poco::Channel> MakeFileChannel(const std::string& logFile)
 {
     Poco::Path parent = Poco::Path(logFile).parent();
     if (!parent.toString().empty()) {
         Poco::File(parent).createDirectories();
     }
-    Poco::AutoPtr<Poco::FileChannel> file(new Poco::FileChannel(logFile));
+    RestrictLogFile(logFile, true);
+    for (int i = 0; i < kArchives; ++i) {
+        RestrictLogFile(logFile + "." + std::to_string(i), false);
+    }
+    Poco::AutoPtr<Poco::FileChannel> file(new PrivateFileChannel(logFile));
     // agent.log, agent.log.0 (newest) ... agent.log.4: at most ~60 MB on disk.
     file->setProperty(Poco::FileChannel::PROP_ROTATION, "10 M");
     file->setProperty(Poco::FileChannel::PROP_ARCHIVE, "number");
-    file->setProperty(Poco::FileChannel::PROP_PURGECOUNT, "5");
+    file->setProperty(Poco::FileChannel::PROP_PURGECOUNT, std::to_string(kArchives));
     file->setProperty(Poco::FileChannel::PROP_TIMES, "local");
     file->setProperty(Poco::FileChannel::PROP_FLUSH, "true");
     file->open();  // throws when the file cannot be created or opened
     return file;
 }
 
+// Length of the well-formed UTF-8 character at `p` (at most `left` bytes),
+// or 0 when the bytes there are not one.
+std::size_t Utf8Length(const unsigned char* p, std::size_t left)
+{
+    const unsigned char b = p[0];
+    std::size_t length = 0;
+    unsigned char low = 0x80;
+    unsigned char high = 0xBF;
+    if (b >= 0xC2 && b <= 0xDF) {
+        length = 2;
+    } else if (b >= 0xE0 && b <= 0xEF) {
+        length = 3;
+        low = b == 0xE0 ? 0xA0 : 0x80;   // no overlong forms
+        high = b == 0xED ? 0x9F : 0xBF;  // no surrogates
+    } else if (b >= 0xF0 && b <= 0xF4) {
+        length = 4;
+        low = b == 0xF0 ? 0x90 : 0x80;
+        high = b == 0xF4 ? 0x8F : 0xBF;  // nothing past U+10FFFF
+    } else {
+        return 0;
+    }
+    if (left < length || p[1] < low || p[1] > high) {
+        return 0;
+    }
+    for (std::size_t i = 2; i < length; ++i) {
+        if (p[i] < 0x80 || p[i] > 0xBF) {
+            return 0;
+        }
+    }
+    return length;
+}
+
 }  // namespace
+
+std::string LogSafe(const std::string& text, std::size_t maxBytes)
+{
+    static const char kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(text.size() < maxBytes ? text.size() : maxBytes);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const unsigned char b = bytes[i];
+        std::size_t length = 1;
+        bool escape = false;
+        if (b < 0x80) {
+            escape = b < 0x20 || b == 0x7F;
+        } else {
+            length = Utf8Length(bytes + i, text.size() - i);
+            // Not UTF-8, or a C1 control (U+0080..U+009F, "\xc2\x80".."\xc2\x9f").
+            escape = length == 0 || (b == 0xC2 && bytes[i + 1] < 0xA0);
+            if (length == 0) {
+                length = 1;
+            }
+        }
+        const std::size_t written = escape ? 4 * length : length;
+        if (out.size() + written > maxBytes) {
+            break;
+        }
+        if (escape) {
+            for (std::size_t k = 0; k < length; ++k) {
+                const unsigned char e = bytes[i + k];
+                out += '\\';
+                out += 'x';
+                out += kHex[e >> 4];
+                out += kHex[e & 0x0F];
+            }
+        } else {
+            out.append(text, i, length);
+        }
+        i += length;
+    }
+    if (i < text.size()) {
+        out += "...(" + std::to_string(text.size() - i) + " bytes cut)";
+    }
+    return out;
+}
 
 LoggerUtils* LoggerUtils::GetInstance()
 {

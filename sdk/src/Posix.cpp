@@ -4,7 +4,10 @@
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace SDK {
 
@@ -32,14 +35,20 @@ void UniqueDir::Reset(DIR* dir)
     m_dir = dir;
 }
 
+ReadResult ReadResult::Failure(ReadError error, const std::string& what, const std::string& reason)
+{
+    ReadResult r;
+    r.error = error;
+    r.reason = reason;
+    r.status = Status::Error(what + ": " + reason);
+    return r;
+}
+
 namespace {
 
 ReadResult Fail(ReadError error, const std::string& what, const std::string& reason)
 {
-    ReadResult r;
-    r.error = error;
-    r.status = Status::Error(what + ": " + reason);
-    return r;
+    return ReadResult::Failure(error, what, reason);
 }
 
 ReadResult FromErrno(int err, const std::string& what)
@@ -59,7 +68,8 @@ ReadResult CheckRegular(int fd, const std::string& what)
         return FromErrno(errno, what);
     }
     if (!S_ISREG(st.st_mode)) {
-        return Fail(ReadError::NotRegular, what, "not a regular file");
+        return Fail(ReadError::NotRegular, what,
+                    S_ISDIR(st.st_mode) ? "is a directory" : "not a regular file");
     }
     return {};
 }
@@ -144,16 +154,54 @@ Status WriteAll(int fd, const std::string& data, const std::string& what)
     return {};
 }
 
+ReadResult ListDirectory(const std::string& path, std::vector<DirEntry>& out)
+{
+    out.clear();
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.Valid()) {
+        return FromErrno(errno, path);
+    }
+    UniqueDir dir(::fdopendir(fd.Get()));
+    if (!dir.Valid()) {
+        return FromErrno(errno, path);
+    }
+    fd.Release();  // the stream owns it now
+    errno = 0;
+    while (struct dirent* de = ::readdir(dir.Get())) {
+        const char* name = de->d_name;
+        if (::strcmp(name, ".") == 0 || ::strcmp(name, "..") == 0) {
+            continue;
+        }
+        unsigned char type = de->d_type;
+        if (type == DT_UNKNOWN) {
+            struct stat st;
+            if (::fstatat(::dirfd(dir.Get()), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+                continue;  // removed meanwhile
+            }
+            type = IFTODT(st.st_mode);
+        }
+        DirEntry entry;
+        entry.name = name;
+        entry.type = type == DT_REG   ? DirEntry::Type::File
+                     : type == DT_DIR ? DirEntry::Type::Dir
+                     : type == DT_LNK ? DirEntry::Type::Link
+                                      : DirEntry::Type::Other;
+        out.push_back(std::move(entry));
+    }
+    std::sort(out.begin(), out.end(),
+              [](const DirEntry& a, const DirEntry& b) { return a.name < b.name; });
+    return {};
+}
+
 Status MakePrivateDir(const std::string& dir, unsigned mode)
 {
     if (dir.empty()) {
         return Status::Error("empty directory name");
     }
-    std::string partial;
     std::size_t pos = 0;
     while (pos != std::string::npos) {
         pos = dir.find('/', pos + 1);
-        partial = dir.substr(0, pos);
+        const std::string partial = dir.substr(0, pos);
         if (partial.empty()) {
             continue;
         }
@@ -161,17 +209,51 @@ Status MakePrivateDir(const std::string& dir, unsigned mode)
             return Status::Error("cannot create " + partial + ": " + ErrnoText(errno));
         }
     }
+    // Opened without following a link, then changed through the descriptor:
+    // a link planted in its place never lends its target our mode.
+    UniqueFd fd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.Valid()) {
+        const int err = errno;
+        if (err == ELOOP || err == ENOTDIR) {
+            return Status::Error(dir + ": not a directory (a link or file stands in its place)");
+        }
+        return Status::Error(dir + ": " + ErrnoText(err));
+    }
     struct stat st;
-    if (::lstat(dir.c_str(), &st) != 0) {
+    if (::fstat(fd.Get(), &st) != 0) {
         return Status::Error(dir + ": " + ErrnoText(errno));
     }
-    if (!S_ISDIR(st.st_mode)) {
-        return Status::Error(dir + ": not a directory (a link or file stands in its place)");
+    if (st.st_uid != ::geteuid()) {
+        return Status::Error(dir + " belongs to uid " + std::to_string(st.st_uid) +
+                             ", not to the agent; its mode is left alone");
     }
-    if ((st.st_mode & 07777) != mode && ::chmod(dir.c_str(), mode) != 0) {
+    if ((st.st_mode & 07777) != mode && ::fchmod(fd.Get(), mode) != 0) {
         return Status::Error("cannot chmod " + dir + ": " + ErrnoText(errno));
     }
     return {};
+}
+
+int RemoveStaleFiles(const std::string& dir, const std::string& namePrefix, int64_t olderThanS)
+{
+    UniqueFd dirFd(::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    std::vector<DirEntry> entries;
+    if (!dirFd.Valid() || !ListDirectory(dir, entries).ok()) {
+        return 0;
+    }
+    const int64_t now = static_cast<int64_t>(::time(nullptr));
+    int removed = 0;
+    for (const auto& e : entries) {
+        if (e.type != DirEntry::Type::File || e.name.compare(0, namePrefix.size(), namePrefix) != 0) {
+            continue;
+        }
+        struct stat st;
+        if (::fstatat(dirFd.Get(), e.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISREG(st.st_mode) && now - static_cast<int64_t>(st.st_mtime) > olderThanS &&
+            ::unlinkat(dirFd.Get(), e.name.c_str(), 0) == 0) {
+            ++removed;
+        }
+    }
+    return removed;
 }
 
 }  // namespace SDK

@@ -14,6 +14,7 @@
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/Posix.h"
+#include "sdk/RuleCheck.h"
 
 // Last: libyara's headers define short macros (parent(), ...) that clash with Poco.
 #include <yara.h>
@@ -352,6 +353,13 @@ bool YaraUtils::LoadRuleFromFile(const std::string& path)
         SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
         return false;
     }
+    // A damaged compiled library could abort the process inside libyara.
+    const Status checked = CheckCompiledRules(fd.Get(), path);
+    if (!checked.ok()) {
+        m_lastError = checked.message();
+        SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource, "Loading rules: %s", m_lastError);
+        return false;
+    }
 
     // Compiled rules (yarac output) first.
     int fdValue = fd.Get();
@@ -438,18 +446,27 @@ bool YaraUtils::CheckFile(const std::string& path, void* userData, int timeout)
                                                             : "cannot open " + opened.status.message();
         return false;
     }
-    struct stat st {};
-    if (fstat(fd.Get(), &st) != 0) {
-        m_lastError = "cannot stat " + path + ": " + ErrnoText(errno);
+    return CheckFd(fd.Get(), path, userData, timeout);
+}
+
+bool YaraUtils::CheckFd(int fd, const std::string& name, void* userData, int timeout)
+{
+    if (m_rules == nullptr) {
+        m_lastError = "no rules loaded, cannot scan " + name;
         return false;
     }
-    ScanContext context = ScanContext::ForPath(path);
+    struct stat st {};
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        m_lastError = name + " is not a regular file, not scanned";
+        return false;
+    }
+    ScanContext context = ScanContext::ForPath(name);
     if (static_cast<std::size_t>(st.st_size) > kInMemoryScanLimit) {
         // Too big to hold: scanned from the file, without the content signals.
-        return Scan(nullptr, 0, fd.Get(), userData, timeout, context);
+        return Scan(nullptr, 0, fd, userData, timeout, context);
     }
     std::string content;
-    const ReadResult read = ReadAll(fd.Get(), kInMemoryScanLimit, content, path);
+    const ReadResult read = ReadAll(fd, kInMemoryScanLimit, content, name);
     if (!read.ok()) {
         m_lastError = "cannot read " + read.status.message();
         return false;

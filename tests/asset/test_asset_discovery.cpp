@@ -191,41 +191,40 @@ TEST(AssetDiscovery, FindsServersOnTheHostAndInContainersWithHostVisiblePaths)
     EXPECT_EQ(pids, (std::vector<int>{400, 100, 200, 300}));
     ASSERT_EQ(java.size(), 1u);
 
+    struct Expected {
+        int pid;
+        std::string server;
+        std::string containerId;
+        std::string configFile;
+        std::vector<std::string> dirs;
+    };
+    const std::string c200 = r + "/proc/200/root";
+    const std::string c300 = r + "/proc/300/root";
+    const Expected expected[] = {
+        {100, "nginx", "", r + "/etc/nginx/nginx.conf", {r + "/var/www/html", r + "/srv/downloads"}},
+        // An absolute link in the container resolves inside it.
+        {200, "nginx", kContainerId, c200 + "/etc/nginx/nginx.conf", {c200 + "/srv/shop"}},
+        {300, "nginx", "mntns-4026532999", c300 + "/opt/jail-nginx/conf/main.conf",
+         {c300 + "/opt/jail-nginx/html"}},
+        {400, "apache", "", r + "/etc/apache2/apache2.conf",
+         {r + "/var/www/blog", r + "/srv/blog-static", r + "/var/www/sites/secure"}},
+        {500, "tomcat", "", r + "/var/lib/tomcat9/conf/server.xml",
+         {r + "/var/lib/tomcat9/webapps", r + "/srv/apps/shop"}},
+    };
+    for (const auto& e : expected) {
+        auto asset = ByPid(e.pid == 500 ? java : web, e.pid);
+        ASSERT_NE(asset, nullptr) << e.pid;
+        EXPECT_EQ((std::vector<std::string>{asset->server, asset->containerId, asset->configFile}),
+                  (std::vector<std::string>{e.server, e.containerId, e.configFile}));
+        EXPECT_EQ(DirPaths(*asset), e.dirs) << e.pid;
+    }
     auto nginx = ByPid(web, 100);
-    EXPECT_EQ(nginx->server, "nginx");
-    EXPECT_EQ(nginx->containerId, "");
     EXPECT_EQ(nginx->exe, "/usr/sbin/nginx");
-    EXPECT_EQ(nginx->configFile, r + "/etc/nginx/nginx.conf");
-    EXPECT_EQ(DirPaths(*nginx), (std::vector<std::string>{r + "/var/www/html", r + "/srv/downloads"}));
     EXPECT_EQ(nginx->webDirList[1]->origin, "alias");
     EXPECT_EQ(nginx->webDirList[1]->configFile, r + "/etc/nginx/sites-enabled/default");
     EXPECT_EQ(nginx->webDirList[1]->line, 3);
-
-    auto docker = ByPid(web, 200);
-    EXPECT_EQ(docker->containerId, kContainerId);
-    EXPECT_EQ(docker->containerName, "shop-web");
-    EXPECT_EQ(docker->configFile, r + "/proc/200/root/etc/nginx/nginx.conf");
-    EXPECT_EQ(DirPaths(*docker), std::vector<std::string>{r + "/proc/200/root/srv/shop"});
-    EXPECT_EQ(docker->webDirList[0]->configFile, r + "/proc/200/root/etc/nginx/sites-available/shop");
-
-    auto jail = ByPid(web, 300);
-    EXPECT_EQ(jail->containerId, "mntns-4026532999");
-    EXPECT_EQ(jail->configFile, r + "/proc/300/root/opt/jail-nginx/conf/main.conf");
-    EXPECT_EQ(DirPaths(*jail), std::vector<std::string>{r + "/proc/300/root/opt/jail-nginx/html"});
-
-    auto apache = ByPid(web, 400);
-    EXPECT_EQ(apache->server, "apache");
-    EXPECT_EQ(apache->containerId, "");
-    EXPECT_EQ(apache->configFile, r + "/etc/apache2/apache2.conf");
-    EXPECT_EQ(DirPaths(*apache), (std::vector<std::string>{r + "/var/www/blog", r + "/srv/blog-static",
-                                                           r + "/var/www/sites/secure"}));
-
-    auto tomcat = java[0];
-    EXPECT_EQ(tomcat->server, "tomcat");
-    EXPECT_EQ(tomcat->pid, 500);
-    EXPECT_EQ(tomcat->configFile, r + "/var/lib/tomcat9/conf/server.xml");
-    EXPECT_EQ(DirPaths(*tomcat),
-              (std::vector<std::string>{r + "/var/lib/tomcat9/webapps", r + "/srv/apps/shop"}));
+    EXPECT_EQ(ByPid(web, 200)->containerName, "shop-web");
+    EXPECT_EQ(ByPid(web, 200)->webDirList[0]->configFile, c200 + "/etc/nginx/sites-available/shop");
 
     // The broken Apache line is reported with the host-visible file and its line.
     bool found = false;

@@ -11,7 +11,6 @@
 #include "asset/ConfigScan.h"
 #include "asset/NginxConfig.h"
 #include "asset/ProcessTable.h"
-#include "asset/RootedFs.h"
 #include "asset/TomcatConfig.h"
 #include "testsupport/TestSupport.h"
 
@@ -60,7 +59,7 @@ std::string Describe(const ConfigScan& scan)
 
 ConfigScan Nginx(const std::string& text, const std::string& prefix = "/usr/share/nginx/")
 {
-    RootedFs fs;
+    SDK::HostRoot fs;
     NginxConfigParser parser(fs, prefix);
     std::istringstream in(text);
     return parser.ParseStream(in, "nginx.conf", "/nonexistent-conf-dir");
@@ -222,7 +221,7 @@ TEST(NginxConfig, IncludesWithGlobsRelativeToTheConfigDirectoryAndBoundedCycles)
     dir.Symlink(etc + "/sites-available/site", "etc/nginx/sites-enabled/site");
     dir.Write("etc/nginx/sites-enabled/loop", "include sites-enabled/loop;\n");
 
-    RootedFs fs;
+    SDK::HostRoot fs;
     NginxConfigParser parser(fs, "/usr/share/nginx");
     ConfigScan scan = parser.ParseFile(etc + "/nginx.conf");
     std::vector<std::string> expected = {"/srv/a", "/srv/a-alias", "/srv/b", "/srv/site"};
@@ -282,7 +281,7 @@ TEST(ApacheConfig, DocumentRootsAliasesIncludesAndVariables)
     dir.Write("etc/apache2/conf.d/sub/extra.conf", "Alias /x '/srv/single quoted'\n");
     dir.Write("etc/apache2/conf.d/loop.conf", "Include conf.d/loop.conf\n");
 
-    RootedFs fs;
+    SDK::HostRoot fs;
     std::map<std::string, std::string> env =
         ApacheConfigParser::ParseEnvVars(TestSupport::ReadFile(root + "/envvars"));
     EXPECT_EQ(env["APACHE_LOG_DIR"], "/var/log/apache2");
@@ -304,7 +303,7 @@ TEST(ApacheConfig, DocumentRootsAliasesIncludesAndVariables)
 
 TEST(ApacheConfig, BrokenLinesAreReportedAndTheRestIsUsed)
 {
-    RootedFs fs;
+    SDK::HostRoot fs;
     ApacheConfigParser parser(fs, "/etc/httpd");
     parser.Define("FROM_CMDLINE", "/srv/cmdline");
     std::istringstream in(
@@ -375,7 +374,7 @@ TEST(TomcatConfig, AppBasesDocBasesAndContextFiles)
     dir.Write("tomcat/conf/other/wiki.xml", "<Context docBase=\"${wiki.dir}\"/>\n");
     dir.Write("tomcat/conf/Second/h2/app.xml", "<Context docBase=\"app2\"/>\n");
 
-    RootedFs fs;
+    SDK::HostRoot fs;
     TomcatConfigParser parser(fs, base, {{"wiki.dir", "/srv/wiki"}});
     ConfigScan scan = parser.Parse();
     std::vector<std::string> expected = {base + "/webapps", base + "/other-apps", "/srv/h2",
@@ -397,7 +396,7 @@ TEST(TomcatConfig, MalformedServerXmlKeepsWhatCameBeforeTheError)
 {
     TempDir dir("asset-tomcat-bad");
     const std::string base = dir.MkDir("tc");
-    RootedFs fs;
+    SDK::HostRoot fs;
     TomcatConfigParser parser(fs, base);
     std::istringstream in(
         "<Server>\n"
@@ -417,46 +416,6 @@ TEST(TomcatConfig, MalformedServerXmlKeepsWhatCameBeforeTheError)
     EXPECT_TRUE(missing.dirs.empty());
     ASSERT_EQ(missing.issues.size(), 1u);
     EXPECT_EQ(missing.issues[0].file, base + "/nothing/conf/server.xml");
-}
-
-TEST(RootedFs, LinksResolveInsideThePrefix)
-{
-    TempDir dir("asset-rooted");
-    // A container root whose absolute links must stay inside it.
-    dir.Write("root/etc/nginx/sites-available/default", "inside");
-    dir.Symlink("/etc/nginx/sites-available/default", "root/etc/nginx/sites-enabled/default");
-    dir.Symlink("../../srv/real", "root/var/www/site");
-    dir.MkDir("root/srv/real");
-    dir.Symlink("/etc", "root/etc-link");
-    dir.Symlink("loop-b", "root/loop-a");
-    dir.Symlink("loop-a", "root/loop-b");
-    const std::string prefix = dir.Join("root");
-    RootedFs fs(prefix + "/");
-
-    std::string text;
-    std::string error;
-    ASSERT_TRUE(fs.ReadFile("/etc/nginx/sites-enabled/default", text, error)) << error;
-    EXPECT_EQ(text, "inside");
-    EXPECT_EQ(fs.HostPath("/var/www/site"), prefix + "/srv/real");
-    EXPECT_EQ(fs.HostPath("/var/www/site/not/yet"), prefix + "/srv/real/not/yet");
-    EXPECT_EQ(fs.HostPath("/../../etc-link/nginx"), prefix + "/etc/nginx");
-    EXPECT_EQ(fs.HostPath("/"), prefix);
-    EXPECT_EQ(fs.HostPath("/loop-a/x"), prefix + "/loop-a/x");  // bounded, kept as written
-    EXPECT_FALSE(fs.ReadFile("/loop-a", text, error));
-    EXPECT_EQ(fs.Glob("/etc-link/nginx/sites-*/def*"),
-              (std::vector<std::string>{"/etc/nginx/sites-available/default",
-                                        "/etc/nginx/sites-enabled/default"}));
-
-    // Things that are not regular files are refused without blocking.
-    dir.Fifo("root/etc/fifo.conf");
-    EXPECT_FALSE(fs.ReadFile("/etc/fifo.conf", text, error));
-    EXPECT_FALSE(fs.ReadFile("/etc/nginx", text, error));
-    EXPECT_EQ(error, "is a directory");
-    EXPECT_FALSE(fs.ReadFile("/etc/nginx/sites-available/default", text, error, 3));
-
-    // Without a prefix, paths are the host's own and are left as written.
-    RootedFs host;
-    EXPECT_EQ(host.HostPath("/var/www/"), "/var/www/");
 }
 
 TEST(ProcessTable, ContainerIdsFromCgroupTexts)

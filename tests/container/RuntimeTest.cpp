@@ -11,7 +11,7 @@
 
 #include "ContainerCollector.h"
 #include "FakeHost.h"
-#include "HostFs.h"
+#include "container/RuntimeState.h"
 #include "LogCapture.h"
 
 using namespace ContainerTest;
@@ -27,6 +27,15 @@ std::map<std::string, std::shared_ptr<Engine::ContainerInfo>> ById(const InfoLis
         out[i->id] = i;
     }
     return out;
+}
+
+// What the scan module reads of a container, in a fixed order: id, name,
+// image, image id, root, runtime, namespace, bundle, pid, pod, pod
+// namespace, container name.
+std::vector<std::string> Describe(const Engine::ContainerInfo& i)
+{
+    return {i.id,    i.name,  i.imageName, i.imageId, i.rootPath, i.text1,
+            i.text2, i.text3, i.text4,     i.text5,   i.text6,    i.text7};
 }
 
 bool HasProblem(const ContainerCollector& c, const std::string& path, const std::string& reasonPart)
@@ -52,25 +61,19 @@ TEST(ContainerRuntime, DockerContainerIsReportedOnceWithItsDockerNameAndImage)
     ASSERT_EQ(changes.size(), 1u);
     const auto& info = *changes[0];
     EXPECT_TRUE(info.running);
-    EXPECT_EQ(info.id, id);
-    EXPECT_EQ(info.name, "web1");
-    EXPECT_EQ(info.imageName, "nginx:1.25");
-    EXPECT_EQ(info.imageId, "sha256:" + HexId(99));
-    EXPECT_EQ(info.rootPath, bundle + "/rootfs");
-    EXPECT_EQ(info.text1, "docker");
-    EXPECT_EQ(info.text2, "moby");
-    EXPECT_EQ(info.text3, bundle);
-    EXPECT_EQ(info.text4, "4242");
+    EXPECT_EQ(Describe(info), (std::vector<std::string>{id, "web1", "nginx:1.25", "sha256:" + HexId(99),
+                                                         bundle + "/rootfs", "docker", "moby", bundle,
+                                                         "4242", "", "", ""}));
     EXPECT_EQ(info.list1, (std::vector<std::string>{"nginx", "-g", "daemon off;"}));
     EXPECT_EQ(info.list2.size(), 2u);
     EXPECT_EQ(info.list3, (std::vector<std::string>{"maintainer=ops@example.com"}));
     EXPECT_EQ(info.list4, (std::vector<std::string>{"80/tcp"}));
     EXPECT_EQ(info.list5, (std::vector<std::string>{"bridge"}));
     ASSERT_EQ(info.mountPointList.size(), 1u);
-    EXPECT_EQ(info.mountPointList[0].mountText1, "/srv/uploads");
-    EXPECT_EQ(info.mountPointList[0].mountText2, "/var/www/html/uploads");
-    EXPECT_EQ(info.mountPointList[0].mountText3, "bind");
-    EXPECT_TRUE(info.mountPointList[0].mountFlag);
+    const auto& mount = info.mountPointList[0];
+    EXPECT_EQ((std::vector<std::string>{mount.mountText1, mount.mountText2, mount.mountText3}),
+              (std::vector<std::string>{"/srv/uploads", "/var/www/html/uploads", "bind"}));
+    EXPECT_TRUE(mount.mountFlag);
     EXPECT_FALSE(info.flag3);  // it has a network namespace of its own
 
     // Nothing new: nothing reported, and the running set is unchanged.
@@ -191,14 +194,10 @@ TEST(ContainerRuntime, KubernetesNamesComeFromTheCriAnnotations)
     auto found = ById(collector.Poll());
     ASSERT_EQ(found.size(), 2u);
     const auto& info = *found[id];
-    EXPECT_EQ(info.text1, "containerd");
-    EXPECT_EQ(info.text2, "k8s.io");
-    EXPECT_EQ(info.name, "php-fpm");
-    EXPECT_EQ(info.imageName, "registry.local/shop:2.1");
-    EXPECT_EQ(info.text5, "shop-7d9f");
-    EXPECT_EQ(info.text6, "prod");
-    EXPECT_EQ(info.text7, "php-fpm");
-    EXPECT_EQ(info.rootPath, bundle + "/rootfs");
+    EXPECT_EQ(Describe(info),
+              (std::vector<std::string>{id, "php-fpm", "registry.local/shop:2.1", "", bundle + "/rootfs",
+                                        "containerd", "k8s.io", bundle, "400", "shop-7d9f", "prod",
+                                        "php-fpm"}));
     EXPECT_EQ(info.textMap.at("io.kubernetes.cri.sandbox-name"), "shop-7d9f");
     // The pod's sandbox is named after the pod.
     EXPECT_EQ(found[sandboxId]->name, "shop-7d9f");
@@ -219,26 +218,15 @@ TEST(ContainerRuntime, PodmanAndCrioContainersFromContainersStorage)
     auto found = ById(collector.Poll());
     ASSERT_EQ(found.size(), 2u);
 
-    const auto& podman = *found[podmanId];
-    EXPECT_EQ(podman.text1, "podman");
-    EXPECT_EQ(podman.name, "blog");
-    EXPECT_EQ(podman.imageName, "docker.io/library/wordpress:6");
-    EXPECT_EQ(podman.imageId, HexId(8));
-    EXPECT_EQ(podman.text3, podmanBundle);
-    EXPECT_EQ(podman.text4, "500");
-    EXPECT_EQ(podman.rootPath,
-              host.Path("var/lib/containers/storage/overlay/" + HexId(7) + "/merged"));
-
-    const auto& crio = *found[crioId];
-    EXPECT_EQ(crio.text1, "cri-o");
-    EXPECT_EQ(crio.name, "app");
-    EXPECT_EQ(crio.text5, "api-5c");
-    EXPECT_EQ(crio.text6, "team-a");
-    EXPECT_EQ(crio.imageName, "quay.io/acme/api:3");
-    EXPECT_EQ(crio.imageId, "sha256:" + HexId(10));
-    EXPECT_EQ(crio.text3, crioBundle);
-    EXPECT_EQ(crio.rootPath,
-              host.Path("var/lib/containers/storage/overlay/" + HexId(9) + "/merged"));
+    const std::string overlay = host.Path("var/lib/containers/storage/overlay/");
+    EXPECT_EQ(Describe(*found[podmanId]),
+              (std::vector<std::string>{podmanId, "blog", "docker.io/library/wordpress:6", HexId(8),
+                                        overlay + HexId(7) + "/merged", "podman", "", podmanBundle,
+                                        "500", "", "", ""}));
+    EXPECT_EQ(Describe(*found[crioId]),
+              (std::vector<std::string>{crioId, "app", "quay.io/acme/api:3", "sha256:" + HexId(10),
+                                        overlay + HexId(9) + "/merged", "cri-o", "", crioBundle, "501",
+                                        "api-5c", "team-a", "app"}));
     EXPECT_TRUE(collector.Problems().empty());
 
     host.StopProcess(500);
@@ -321,7 +309,7 @@ TEST(ContainerRuntime, UnusableStateIsSkippedLoggedOnceAndNeverStopsTheOthers)
         SCOPED_TRACE(b.reason);
         const std::string path = host.Path(bundleRel(b.id) + "/" + b.file);
         EXPECT_TRUE(HasProblem(collector, path, b.reason));
-        EXPECT_EQ(log.Channel().Count({path, b.reason}), 1u);
+        EXPECT_EQ(log.Count({path, b.reason}), 1u);
     }
     EXPECT_TRUE(HasProblem(collector, host.Path(bundleRel(oddName)), "not a plain name"));
     EXPECT_TRUE(HasProblem(collector, host.Path(std::string(FakeHost::kTaskRoot) + "/.hidden-ns"),
@@ -334,7 +322,7 @@ TEST(ContainerRuntime, UnusableStateIsSkippedLoggedOnceAndNeverStopsTheOthers)
     EXPECT_TRUE(collector.Poll().empty());
     for (const auto& b : bad) {
         const std::string path = host.Path(bundleRel(b.id) + "/" + b.file);
-        EXPECT_EQ(log.Channel().Count({path, b.reason}), 1u) << b.reason;
+        EXPECT_EQ(log.Count({path, b.reason}), 1u) << b.reason;
     }
     EXPECT_EQ(collector.Problems().size(), bad.size() + 3);
 }
@@ -361,7 +349,7 @@ TEST(ContainerRuntime, ABrokenBundleOfAReportedContainerIsNotTakenForAStop)
     EXPECT_FALSE(changes[0]->running);
 }
 
-TEST(ContainerRuntime, HostFsRefusesWhatARuntimeNeverWrites)
+TEST(ContainerRuntime, NamesAndPidsARuntimeNeverWritesAreRefused)
 {
     EXPECT_TRUE(Container::IsPlainName(HexId(1)));
     EXPECT_TRUE(Container::IsPlainName("k8s.io"));
@@ -381,11 +369,4 @@ TEST(ContainerRuntime, HostFsRefusesWhatARuntimeNeverWrites)
     EXPECT_TRUE(Container::HasDotDot("/a/../b"));
     EXPECT_TRUE(Container::HasDotDot("a/.."));
     EXPECT_FALSE(Container::HasDotDot("/a/..b/c.."));
-
-    Container::HostFs real("/");
-    EXPECT_EQ(real.Path("/run/x"), "/run/x");
-    EXPECT_EQ(real.Root(), "/");
-    Container::HostFs fake("/tmp/host//");
-    EXPECT_EQ(fake.Path("/run/x"), "/tmp/host/run/x");
-    EXPECT_EQ(fake.Root(), "/tmp/host");
 }

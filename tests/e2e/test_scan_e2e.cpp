@@ -164,8 +164,10 @@ TEST_F(ScanE2E, CertainFileIsAnEventSuspiciousFileIsKeptCleanFileIsNowhere)
     EXPECT_EQ(sidecar[0]["path"].asString(), odd);
     EXPECT_EQ(sidecar[0]["kind"].asString(), "webshell");
 
-    // The rule library went through the report service into place.
+    // The rule library went through the report service into place, private.
     EXPECT_EQ(ReadFile(m_install + "data/webshell/webshell.dat"), ReadFile(m_rules));
+    EXPECT_EQ(ModeOf(m_install + "data/webshell/webshell.dat"), 0600u);
+    EXPECT_EQ(ModeOf(m_install + "data/webshell"), 0700u);
     EXPECT_NE(r.err.find("4 files seen, 3 checked, 2 matched (1 certain, 1 suspicious)"),
               std::string::npos)
         << r.err;
@@ -194,10 +196,17 @@ TEST_F(ScanE2E, NothingCertainExitsZeroWithEmptyStdout)
 {
     m_dir.Write("www/a.php", kSuspicious);
     m_dir.Write("www/b.php", kClean);
+    // A link planted at data/upload is never followed: its target keeps its
+    // mode and gets nothing.
+    const std::string elsewhere = m_dir.MkDir("elsewhere", 0755);
+    ASSERT_EQ(0, TestSupport::RunCommand("rm -rf '" + m_install + "data/upload' && ln -s '" +
+                                         elsewhere + "' '" + m_install + "data/upload'"));
     const Outcome r = Scan({"--rules", m_rules, m_dir.Join("www")});
     EXPECT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(r.out, "");
     EXPECT_NE(r.err.find("0 certain, 1 suspicious"), std::string::npos) << r.err;
+    EXPECT_EQ(ModeOf(elsewhere), 0755u);
+    EXPECT_TRUE(Listing(elsewhere).empty());
 
     const Outcome empty = Scan({"--rules", m_rules, m_dir.MkDir("empty")});
     EXPECT_EQ(empty.code, 0) << empty.err;

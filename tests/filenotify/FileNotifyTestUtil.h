@@ -8,6 +8,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -100,11 +101,9 @@ public:
     }
     size_t CountContaining(const std::string& needle, Poco::Message::Priority atMost)
     {
-        size_t n = 0;
-        for (auto& t : Texts(atMost)) {
-            n += t.find(needle) != std::string::npos ? 1 : 0;
-        }
-        return n;
+        const auto texts = Texts(atMost);
+        return std::count_if(texts.begin(), texts.end(),
+                             [&](const std::string& t) { return t.find(needle) != std::string::npos; });
     }
 
 private:

@@ -364,36 +364,6 @@ TEST(FileNotify, PublishesStatusAndRefusesBadRequests)
     ASSERT_TRUE(WaitPath(h.consumer(), later + "/new.php", 10000));
 }
 
-TEST(FileNotify, ModuleLibraryRegistersTheTask)
-{
-    TestSupport::TestEngine env({"filenotify"});
-    TempDir root("fn-module");
-    Poco::AutoPtr<TestSupport::CaptureTask> consumer(new TestSupport::CaptureTask("fn_mod_consumer"));
-    ASSERT_EQ(0, env.engine().RegisterTask(consumer.get(), nullptr));
-    ASSERT_TRUE(env.engine().LoadModule(TestSupport::StageDir() + "/module/libfilenotify_module.so"));
-    ASSERT_NE(nullptr, env.engine().FindTask("filenotify_task"));
-
-    Engine::_FileNotifyOpt opt;
-    opt.addWatch = 1;
-    opt.extParm = 42;
-    ASSERT_TRUE(env.engine().SendDirectMsg(
-        "filenotify_task",
-        new Engine::FileNotifyWatchMessage(consumer.get(), root.Path(), {0x100, 0x2, 0xC0}, opt)));
-    const std::string file = root.Join("m.php");
-    // The request is handled asynchronously: write until the watch sees it.
-    ASSERT_TRUE(WaitFor([&] {
-        WriteFile(file);
-        return WaitPath(*consumer, file, 200);
-    }));
-    auto notes = NotesOf(*consumer);
-    ASSERT_FALSE(notes.empty());
-    EXPECT_EQ(42ul, notes.front().ext);
-
-    env.engine().UnloadModules();
-    EXPECT_EQ(nullptr, env.engine().FindTask("filenotify_task"));
-    env.engine().UnRegisterTask("fn_mod_consumer");
-}
-
 TEST(FileNotify, ConsumerThatNoLongerExistsIsForgotten)
 {
     Harness h;

@@ -6,6 +6,7 @@
 #include <glob.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <netinet/in.h>
 #include <unistd.h>
 
@@ -16,8 +17,12 @@
 
 #include <gtest/gtest.h>
 
+#include <Poco/Net/ServerSocket.h>
+
 #include "LoopbackHttpServer.h"
+#include "ReportTestUtil.h"
 #include "report/Downloader.h"
+#include "sdk/TimeUtils.h"
 #include "testsupport/TestSupport.h"
 
 namespace {
@@ -26,6 +31,7 @@ using Report::Download;
 using Report::DownloadLimits;
 using Report::DownloadResult;
 using TestSupport::ReadFile;
+using ReportTest::ModeOf;
 using TestSupport::TempDir;
 
 const std::string kOld = "rule old_rules { condition: false }\n";
@@ -69,12 +75,16 @@ int ClosedPort()
 
 }  // namespace
 
-TEST(Download, FileUrlReplacesTheTargetWholeAndKeepsItsMode)
+TEST(Download, FileUrlReplacesTheTargetWholeAndPrivate)
 {
     TempDir dir;
     const std::string body = "rule fresh { strings: $a = \"x\" condition: $a }\n";
     const std::string source = dir.Write("src dir/rules new.yar", body);
     const std::string target = dir.Write("data/webshell.dat", kOld, 0640);
+    // What a crash left beside the target long ago goes with the next download.
+    const std::string leftover = dir.Write("data/.webshell.dat.part.Q1w2E3", "half");
+    struct timeval old[2] = {{1000, 0}, {1000, 0}};
+    ASSERT_EQ(0, utimes(leftover.c_str(), old));
 
     // Spaces in the path travel percent-encoded, as a URL builder writes them.
     Download download("file://" + dir.Join("src%20dir/rules%20new.yar"), target, Limits());
@@ -83,16 +93,15 @@ TEST(Download, FileUrlReplacesTheTargetWholeAndKeepsItsMode)
     EXPECT_EQ(r.bytes, body.size());
     EXPECT_EQ(ReadFile(target), body);
     EXPECT_TRUE(Leftovers(target).empty());
-    struct stat st;
-    ASSERT_EQ(stat(target.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0640u);
+    EXPECT_EQ(ModeOf(target), 0600u);  // whatever the source's mode was
     (void)source;
 
-    // A target directory that does not exist yet is created.
+    // A target directory that does not exist yet is created private.
     const std::string fresh = dir.Join("new/sub/webshell.dat");
     const DownloadResult r2 = Download("file://" + dir.Join("data/webshell.dat"), fresh, Limits()).Run();
     ASSERT_TRUE(r2.ok) << r2.error;
     EXPECT_EQ(ReadFile(fresh), body);
+    EXPECT_EQ(ModeOf(dir.Join("new/sub")), 0700u);
 }
 
 TEST(Download, FileUrlFailuresKeepTheOldTarget)
@@ -180,6 +189,27 @@ TEST(Download, HttpFailuresKeepTheOldTargetAndLeaveNoPart)
         EXPECT_NE(r.error.find(c.expected), std::string::npos) << c.url << ": " << r.error;
         EXPECT_EQ(ReadFile(target), kOld) << c.url;
         EXPECT_TRUE(Leftovers(target).empty()) << c.url;
+    }
+}
+
+TEST(Download, TheWholeTransferEndsByItsDeadlineWhateverThePeerDoes)
+{
+    TempDir dir;
+    const std::string target = dir.Write("webshell.dat", kOld);
+    // A peer that takes connections and never says a word: a TLS client
+    // waits for the server's hello, a plain one for the response.
+    Poco::Net::ServerSocket silent(Poco::Net::SocketAddress("127.0.0.1", 0));
+    const std::string hostPort = "127.0.0.1:" + std::to_string(silent.address().port());
+    for (const std::string& scheme : {std::string("http"), std::string("https")}) {
+        const int64_t start = SDK::TimeUtils::GetCurrentSystemTickUsed();
+        const DownloadResult r = Download(scheme + "://" + hostPort + "/rules", target, Limits(1024, 1)).Run();
+        const int64_t took = SDK::TimeUtils::GetCurrentSystemTickUsed() - start;
+        EXPECT_FALSE(r.ok) << scheme;
+        EXPECT_NE(r.error.find("timed out after 1 s"), std::string::npos) << scheme << ": " << r.error;
+        // Well short of twice the limit, with slack for a loaded machine.
+        EXPECT_LT(took, 1900) << scheme;
+        EXPECT_EQ(ReadFile(target), kOld);
+        EXPECT_TRUE(Leftovers(target).empty());
     }
 }
 

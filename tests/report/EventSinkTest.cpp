@@ -2,21 +2,14 @@
 // once, rotation, a full disk, a file removed or renamed under it, a missing
 // directory, and a line cut short by an earlier failure.
 
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
-#include <Poco/Logger.h>
-#include <Poco/Message.h>
 #include <gtest/gtest.h>
-#include <json/json.h>
 
+#include "ReportTestUtil.h"
 #include "report/EventSink.h"
 #include "testsupport/TestSupport.h"
 
@@ -24,48 +17,10 @@ namespace {
 
 using Report::EventSink;
 using Report::EventSinkOptions;
+using ReportTest::Parse;
 using TestSupport::ReadFile;
 using TestSupport::ReadLines;
 using TestSupport::TempDir;
-
-class CaptureChannel : public Poco::Channel {
-public:
-    void log(const Poco::Message& msg) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_texts.push_back(msg.getText());
-    }
-    std::vector<std::string> Texts()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_texts;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::vector<std::string> m_texts;
-};
-
-Poco::Logger* CaptureLogger(Poco::AutoPtr<CaptureChannel>& channel)
-{
-    channel = new CaptureChannel;
-    Poco::Logger& logger = Poco::Logger::get("report_sink_test");
-    logger.setChannel(channel);
-    logger.setLevel(Poco::Message::PRIO_TRACE);
-    return &logger;
-}
-
-Json::Value Parse(const std::string& line)
-{
-    Json::CharReaderBuilder builder;
-    builder["strictRoot"] = true;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value value;
-    std::string errors;
-    EXPECT_TRUE(reader->parse(line.data(), line.data() + line.size(), &value, &errors))
-        << "not JSON: " << line << " (" << errors << ")";
-    return value;
-}
 
 std::string Event(int n, size_t pad = 0)
 {
@@ -108,9 +63,7 @@ TEST(EventSink, OneJsonLinePerEventVisibleAtOnce)
     EXPECT_EQ(sink.Stats().bytes, text.size());
     EXPECT_TRUE(sink.Stats().healthy);
 
-    struct stat st;
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0640u);
+    EXPECT_EQ(ReportTest::ModeOf(path), 0640u);
 }
 
 TEST(EventSink, RotatesBySizeAndKeepsNumberedArchives)
@@ -149,11 +102,10 @@ TEST(EventSink, RotatesBySizeAndKeepsNumberedArchives)
 
 TEST(EventSink, FullDiskIsReportedHeldAndBounded)
 {
-    Poco::AutoPtr<CaptureChannel> channel;
-    Poco::Logger* logger = CaptureLogger(channel);
+    ReportTest::LogCapture log("report_sink_test");
     EventSinkOptions options = FileSink("/dev/full");
     options.maxHeld = 3;
-    EventSink sink(options, logger);
+    EventSink sink(options, &Poco::Logger::get("report_sink_test"));
 
     for (int i = 0; i < 5; ++i) {
         EXPECT_FALSE(sink.Write(Event(i)));
@@ -169,7 +121,7 @@ TEST(EventSink, FullDiskIsReportedHeldAndBounded)
 
     // One error line for the operator, naming the sink and the reason, not
     // one per event.
-    const auto texts = channel->Texts();
+    const auto texts = log.Texts();
     ASSERT_EQ(texts.size(), 1u);
     EXPECT_NE(texts[0].find("/dev/full"), std::string::npos);
     EXPECT_NE(texts[0].find("space"), std::string::npos);
@@ -177,11 +129,10 @@ TEST(EventSink, FullDiskIsReportedHeldAndBounded)
 
 TEST(EventSink, MissingDirectoryThenRecoveryWritesHeldEventsInOrder)
 {
-    Poco::AutoPtr<CaptureChannel> channel;
-    Poco::Logger* logger = CaptureLogger(channel);
+    ReportTest::LogCapture log("report_sink_test");
     TempDir dir;
     const std::string path = dir.Join("later/events.jsonl");
-    EventSink sink(FileSink(path), logger);
+    EventSink sink(FileSink(path), &Poco::Logger::get("report_sink_test"));
 
     EXPECT_FALSE(sink.Write(Event(1)));
     EXPECT_FALSE(sink.Write(Event(2)));
@@ -197,7 +148,7 @@ TEST(EventSink, MissingDirectoryThenRecoveryWritesHeldEventsInOrder)
         EXPECT_EQ(Parse(lines[i])["n"].asInt(), i + 1);
     }
     EXPECT_TRUE(sink.Stats().healthy);
-    const auto texts = channel->Texts();
+    const auto texts = log.Texts();
     ASSERT_EQ(texts.size(), 2u);  // the failure, then the recovery
     EXPECT_NE(texts[0].find(path), std::string::npos);
     EXPECT_NE(texts[1].find("writable again"), std::string::npos);

@@ -3,6 +3,7 @@
 // download hangs; and the real libreport_module.so loaded by the engine.
 
 #include <sys/stat.h>
+#include <sys/time.h>
 
 #include <fstream>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <json/json.h>
 
 #include "LoopbackHttpServer.h"
+#include "ReportTestUtil.h"
 #include "framework/Message.h"
 #include "framework/StatusBoard.h"
 #include "report/DataCommReportTask.h"
@@ -36,16 +38,6 @@ using TestSupport::TestEngine;
 using TestSupport::WaitFor;
 
 const std::string kOld = "old rules\n";
-
-Json::Value ParseLine(const std::string& line)
-{
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value value;
-    std::string errors;
-    EXPECT_TRUE(reader->parse(line.data(), line.data() + line.size(), &value, &errors)) << line;
-    return value;
-}
 
 uint64_t Figure(const char* key, const char* member)
 {
@@ -123,8 +115,8 @@ TEST(DataCommReportTask, WritesEveryEventAsAJsonLineIncludingThoseQueuedAtStop)
     ASSERT_TRUE(WaitFor([&] { return Figure(DataCommReportTask::kStatusKey, "received") == 2; }));
     auto lines = ReadLines(sink);
     ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(ParseLine(lines[0])["event_id"].asString(), "a");
-    const Json::Value wrapped = ParseLine(lines[1]);
+    EXPECT_EQ(ReportTest::Parse(lines[0])["event_id"].asString(), "a");
+    const Json::Value wrapped = ReportTest::Parse(lines[1]);
     EXPECT_EQ(wrapped["data_type"].asString(), "2");
     EXPECT_EQ(wrapped["invalid_content"].asString(), "broken {\n\"x");
     EXPECT_EQ(StatusBoard::Get(DataCommReportTask::kStatusKey)["sink"].asString(), sink);
@@ -137,7 +129,7 @@ TEST(DataCommReportTask, WritesEveryEventAsAJsonLineIncludingThoseQueuedAtStop)
     EXPECT_EQ(task.Stop(), 1);
     lines = ReadLines(sink);
     ASSERT_EQ(lines.size(), 202u);
-    EXPECT_EQ(ParseLine(lines.back())["i"].asInt(), 199);
+    EXPECT_EQ(ReportTest::Parse(lines.back())["i"].asInt(), 199);
     EXPECT_EQ(Figure(DataCommReportTask::kStatusKey, "written"), 202u);
 }
 
@@ -170,6 +162,23 @@ TEST(FileCommReportTask, DownloadsAndReportsStateOnTheStatusBoard)
                                new FileMessage(FileMessage::DOWNLOAD, target, "", server.Url("/ok/rules")));
     ASSERT_TRUE(WaitFor([&] { return DownloadStatus(target)["state"].asString() == "done"; }));
     EXPECT_EQ(ReadFile(target), "new rules\n");
+
+    // Installed only with the digest the request names: a file:// URL that
+    // names a secret does not become a readable copy of it.
+    const std::string secret = src.Write("shadow", "root:$6$hash:19000::::::\n", 0600);
+    const std::string zeros(64, '0');
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::DOWNLOAD, target, zeros, "file://" + secret));
+    ASSERT_TRUE(WaitFor([&] { return DownloadStatus(target)["state"].asString() == "failed"; }));
+    EXPECT_NE(DownloadStatus(target)["error"].asString().find("not the expected " + zeros),
+              std::string::npos);
+    EXPECT_EQ(ReadFile(target), "new rules\n");
+    env.engine().SendDirectMsg("file_comm_report_task",
+                               new FileMessage(FileMessage::DOWNLOAD, target,
+                                               TestSupport::Sha256Sum(local), "file://" + local));
+    ASSERT_TRUE(WaitFor([&] { return DownloadStatus(target)["state"].asString() == "done"; }));
+    EXPECT_EQ(ReadFile(target), "local rules\n");
+    EXPECT_EQ(ReportTest::ModeOf(target), 0600u);
 
     // Only inside the installation directory.
     const std::string outside = src.Join("elsewhere.dat");
@@ -245,48 +254,46 @@ TEST(FileCommReportTask, StopsPromptlyWhileADownloadHangs)
     EXPECT_EQ(DownloadStatus(target)["state"].asString(), "failed");
 }
 
-TEST(FileCommReportTask, KeepsUploadsAndCountsThem)
+TEST(FileCommReportTask, KeepsUploadsCountsThemAndLogsFailuresOnceAMinute)
 {
     TestEngine env;
+    // Copies a crash interrupted are removed at start; one being made now is not.
+    const std::string uploads = env.InstallDir() + "data/upload";
+    const std::string stale = env.Dir().Write("install/data/upload/.incoming.AbC123", "half");
+    const std::string current = env.Dir().Write("install/data/upload/.incoming.XyZ789", "half");
+    struct timeval old[2] = {{1000, 0}, {1000, 0}};
+    ASSERT_EQ(0, utimes(stale.c_str(), old));
+    ReportTest::LogCapture log("report_module");
     Registered task(env.engine(), new FileCommReportTask(Config(env)), FileCommReportTask::kUploadsKey);
+    EXPECT_FALSE(TestSupport::FileExists(stale));
+    EXPECT_TRUE(TestSupport::FileExists(current));
+
     TempDir www;
     const std::string shell = www.Write("site/shell.php", "<?php exit; /* passthru($_GET[c]) */\n");
-    const std::string fifo = www.Fifo("site/fifo.php");
-
-    env.engine().SendDirectMsg("file_comm_report_task",
-                               new FileMessage(FileMessage::UPLOAD, fifo, "webshell", ""));
-    env.engine().SendDirectMsg("file_comm_report_task",
-                               new FileMessage(FileMessage::UPLOAD, shell, "webshell", ""));
+    for (const std::string& path : {www.Fifo("site/fifo.php"), shell}) {
+        env.engine().SendDirectMsg("file_comm_report_task",
+                                   new FileMessage(FileMessage::UPLOAD, path, "webshell", ""));
+    }
     ASSERT_TRUE(WaitFor([&] { return Figure(FileCommReportTask::kUploadsKey, "received") == 2; }));
     EXPECT_EQ(Figure(FileCommReportTask::kUploadsKey, "stored"), 1u);
     EXPECT_EQ(Figure(FileCommReportTask::kUploadsKey, "refused"), 1u);
-    const std::string kept = env.InstallDir() + "data/upload/" + TestSupport::Sha256Sum(shell);
-    EXPECT_EQ(ReadFile(kept), ReadFile(shell));
-    EXPECT_EQ(StatusBoard::Get(FileCommReportTask::kUploadsKey)["dir"].asString(),
-              env.InstallDir() + "data/upload");
-}
+    EXPECT_EQ(ReadFile(uploads + "/" + TestSupport::Sha256Sum(shell)), ReadFile(shell));
 
-TEST(ReportModule, LoadsThroughTheEngineAndServesBothTasks)
-{
-    TestEngine env({"report"});
-    const std::string sink = env.InstallDir() + "log/module-events.jsonl";
-    env.engine().config().setString("agent.events", sink);
-    ASSERT_TRUE(env.engine().LoadModule(env.InstallDir() + "module/libreport_module.so"));
-    ASSERT_NE(env.engine().FindTask("data_comm_report_task"), nullptr);
-    ASSERT_NE(env.engine().FindTask("file_comm_report_task"), nullptr);
-
-    TempDir src;
-    const std::string local = src.Write("rules.yar", "module rules\n");
-    const std::string target = env.InstallDir() + "data/webshell/webshell.dat";
-    env.engine().SendDirectMsg("data_comm_report_task", new DataMessage("2", "{\"via\":\"module\"}"));
-    env.engine().SendDirectMsg("file_comm_report_task",
-                               new FileMessage(FileMessage::DOWNLOAD, target, "", "file://" + local));
-    ASSERT_TRUE(WaitFor([&] { return ReadLines(sink).size() == 1; }));
-    EXPECT_EQ(ParseLine(ReadLines(sink)[0])["via"].asString(), "module");
-    ASSERT_TRUE(WaitFor([&] { return DownloadStatus(target)["state"].asString() == "done"; }));
-    EXPECT_EQ(ReadFile(target), "module rules\n");
-
-    env.engine().UnloadModules();
-    EXPECT_EQ(env.engine().FindTask("data_comm_report_task"), nullptr);
-    EXPECT_EQ(env.engine().FindTask("file_comm_report_task"), nullptr);
+    // The directory replaced by a file: every upload of a pass fails, and the
+    // operator reads one error, not one per file.
+    ASSERT_EQ(0, TestSupport::RunCommand("rm -rf '" + uploads + "' && touch '" + uploads + "'"));
+    for (int i = 0; i < 20; ++i) {
+        env.engine().SendDirectMsg(
+            "file_comm_report_task",
+            new FileMessage(FileMessage::UPLOAD, www.Write("site/s" + std::to_string(i) + ".php", "x"),
+                            "webshell", ""));
+    }
+    ASSERT_TRUE(WaitFor([&] { return Figure(FileCommReportTask::kUploadsKey, "received") == 22; }));
+    EXPECT_EQ(Figure(FileCommReportTask::kUploadsKey, "failed"), 20u);
+    EXPECT_EQ(log.Texts("the file was not kept").size(), 1u);
+    // The rest are counted in one line when the task stops.
+    EXPECT_EQ(task.Stop(), 1);
+    const auto summary = log.Texts("19 more uploads failed");
+    ASSERT_EQ(summary.size(), 1u);
+    EXPECT_NE(summary[0].find("s19.php"), std::string::npos) << summary[0];
 }

@@ -1,16 +1,15 @@
 // Kept uploads: named by the SHA-256 that sha256sum prints, mode 0600 in a
-// 0700 directory, a sidecar that tells where the file came from, and a
-// refusal, without blocking, of anything that is not a regular file.
+// 0700 directory, a sidecar that tells where the file came from, a refusal,
+// without blocking, of anything that is not a regular file, and never a
+// write through a link.
 
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sys/time.h>
 
-#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
-#include <json/json.h>
 
+#include "ReportTestUtil.h"
 #include "report/UploadStore.h"
 #include "sdk/TimeUtils.h"
 #include "testsupport/TestSupport.h"
@@ -20,33 +19,24 @@ namespace {
 using Report::UploadOptions;
 using Report::UploadResult;
 using Report::UploadStore;
+using ReportTest::ModeOf;
+using ReportTest::Parse;
 using TestSupport::ReadFile;
 using TestSupport::TempDir;
-
-mode_t ModeOf(const std::string& path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
-
-Json::Value ParseFile(const std::string& path)
-{
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    const std::string text = ReadFile(path);
-    Json::Value value;
-    std::string errors;
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors))
-        << path << ": " << errors;
-    return value;
-}
 
 UploadStore Store(const std::string& dir, uint64_t maxBytes = 1024 * 1024)
 {
     UploadOptions options;
     options.dir = dir;
     options.maxBytes = maxBytes;
-    return UploadStore(options, nullptr);
+    return UploadStore(options);
+}
+
+std::string Listing(const std::string& dir)
+{
+    std::string listing;
+    TestSupport::RunCommand("ls -A '" + dir + "'", &listing);
+    return listing;
 }
 
 }  // namespace
@@ -54,63 +44,43 @@ UploadStore Store(const std::string& dir, uint64_t maxBytes = 1024 * 1024)
 TEST(UploadStore, KeepsAPrivateCopyUnderItsSha256WithASidecar)
 {
     TempDir dir;
-    // The directory exists with a loose mode, as a build tree creates it.
-    const std::string uploads = dir.MkDir("data/upload", 0755);
-    const std::string source =
-        dir.Write("www/shell one.php", "<?php exit; /* eval($_POST[x]) */ ?>\n", 0755);
-    UploadStore store = Store(uploads);
+    // Loose, as a build tree creates it; and missing, parents and all.
+    for (const std::string& uploads : {dir.MkDir("data/upload", 0755), dir.Join("new/data/upload")}) {
+        SCOPED_TRACE(uploads);
+        const std::string source =
+            dir.Write("www/shell one.php", "<?php exit; /* eval($_POST[x]) */ ?>\n", 0755);
+        UploadStore store = Store(uploads);
 
-    const int64_t before = SDK::TimeUtils::GetCurrentTimestampS();
-    const UploadResult r = store.Store(source, "webshell");
-    ASSERT_EQ(r.outcome, UploadResult::STORED) << r.error;
-    const std::string sha = TestSupport::Sha256Sum(source);
-    EXPECT_EQ(r.sha256, sha);
-    EXPECT_EQ(r.storedPath, uploads + "/" + sha);
-    EXPECT_EQ(ReadFile(r.storedPath), ReadFile(source));
-    EXPECT_EQ(ModeOf(r.storedPath), 0600u);  // the source was 0755: never executable here
-    EXPECT_EQ(ModeOf(uploads), 0700u);
-    EXPECT_EQ(ModeOf(r.storedPath + ".json"), 0600u);
+        const int64_t before = SDK::TimeUtils::GetCurrentTimestampS();
+        const UploadResult r = store.Store(source, "webshell");
+        ASSERT_EQ(r.outcome, UploadResult::STORED) << r.error;
+        const std::string sha = TestSupport::Sha256Sum(source);
+        EXPECT_EQ(r.storedPath, uploads + "/" + sha);
+        EXPECT_EQ(ReadFile(r.storedPath), ReadFile(source));
+        EXPECT_EQ(ModeOf(r.storedPath), 0600u);  // the source was 0755: never executable here
+        EXPECT_EQ(ModeOf(uploads), 0700u);
+        EXPECT_EQ(ModeOf(r.storedPath + ".json"), 0600u);
 
-    const Json::Value side = ParseFile(r.storedPath + ".json");
-    EXPECT_EQ(side["path"].asString(), source);
-    EXPECT_EQ(side["size"].asUInt64(), ReadFile(source).size());
-    EXPECT_EQ(side["kind"].asString(), "webshell");
-    EXPECT_EQ(side["sha256"].asString(), sha);
-    EXPECT_GE(side["time"].asInt64(), before);
-    EXPECT_LE(side["time"].asInt64(), SDK::TimeUtils::GetCurrentTimestampS());
+        const Json::Value side = Parse(ReadFile(r.storedPath + ".json"));
+        EXPECT_EQ(side["path"].asString(), source);
+        EXPECT_EQ(side["size"].asUInt64(), ReadFile(source).size());
+        EXPECT_EQ(side["kind"].asString(), "webshell");
+        EXPECT_EQ(side["sha256"].asString(), sha);
+        EXPECT_GE(side["time"].asInt64(), before);
 
-    // Same content from elsewhere: one copy, the first sidecar stays.
-    const std::string twin = dir.Write("www/copy.php", ReadFile(source));
-    const UploadResult again = store.Store(twin, "webshell");
-    EXPECT_EQ(again.outcome, UploadResult::DUPLICATE);
-    EXPECT_EQ(again.sha256, sha);
-    EXPECT_EQ(ParseFile(r.storedPath + ".json")["path"].asString(), source);
-
-    // Only the copy, its sidecar and nothing temporary are in the directory.
-    std::string listing;
-    TestSupport::RunCommand("ls -A '" + uploads + "'", &listing);
-    EXPECT_EQ(listing, sha + "\n" + sha + ".json\n");
+        // Same content from elsewhere: one copy, the first sidecar stays.
+        const UploadResult again = store.Store(dir.Write("www/copy.php", ReadFile(source)), "webshell");
+        EXPECT_EQ(again.outcome, UploadResult::DUPLICATE);
+        EXPECT_EQ(Parse(ReadFile(r.storedPath + ".json"))["path"].asString(), source);
+        EXPECT_EQ(Listing(uploads), sha + "\n" + sha + ".json\n");
+    }
 }
 
-TEST(UploadStore, CreatesAMissingDirectoryPrivate)
-{
-    TempDir dir;
-    const std::string uploads = dir.Join("install/data/upload");
-    UploadStore store = Store(uploads);
-    const UploadResult r = store.Store(dir.Write("a.php", "x"), "webshell");
-    ASSERT_EQ(r.outcome, UploadResult::STORED) << r.error;
-    EXPECT_EQ(ModeOf(uploads), 0700u);
-}
-
-TEST(UploadStore, RefusesWhatItMustNotKeep)
+TEST(UploadStore, RefusesWhatItMustNotKeepAndNeverWritesThroughALink)
 {
     TempDir dir;
     const std::string uploads = dir.MkDir("upload", 0700);
     UploadStore store = Store(uploads, 16);
-    const std::string fifo = dir.Fifo("www/pipe.php");  // no writer: a blocking open would hang
-    const std::string socket = dir.Socket("www/sock.php");
-    const std::string subdir = dir.MkDir("www/dir.php");
-    const std::string big = dir.Write("www/big.php", std::string(17, 'b'));
     const std::string fine = dir.Write("www/fine.php", "fine");
 
     struct Case {
@@ -120,10 +90,12 @@ TEST(UploadStore, RefusesWhatItMustNotKeep)
         std::string expected;
     };
     const Case cases[] = {
-        {fifo, "webshell", UploadResult::REFUSED, "not a regular file"},
-        {socket, "webshell", UploadResult::REFUSED, "not a regular file"},
-        {subdir, "webshell", UploadResult::REFUSED, "not a regular file"},
-        {big, "webshell", UploadResult::REFUSED, "larger than the cap"},
+        // No writer: a blocking open would hang.
+        {dir.Fifo("www/pipe.php"), "webshell", UploadResult::REFUSED, "not a regular file"},
+        {dir.Socket("www/sock.php"), "webshell", UploadResult::REFUSED, "not a regular file"},
+        {dir.MkDir("www/dir.php"), "webshell", UploadResult::REFUSED, "not a regular file"},
+        {dir.Write("www/big.php", std::string(17, 'b')), "webshell", UploadResult::REFUSED,
+         "larger than the cap"},
         {fine, "core_dump", UploadResult::REFUSED, "unsupported upload kind"},
         {dir.Join("www/gone.php"), "webshell", UploadResult::FAILED, "No such file"},
     };
@@ -132,22 +104,15 @@ TEST(UploadStore, RefusesWhatItMustNotKeep)
         EXPECT_EQ(r.outcome, c.outcome) << c.path << ": " << r.error;
         EXPECT_NE(r.error.find(c.expected), std::string::npos) << c.path << ": " << r.error;
     }
-    std::string listing;
-    TestSupport::RunCommand("ls -A '" + uploads + "'", &listing);
-    EXPECT_EQ(listing, "");
-}
+    EXPECT_EQ(Listing(uploads), "");
 
-TEST(UploadStore, NeverWritesThroughALinkInPlaceOfTheDirectory)
-{
-    TempDir dir;
+    // A link planted in place of the directory: nothing written behind it,
+    // and its target keeps its mode.
     const std::string elsewhere = dir.MkDir("elsewhere", 0755);
-    const std::string uploads = dir.Symlink(elsewhere, "upload");
-    UploadStore store = Store(uploads);
-    const UploadResult r = store.Store(dir.Write("a.php", "x"), "webshell");
+    UploadStore linked = Store(dir.Symlink(elsewhere, "linked"));
+    const UploadResult r = linked.Store(fine, "webshell");
     EXPECT_EQ(r.outcome, UploadResult::FAILED);
     EXPECT_NE(r.error.find("not a directory"), std::string::npos) << r.error;
-    std::string listing;
-    TestSupport::RunCommand("ls -A '" + elsewhere + "'", &listing);
-    EXPECT_EQ(listing, "");
+    EXPECT_EQ(Listing(elsewhere), "");
     EXPECT_EQ(ModeOf(elsewhere), 0755u);
 }

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -278,22 +279,15 @@ void RunStress(int producers, int consumers, bool singleProducer, bool singleCon
     EXPECT_EQ(0u, q.Size());
 }
 
-TEST(LocklessQueue, ManyProducersManyConsumers)
+TEST(LocklessQueue, StressEveryMixOfProducersAndConsumers)
 {
-    RunStress(4, 3, false, false);
-}
-
-TEST(LocklessQueue, ManyProducersOneConsumer)
-{
-    RunStress(3, 1, false, true);
-}
-
-TEST(LocklessQueue, OneProducerManyConsumers)
-{
-    RunStress(1, 3, true, false);
-}
-
-TEST(LocklessQueue, OneProducerOneConsumer)
-{
-    RunStress(1, 1, true, true);
+    struct Case {
+        int producers;
+        int consumers;
+    };
+    for (const Case& c : {Case{4, 3}, Case{3, 1}, Case{1, 3}, Case{1, 1}}) {
+        SCOPED_TRACE(std::to_string(c.producers) + " producers, " + std::to_string(c.consumers) +
+                     " consumers");
+        RunStress(c.producers, c.consumers, c.producers == 1, c.consumers == 1);
+    }
 }

@@ -142,4 +142,59 @@ TEST(LoggerUtils, FileAndStderrTogetherAndRotation)
     struct stat st {};
     ASSERT_EQ(0, stat(logFile.c_str(), &st));
     EXPECT_LT(st.st_size, 10 * 1024 * 1024);
+    // The file the rotation made is as private as the first one.
+    EXPECT_EQ(0u, st.st_mode & 0137) << std::oct << st.st_mode;
+}
+
+TEST(LoggerUtils, HostileValuesStayOnOneLineWithinALengthCap)
+{
+    // value -> what the log line shows
+    const struct {
+        std::string value;
+        std::string shown;
+    } cases[] = {
+        {"x\nline.php", "x\\x0aline.php"},
+        {"\x1b[31mred\x1b[0m\r\t", "\\x1b[31mred\\x1b[0m\\x0d\\x09"},
+        {std::string("nul\0byte", 8), "nul\\x00byte"},
+        {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x90\x8d", "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x90\x8d"},
+        {"bad\xff\xc3(\xed\xa0\x80", "bad\\xff\\xc3(\\xed\\xa0\\x80"},  // stray, cut short, surrogate
+        {"csi\xc2\x9b" "2J del\x7f", "csi\\xc2\\x9b" "2J del\\x7f"},
+        {"back\\slash \\x0a", "back\\slash \\x0a"},  // already safe text is kept
+    };
+    TempDir dir("ardent-log");
+    const std::string logFile = dir.Join("private/agent.log");
+    const mode_t old = umask(0);  // whatever the umask, the log is not world-readable
+    const bool configured = LoggerUtils::GetInstance()->Configure(logFile, false, "debug");
+    umask(old);
+    ASSERT_TRUE(configured);
+    Poco::Logger* logger = LoggerUtils::GetInstance()->GetModuleLogger("hostile_module", false);
+    for (const auto& c : cases) {
+        SDK_LOG(logger, Poco::Message::PRIO_WARNING, kSource, "Check file failed, path(%s).", c.value);
+        EXPECT_EQ(SDK::LogSafe(c.value), c.shown);
+        EXPECT_EQ(SDK::LogSafe(c.shown), c.shown) << "escaping is idempotent";
+    }
+    // A C string value is escaped too, and "%s" takes it.
+    SDK_LOG(logger, Poco::Message::PRIO_WARNING, kSource, "C string %s", "a\nb");
+    // One huge path at debug level costs a few kilobytes, not the log.
+    SDK_LOG(logger, Poco::Message::PRIO_DEBUG, kSource, "ScanFromDir, path(%s)", std::string(1 << 20, 'd'));
+    // A record made without SDK_LOG is escaped and capped by the channel.
+    logger->warning("direct\x1b]0;title\x07 " + std::string(1 << 20, 'e'));
+
+    const std::vector<std::string> lines = TestSupport::ReadLines(logFile);
+    ASSERT_EQ(std::size(cases) + 3, lines.size()) << TestSupport::ReadFile(logFile).substr(0, 4000);
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        EXPECT_TRUE(Contains(lines[i], "Check file failed, path(" + cases[i].shown + ").")) << lines[i];
+    }
+    EXPECT_TRUE(Contains(lines[7], "C string a\\x0ab")) << lines[7];
+    EXPECT_TRUE(Contains(lines[8], "...(" + std::to_string((1 << 20) - 4096) + " bytes cut))")) << lines[8].substr(0, 200);
+    EXPECT_LT(lines[8].size(), 4096u + 200u);
+    EXPECT_TRUE(Contains(lines[9], "direct\\x1b]0;title\\x07 eee")) << lines[9].substr(0, 200);
+    EXPECT_LT(lines[9].size(), SDK::kMaxLogRecordBytes + 200u);
+    struct stat st {};
+    ASSERT_EQ(0, stat(logFile.c_str(), &st));
+    EXPECT_EQ(0u, st.st_mode & 0137) << std::oct << st.st_mode;
+
+    // A cut never splits a character: a 3-byte euro sign straddling the cap goes whole.
+    const std::string euros = std::string(4095, 'a') + "\xe2\x82\xac";
+    EXPECT_EQ(SDK::LogSafe(euros), std::string(4095, 'a') + "...(3 bytes cut)");
 }

@@ -1,3 +1,4 @@
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -8,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "sdk/RuleCheck.h"
 #include "sdk/YaraUtils.h"
 #include "testsupport/TestSupport.h"
 
@@ -163,6 +165,49 @@ TEST(YaraUtils, BadRuleFilesLeaveNothingLoaded)
     // A compile error names the file and the line.
     EXPECT_FALSE(yara.LoadRuleFromFile(syntax));
     EXPECT_NE(std::string::npos, yara.LastError().find(syntax + ":4")) << yara.LastError();
+}
+
+TEST(YaraUtils, DamagedCompiledLibraryIsCheckedInAChildAndRemembered)
+{
+    TempDir dir("ardent-yara");
+    const std::string compiled = Compile(dir, kRules, "compiled");
+    const std::string original = TestSupport::ReadFile(compiled);
+    const std::string damaged = dir.Join("damaged.yarc");
+    YaraUtils yara(Record);  // initialises libyara for the probes below
+
+    // The first flipped bit that kills a process loading the file with
+    // libyara itself (libyara 4.2 asserts on damaged relocations).
+    int status = 0;
+    for (size_t offset = 4; offset < original.size() && !WIFSIGNALED(status); ++offset) {
+        std::string bytes = original;
+        bytes[offset] ^= 0x01;
+        dir.Write("damaged.yarc", bytes);
+        const pid_t probe = fork();
+        if (probe == 0) {
+            YR_RULES* rules = nullptr;
+            yr_rules_load(damaged.c_str(), &rules);
+            _exit(0);
+        }
+        ASSERT_EQ(probe, waitpid(probe, &status, 0));
+    }
+    ASSERT_TRUE(WIFSIGNALED(status)) << "no flipped bit kills this libyara";
+
+    ASSERT_TRUE(yara.LoadRuleFromFile(compiled)) << yara.LastError();
+    EXPECT_FALSE(yara.LoadRuleFromFile(damaged));
+    EXPECT_FALSE(yara.HasRules());
+    EXPECT_NE(std::string::npos, yara.LastError().find(damaged + " (sha256 ")) << yara.LastError();
+    EXPECT_NE(std::string::npos, yara.LastError().find("signal " + std::to_string(WTERMSIG(status))))
+        << yara.LastError();
+    const std::string marker = SDK::RejectedRulesMarker(damaged, TestSupport::Sha256Sum(damaged));
+    EXPECT_TRUE(TestSupport::FileExists(marker));
+
+    // After a restart (a new object) the file is not tried again; good
+    // libraries, compiled or not, still load.
+    YaraUtils again(Record);
+    EXPECT_FALSE(again.LoadRuleFromFile(damaged));
+    EXPECT_NE(std::string::npos, again.LastError().find("failed its check before")) << again.LastError();
+    EXPECT_TRUE(again.LoadRuleFromFile(compiled)) << again.LastError();
+    EXPECT_TRUE(again.LoadRuleFromFile(dir.Write("source.yar", kRules))) << again.LastError();
 }
 
 TEST(YaraUtils, OnlyRegularFilesAreScanned)

@@ -107,12 +107,23 @@ TEST(WebshellModule, PolicyCreatesRegistersAndRetargetsTasks)
     PolicyDoc bad = doc;
     bad.libHash = "";
     EXPECT_NE(Apply(env, bad.ToJson()), "");
-    EXPECT_TRUE(log.Has("Parse feature(detect_webshell) policy failed.", Poco::Message::PRIO_ERROR)) << log.Dump();
+    EXPECT_TRUE(log.Has("Parse feature(detect_webshell) policy failed: \"lib_version\", \"lib_url\" and "
+                        "\"lib_hash\" are all required.",
+                        Poco::Message::PRIO_ERROR))
+        << log.Dump();
+    // A NUL in a scan path would cut the path short in every system call.
+    bad = doc;
+    bad.customPaths = {std::string("/srv/www\0/etc", 13)};
+    EXPECT_NE(Apply(env, bad.ToJson()), "");
+    EXPECT_TRUE(log.Has("Parse feature(detect_webshell) policy failed: \"customize_scan_paths[0]\" holds the "
+                        "control character \\x00 at byte 8.",
+                        Poco::Message::PRIO_ERROR))
+        << log.Dump();
     EXPECT_EQ(env.engine().FindTask(kFileChange), static_cast<Framework::Task*>(fileChange));
     EXPECT_EQ(fileChange->GetFeaturePolicy(), static_cast<Framework::FeaturePolicy*>(newest));
     EXPECT_EQ(log.Count(onceInit), 3u);
     EXPECT_NE(Apply(env, "[1, 2, 3]"), "");
-    EXPECT_TRUE(log.Has("Parse feature() policy failed.", Poco::Message::PRIO_ERROR));
+    EXPECT_TRUE(log.Has("Parse feature() policy failed: no \"content\" object.", Poco::Message::PRIO_ERROR));
     Json::Value scored = doc.ToJsonValue();
     scored["content"]["certain_min_score"] = "high";
     EXPECT_NE(Apply(env, SDK::JsonUtils::JsonToString(scored)), "");

@@ -244,7 +244,7 @@ TEST(DetectWebshellPolicy, CertainMinScoreIsAnIntegerOrAbsent)
     for (const Json::Value& bad : {Json::Value("75"), Json::Value(75.0), Json::Value(true), Json::Value()}) {
         doc["content"]["certain_min_score"] = bad;
         EXPECT_FALSE(Parses(doc, &policy)) << bad;
-        EXPECT_EQ(policy->GetParseError(), "content.certain_min_score must be an integer");
+        EXPECT_EQ(policy->GetRefusal(), "content.certain_min_score must be an integer");
     }
 }
 
@@ -272,10 +272,10 @@ TEST(DetectWebshellPolicy, DocumentsThatAreNotAnObjectAreRejected)
 
 TEST(DetectWebshellPolicy, ArbitraryBytesInPathsAreKeptExactly)
 {
-    // Raw bytes that are not UTF-8, an escaped control character, quotes,
-    // a tab and a backslash, written into the document text by hand.
-    const std::string raw = std::string("/srv/caf\xc3\xa9/\x80\xff") + '\x01' + " tab\there \"q\" back\\slash/";
-    const std::string inJson = std::string("/srv/caf\xc3\xa9/\x80\xff") + "\\u0001 tab\\there \\\"q\\\" back\\\\slash/";
+    // Raw bytes that are not UTF-8, an escaped character, quotes and a
+    // backslash, written into the document text by hand.
+    const std::string raw = std::string("/srv/caf\xc3\xa9/\x80\xff") + "\xc3\xa9 sp ace \"q\" back\\slash/";
+    const std::string inJson = std::string("/srv/caf\xc3\xa9/\x80\xff") + "\\u00e9 sp ace \\\"q\\\" back\\\\slash/";
     Json::Value doc = ValidDoc();
     doc["content"]["customize_scan_paths"] = Json::Value(Json::arrayValue);
     doc["content"]["customize_scan_paths"].append("PLACEHOLDER");
@@ -290,6 +290,36 @@ TEST(DetectWebshellPolicy, ArbitraryBytesInPathsAreKeptExactly)
     EXPECT_EQ(policy->GetCustomizeScanPathList().front(), raw);
     // With and without the trailing slash are two different paths.
     EXPECT_EQ(policy->GetCustomizeScanPathList().back(), raw.substr(0, raw.size() - 1));
+}
+
+TEST(DetectWebshellPolicy, ControlCharactersInPathValuedKeysAreRefusedNamingTheKey)
+{
+    // (key, index in its list or -1) x control character written as JSON escapes.
+    const struct {
+        const char* key;
+        int index;
+    } keys[] = {{"customize_scan_paths", 1}, {"default_scan_paths", 0}, {"lib_url", -1}, {"file_type", -1}};
+    const char* const escapes[] = {"\\u0000", "\\u0001", "\\n", "\\t", "\\u001b", "\\u007f"};
+    for (const auto& key : keys) {
+        for (const char* escape : escapes) {
+            Json::Value doc = ValidDoc();
+            doc["content"]["customize_scan_paths"].append("/srv/other");
+            Json::Value& slot = key.index < 0 ? doc["content"][key.key] : doc["content"][key.key][key.index];
+            slot = "PLACEHOLDER";
+            std::string text = SDK::JsonUtils::JsonToString(doc);
+            text.replace(text.find("PLACEHOLDER"), 11, std::string("/srv/www") + escape + "/etc");
+            Poco::AutoPtr<Engine::DetectWebshellPolicy> policy(new Engine::DetectWebshellPolicy("x"));
+            EXPECT_FALSE(policy->Parse(text)) << key.key << " " << escape;
+            const std::string named = key.index < 0 ? std::string(key.key)
+                                                    : std::string(key.key) + "[" + std::to_string(key.index) + "]";
+            EXPECT_EQ(policy->GetRefusal().find("\"" + named + "\" holds the control character"), 0u)
+                << policy->GetRefusal();
+            EXPECT_NE(policy->GetRefusal().find("at byte 8"), std::string::npos) << policy->GetRefusal();
+        }
+    }
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy(new Engine::DetectWebshellPolicy("x"));
+    EXPECT_TRUE(policy->Parse(SDK::JsonUtils::JsonToString(ValidDoc())));
+    EXPECT_EQ(policy->GetRefusal(), "");
 }
 
 TEST(DetectWebshellPolicy, HundredThousandScanPathsParseInLinearTime)

@@ -48,9 +48,9 @@ bool ValidName(const std::string& name)
 
 }  // namespace
 
-ApacheConfigParser::ApacheConfigParser(const RootedFs& fs, const std::string& serverRoot,
+ApacheConfigParser::ApacheConfigParser(const SDK::HostRoot& fs, const std::string& serverRoot,
                                        const std::map<std::string, std::string>& environment)
-    : m_fs(fs), m_serverRoot(RootedFs::StripTrailingSlash(serverRoot)), m_environment(environment)
+    : m_fs(fs), m_serverRoot(SDK::HostRoot::StripTrailingSlash(serverRoot)), m_environment(environment)
 {
 }
 
@@ -299,7 +299,7 @@ void ApacheConfigParser::HandleLine(const std::string& raw, const std::string& f
             m_scan.AddIssue(file, lineNo, "ServerRoot takes one argument");
             return;
         }
-        m_serverRoot = RootedFs::StripTrailingSlash(words[1]);
+        m_serverRoot = SDK::HostRoot::StripTrailingSlash(words[1]);
     } else if (name == "include" || name == "includeoptional") {
         if (words.size() != 2) {
             m_scan.AddIssue(file, lineNo, words[0] + " takes one argument");
@@ -330,7 +330,7 @@ void ApacheConfigParser::Report(const std::string& path, const std::string& orig
                         origin + " \"" + path + "\" has no literal directory; not reported");
         return;
     }
-    std::string abs = RootedFs::StripTrailingSlash(RootedFs::Join(m_serverRoot, literal));
+    std::string abs = SDK::HostRoot::StripTrailingSlash(SDK::HostRoot::Join(m_serverRoot, literal));
     m_scan.AddDir(WebDir{abs, origin, file, lineNo});
 }
 
@@ -343,8 +343,8 @@ void ApacheConfigParser::Include(const std::string& pattern, bool optional,
                             pattern + "\" not read");
         return;
     }
-    const std::string abs = RootedFs::Join(m_serverRoot, pattern);
-    if (RootedFs::HasGlob(abs)) {
+    const std::string abs = SDK::HostRoot::Join(m_serverRoot, pattern);
+    if (SDK::HostRoot::HasGlob(abs)) {
         auto matches = m_fs.Glob(abs);
         if (matches.empty() && !optional) {
             m_scan.AddIssue(file, lineNo, "Include \"" + abs + "\" matches no file");
@@ -379,7 +379,7 @@ void ApacheConfigParser::IncludeOne(const std::string& path, bool optional,
         }
         std::string text;
         std::string error;
-        if (!m_fs.ReadFile(f, text, error)) {
+        if (!ReadConfigFile(m_fs, f, text, error)) {
             if (!optional) {
                 m_scan.AddIssue(lineNo == 0 ? f : file, lineNo,
                                 "cannot read configuration file \"" + f + "\": " + error);

@@ -5,8 +5,9 @@
 
 #include "asset/ApacheConfig.h"
 #include "asset/NginxConfig.h"
-#include "asset/RootedFs.h"
 #include "asset/TomcatConfig.h"
+#include "container/RuntimeState.h"
+#include "sdk/HostRoot.h"
 #include "sdk/JsonUtils.h"
 
 namespace Asset {
@@ -96,7 +97,7 @@ bool IsApacheProgram(const std::string& name)
     return name == "apache2" || name == "httpd";
 }
 
-void AddIssues(const ConfigScan& scan, const RootedFs& fs, const char* server, int pid,
+void AddIssues(const ConfigScan& scan, const SDK::HostRoot& fs, const char* server, int pid,
                std::vector<DiscoveryIssue>& issues)
 {
     for (const auto& issue : scan.issues) {
@@ -110,7 +111,7 @@ void AddIssues(const ConfigScan& scan, const RootedFs& fs, const char* server, i
 
 std::shared_ptr<AssetInfo> MakeAsset(const ProcessInfo& p, const char* server,
                                      const std::string& configFile, const ConfigScan& scan,
-                                     const RootedFs& fs)
+                                     const SDK::HostRoot& fs)
 {
     auto asset = std::make_shared<AssetInfo>();
     asset->containerId = p.containerId;
@@ -120,7 +121,7 @@ std::shared_ptr<AssetInfo> MakeAsset(const ProcessInfo& p, const char* server,
     asset->configFile = fs.HostPath(configFile);
     for (const auto& dir : scan.dirs) {
         auto web = std::make_shared<Engine::AssetMessage::webDirInfo>();
-        web->path = RootedFs::StripTrailingSlash(fs.HostPath(dir.path));
+        web->path = SDK::HostRoot::StripTrailingSlash(fs.HostPath(dir.path));
         web->origin = dir.origin;
         web->configFile = fs.HostPath(dir.file);
         web->line = dir.line;
@@ -221,8 +222,8 @@ std::shared_ptr<AssetInfo> AssetDiscovery::DescribeNginx(const ProcessInfo& p,
     if (prefix.empty() || prefix.back() != '/') {
         prefix += '/';
     }
-    conf = conf.empty() ? std::string(kNginxDefaultConf) : RootedFs::Join(prefix, conf);
-    RootedFs fs(table.FsPrefix(p));
+    conf = conf.empty() ? std::string(kNginxDefaultConf) : SDK::HostRoot::Join(prefix, conf);
+    const SDK::HostRoot fs = table.FilesOf(p);
     NginxConfigParser parser(fs, prefix);
     ConfigScan scan = parser.ParseFile(conf);
     AddIssues(scan, fs, "nginx", p.pid, issues);
@@ -233,7 +234,7 @@ std::shared_ptr<AssetInfo> AssetDiscovery::DescribeApache(const ProcessInfo& p,
                                                           const ProcessTable& table,
                                                           std::vector<DiscoveryIssue>& issues)
 {
-    RootedFs fs(table.FsPrefix(p));
+    const SDK::HostRoot fs = table.FilesOf(p);
     const std::string program = ProgramName(p);
     std::string serverRoot;
     std::string conf;
@@ -263,14 +264,14 @@ std::shared_ptr<AssetInfo> AssetDiscovery::DescribeApache(const ProcessInfo& p,
     if (serverRoot.empty()) {
         serverRoot = layout->serverRoot;
     }
-    conf = RootedFs::Join(serverRoot, conf.empty() ? std::string(layout->confFile) : conf);
+    conf = SDK::HostRoot::Join(serverRoot, conf.empty() ? std::string(layout->confFile) : conf);
 
     // Debian's apache2ctl exports envvars before starting the server; the
     // process environment is what the server really saw.
     std::map<std::string, std::string> environment;
     std::string envvars;
     std::string error;
-    if (fs.ReadFile(RootedFs::Join(serverRoot, "envvars"), envvars, error)) {
+    if (ReadConfigFile(fs, SDK::HostRoot::Join(serverRoot, "envvars"), envvars, error)) {
         environment = ApacheConfigParser::ParseEnvVars(envvars);
     }
     for (const auto& kv : table.Environment(p.pid)) {
@@ -300,32 +301,28 @@ std::shared_ptr<AssetInfo> AssetDiscovery::DescribeTomcat(const ProcessInfo& p,
     }
     std::string base = properties.count("catalina.base") != 0 ? properties["catalina.base"]
                                                                 : properties["catalina.home"];
-    RootedFs fs(table.FsPrefix(p));
+    const SDK::HostRoot fs = table.FilesOf(p);
     TomcatConfigParser parser(fs, base, properties);
     ConfigScan scan = parser.Parse();
     AddIssues(scan, fs, "tomcat", p.pid, issues);
-    const std::string conf = RootedFs::StripTrailingSlash(RootedFs::Join("/", base)) + "/conf/server.xml";
+    const std::string conf =
+        SDK::HostRoot::StripTrailingSlash(SDK::HostRoot::Join("/", base)) + "/conf/server.xml";
     return MakeAsset(p, "tomcat", conf, scan, fs);
 }
 
-std::string AssetDiscovery::ContainerName(const std::string& containerId) const
+std::string AssetDiscovery::ContainerName(const std::string& containerId,
+                                          std::string& dockerRoot) const
 {
-    // Docker keeps the name in its own container configuration.
-    RootedFs fs(m_hostRoot);
-    std::string text;
-    std::string error;
-    if (!fs.ReadFile("/var/lib/docker/containers/" + containerId + "/config.v2.json", text, error)) {
-        return "";
+    // Docker keeps the name in its own record; the container service reports
+    // what cannot be read there.
+    std::vector<Container::Problem> ignored;
+    const SDK::HostRoot host(m_hostRoot);
+    if (dockerRoot.empty()) {
+        dockerRoot = Container::DockerDataRoot(host, ignored);
     }
-    Json::Value root;
-    if (SDK::JsonUtils::ParseJsonStr(text, root) != 0) {
-        return "";
-    }
-    std::string name = SDK::JsonUtils::GetStringValue(root, "Name", "");
-    if (!name.empty() && name[0] == '/') {
-        name.erase(0, 1);
-    }
-    return name;
+    Container::DockerState state;
+    Container::ReadDockerState(host, dockerRoot, containerId, state, ignored);
+    return state.name;
 }
 
 DiscoveryResult AssetDiscovery::Discover()
@@ -336,6 +333,7 @@ DiscoveryResult AssetDiscovery::Discover()
     ProcessTable table(m_hostRoot);
     table.Load();
     std::map<std::string, std::string> names;  // container id -> name, one lookup a round
+    std::string dockerRoot;                     // read when a container first needs it
     for (const auto& entry : table.Processes()) {
         const ProcessInfo& p = entry.second;
         const ServerType type = Classify(p, table);
@@ -356,7 +354,7 @@ DiscoveryResult AssetDiscovery::Discover()
         if (!asset->containerId.empty()) {
             auto it = names.find(asset->containerId);
             if (it == names.end()) {
-                it = names.emplace(asset->containerId, ContainerName(asset->containerId)).first;
+                it = names.emplace(asset->containerId, ContainerName(asset->containerId, dockerRoot)).first;
             }
             asset->containerName = it->second;
         }

@@ -117,6 +117,7 @@ int AssetSyncTask::Run()
             next = SDK::TimeUtils::GetCurrentSystemTickUsed() + intervalMs;
         }
     }
+    Framework::StatusBoard::Remove("asset");
     return 0;
 }
 

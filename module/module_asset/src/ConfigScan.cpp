@@ -2,6 +2,14 @@
 
 namespace Asset {
 
+bool ReadConfigFile(const SDK::HostRoot& fs, const std::string& path, std::string& text,
+                    std::string& error)
+{
+    const SDK::ReadResult r = fs.ReadFile(path, kMaxConfigBytes, text);
+    error = r.reason;
+    return r.ok();
+}
+
 void ConfigScan::AddDir(const WebDir& dir)
 {
     for (const auto& d : dirs) {

@@ -81,7 +81,7 @@ bool PassesRequestsOn(const std::vector<Asset::NginxConfigParser::Directive>& ch
 
 }  // namespace
 
-NginxConfigParser::NginxConfigParser(const RootedFs& fs, const std::string& prefix)
+NginxConfigParser::NginxConfigParser(const SDK::HostRoot& fs, const std::string& prefix)
     : m_fs(fs), m_prefix(prefix.empty() ? "/" : prefix)
 {
     if (m_prefix.back() != '/') {
@@ -100,10 +100,10 @@ void NginxConfigParser::Reset(const std::string& confDir)
 
 ConfigScan NginxConfigParser::ParseFile(const std::string& confFile)
 {
-    Reset(RootedFs::DirName(confFile));
+    Reset(SDK::HostRoot::DirName(confFile));
     std::string text;
     std::string error;
-    if (!m_fs.ReadFile(confFile, text, error)) {
+    if (!ReadConfigFile(m_fs, confFile, text, error)) {
         m_scan.AddIssue(confFile, 0, "cannot read the configuration file: " + error);
         return m_scan;
     }
@@ -326,7 +326,7 @@ void NginxConfigParser::ExpandInclude(const Directive& include, std::vector<Dire
                             "; \"" + include.args[0] + "\" not read");
         return;
     }
-    const std::string pattern = RootedFs::Join(m_confDir, include.args[0]);
+    const std::string pattern = SDK::HostRoot::Join(m_confDir, include.args[0]);
     for (const auto& file : m_fs.Glob(pattern)) {
         if (std::find(m_includeStack.begin(), m_includeStack.end(), file) != m_includeStack.end()) {
             m_scan.AddIssue(include.file, include.line,
@@ -341,7 +341,7 @@ void NginxConfigParser::ExpandInclude(const Directive& include, std::vector<Dire
         }
         std::string text;
         std::string error;
-        if (!m_fs.ReadFile(file, text, error)) {
+        if (!ReadConfigFile(m_fs, file, text, error)) {
             m_scan.AddIssue(include.file, include.line,
                             "cannot read included file \"" + file + "\": " + error);
             continue;
@@ -352,7 +352,7 @@ void NginxConfigParser::ExpandInclude(const Directive& include, std::vector<Dire
 
 std::string NginxConfigParser::Absolute(const std::string& path) const
 {
-    return RootedFs::StripTrailingSlash(RootedFs::Join(m_prefix, path));
+    return SDK::HostRoot::StripTrailingSlash(SDK::HostRoot::Join(m_prefix, path));
 }
 
 void NginxConfigParser::Report(const RootRef& root, const std::string& origin)
@@ -367,20 +367,25 @@ void NginxConfigParser::Report(const RootRef& root, const std::string& origin)
     m_scan.AddDir(WebDir{Absolute(literal), origin, root.file, root.line});
 }
 
+NginxConfigParser::RootRef NginxConfigParser::RootOf(const Directive* root, const RootRef& inherited)
+{
+    if (root == nullptr) {
+        return inherited;
+    }
+    if (root->args.size() != 1) {
+        m_scan.AddIssue(root->file, root->line, "invalid number of arguments in \"root\"");
+        return inherited;
+    }
+    return RootRef{true, root->args[0], "root", root->file, root->line};
+}
+
 void NginxConfigParser::Evaluate()
 {
     for (const auto& top : m_tree) {
         if (!top.block || top.name != "http") {
             continue;
         }
-        RootRef httpRoot;
-        if (const Directive* root = FindChild(top.children, "root")) {
-            if (root->args.size() == 1) {
-                httpRoot = RootRef{true, root->args[0], "root", root->file, root->line};
-            } else {
-                m_scan.AddIssue(root->file, root->line, "invalid number of arguments in \"root\"");
-            }
-        }
+        const RootRef httpRoot = RootOf(FindChild(top.children, "root"), RootRef());
         for (const auto& child : top.children) {
             if (child.block && child.name == "server") {
                 EvaluateServer(child, httpRoot);
@@ -391,15 +396,8 @@ void NginxConfigParser::Evaluate()
 
 void NginxConfigParser::EvaluateServer(const Directive& server, const RootRef& inherited)
 {
-    RootRef effective = inherited;
     const Directive* root = FindChild(server.children, "root");
-    if (root != nullptr) {
-        if (root->args.size() == 1) {
-            effective = RootRef{true, root->args[0], "root", root->file, root->line};
-        } else {
-            m_scan.AddIssue(root->file, root->line, "invalid number of arguments in \"root\"");
-        }
-    }
+    const RootRef effective = RootOf(root, inherited);
     bool hasLocations = false;
     for (const auto& child : server.children) {
         hasLocations = hasLocations || (child.block && child.name == "location");

@@ -1,14 +1,7 @@
 #include "asset/ProcessTable.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cctype>
-#include <cerrno>
 #include <cstdlib>
-
-#include "asset/RootedFs.h"
 
 namespace Asset {
 
@@ -17,37 +10,10 @@ namespace {
 constexpr size_t kContainerIdLength = 64;
 constexpr size_t kMaxProcFileBytes = 1u << 20;
 
-// /proc files report no size: read until the end.
-bool ReadProcFile(const std::string& path, std::string& out)
+// A path below /proc.
+std::string ProcFile(int pid, const char* name)
 {
-    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    out.clear();
-    char buf[8192];
-    for (;;) {
-        ssize_t n = ::read(fd, buf, sizeof(buf));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            break;
-        }
-        out.append(buf, static_cast<size_t>(n));
-        if (out.size() > kMaxProcFileBytes) {
-            break;
-        }
-    }
-    ::close(fd);
-    return true;
-}
-
-std::string ReadLink(const std::string& path)
-{
-    char buf[4096];
-    ssize_t n = ::readlink(path.c_str(), buf, sizeof(buf) - 1);
-    return n > 0 ? std::string(buf, static_cast<size_t>(n)) : std::string();
+    return "/" + std::to_string(pid) + "/" + name;
 }
 
 bool IsHexId(const std::string& text)
@@ -66,11 +32,13 @@ bool IsHexId(const std::string& text)
 }  // namespace
 
 ProcessTable::ProcessTable(const std::string& hostRoot)
-    : m_hostRoot(RootedFs::StripTrailingSlash(hostRoot))
+    : m_root(hostRoot), m_proc(m_root.Below("/proc"))
 {
-    if (m_hostRoot == "/") {
-        m_hostRoot.clear();
-    }
+}
+
+bool ProcessTable::ReadProcFile(int pid, const char* name, std::string& out) const
+{
+    return m_proc.ReadFile(ProcFile(pid, name), kMaxProcFileBytes, out).ok();
 }
 
 std::vector<std::string> ProcessTable::SplitCmdline(const std::string& raw)
@@ -145,24 +113,21 @@ void ProcessTable::Load()
     m_processes.clear();
     std::string text;
     m_hostCgroupId.clear();
-    if (ReadProcFile(m_hostRoot + "/proc/1/cgroup", text)) {
+    if (ReadProcFile(1, "cgroup", text)) {
         m_hostCgroupId = ContainerIdFromCgroup(text);
     }
-    m_hostMountNs = ReadLink(m_hostRoot + "/proc/1/ns/mnt");
-    if (m_hostMountNs.empty() && m_hostRoot.empty()) {
+    m_hostMountNs = m_proc.ReadLink(ProcFile(1, "ns/mnt"));
+    if (m_hostMountNs.empty() && m_root.Prefix().empty()) {
         // pid 1 may be out of reach (hardened /proc); our own namespace is
         // the host's when the agent runs on the host.
-        m_hostMountNs = ReadLink("/proc/self/ns/mnt");
+        m_hostMountNs = m_proc.ReadLink("/self/ns/mnt");
     }
-    const std::string procDir = m_hostRoot + "/proc";
-    DIR* dir = ::opendir(procDir.c_str());
-    if (dir == nullptr) {
-        return;
-    }
-    while (struct dirent* entry = ::readdir(dir)) {
+    std::vector<SDK::DirEntry> entries;
+    m_proc.ListDir("/", entries);
+    for (const auto& entry : entries) {
         char* end = nullptr;
-        long pid = std::strtol(entry->d_name, &end, 10);
-        if (end == entry->d_name || *end != '\0' || pid <= 0) {
+        const long pid = std::strtol(entry.name.c_str(), &end, 10);
+        if (entry.type != SDK::DirEntry::Type::Dir || *end != '\0' || pid <= 0) {
             continue;
         }
         ProcessInfo info;
@@ -170,14 +135,12 @@ void ProcessTable::Load()
             m_processes.emplace(info.pid, std::move(info));
         }
     }
-    ::closedir(dir);
 }
 
 bool ProcessTable::ReadProcess(int pid, ProcessInfo& out) const
 {
-    const std::string base = m_hostRoot + "/proc/" + std::to_string(pid);
     std::string stat;
-    if (!ReadProcFile(base + "/stat", stat)) {
+    if (!ReadProcFile(pid, "stat", stat)) {
         return false;
     }
     // "pid (comm) state ppid ...": the name may hold spaces and parentheses.
@@ -198,15 +161,15 @@ bool ProcessTable::ReadProcess(int pid, ProcessInfo& out) const
         return false;
     }
     std::string cmdline;
-    if (ReadProcFile(base + "/cmdline", cmdline)) {
+    if (ReadProcFile(pid, "cmdline", cmdline)) {
         out.argv = SplitCmdline(cmdline);
     }
     if (out.argv.empty()) {
         return false;
     }
-    out.exe = ReadLink(base + "/exe");
+    out.exe = m_proc.ReadLink(ProcFile(pid, "exe"));
     std::string cgroup;
-    ReadProcFile(base + "/cgroup", cgroup);
+    ReadProcFile(pid, "cgroup", cgroup);
     out.containerId = ContainerOf(pid, cgroup);
     return true;
 }
@@ -219,9 +182,8 @@ std::string ProcessTable::ContainerOf(int pid, const std::string& cgroupText) co
     }
     // No runtime named in the cgroup: a process with a mount namespace of
     // its own and another root is still a container (or a chroot jail).
-    const std::string base = m_hostRoot + "/proc/" + std::to_string(pid);
-    const std::string ns = ReadLink(base + "/ns/mnt");
-    const std::string root = ReadLink(base + "/root");
+    const std::string ns = m_proc.ReadLink(ProcFile(pid, "ns/mnt"));
+    const std::string root = m_proc.ReadLink(ProcFile(pid, "root"));
     if (!ns.empty() && !m_hostMountNs.empty() && ns != m_hostMountNs && !root.empty() &&
         root != "/") {
         std::string digits;
@@ -245,7 +207,7 @@ std::map<std::string, std::string> ProcessTable::Environment(int pid) const
 {
     std::map<std::string, std::string> out;
     std::string raw;
-    if (!ReadProcFile(m_hostRoot + "/proc/" + std::to_string(pid) + "/environ", raw)) {
+    if (!ReadProcFile(pid, "environ", raw)) {
         return out;
     }
     for (const auto& entry : SplitCmdline(raw)) {
@@ -257,12 +219,9 @@ std::map<std::string, std::string> ProcessTable::Environment(int pid) const
     return out;
 }
 
-std::string ProcessTable::FsPrefix(const ProcessInfo& process) const
+SDK::HostRoot ProcessTable::FilesOf(const ProcessInfo& process) const
 {
-    if (process.containerId.empty()) {
-        return m_hostRoot;
-    }
-    return m_hostRoot + "/proc/" + std::to_string(process.pid) + "/root";
+    return process.containerId.empty() ? m_root : m_proc.Below(ProcFile(process.pid, "root"));
 }
 
 }  // namespace Asset

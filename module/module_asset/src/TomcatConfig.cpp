@@ -52,8 +52,8 @@ public:
             host.engine = m_engine.empty() ? kDefaultEngine : m_engine;
             host.name = Attr(attributes, "name");
             std::string appBase = Attr(attributes, "appBase");
-            host.appBase = RootedFs::StripTrailingSlash(
-                RootedFs::Join(m_parser.m_base, appBase.empty() ? kDefaultAppBase : appBase));
+            host.appBase = SDK::HostRoot::StripTrailingSlash(
+                SDK::HostRoot::Join(m_parser.m_base, appBase.empty() ? kDefaultAppBase : appBase));
             host.xmlBase = Attr(attributes, "xmlBase");
             host.file = m_file;
             host.line = line;
@@ -112,9 +112,9 @@ private:
     int m_currentHost = -1;
 };
 
-TomcatConfigParser::TomcatConfigParser(const RootedFs& fs, const std::string& catalinaBase,
+TomcatConfigParser::TomcatConfigParser(const SDK::HostRoot& fs, const std::string& catalinaBase,
                                        const std::map<std::string, std::string>& properties)
-    : m_fs(fs), m_base(RootedFs::StripTrailingSlash(RootedFs::Join("/", catalinaBase))),
+    : m_fs(fs), m_base(SDK::HostRoot::StripTrailingSlash(SDK::HostRoot::Join("/", catalinaBase))),
       m_properties(properties)
 {
     m_properties.emplace("catalina.base", m_base);
@@ -171,7 +171,7 @@ void TomcatConfigParser::Report(const std::string& path, const std::string& orig
         m_scan.AddIssue(file, line, origin + " \"" + path + "\" has no literal directory; not reported");
         return;
     }
-    m_scan.AddDir(WebDir{RootedFs::StripTrailingSlash(literal), origin, file, line});
+    m_scan.AddDir(WebDir{SDK::HostRoot::StripTrailingSlash(literal), origin, file, line});
 }
 
 void TomcatConfigParser::Finish()
@@ -186,15 +186,15 @@ void TomcatConfigParser::Finish()
         }
         std::string dir = host.xmlBase.empty()
                               ? m_base + "/conf/" + host.engine + "/" + host.name
-                              : RootedFs::Join(m_base, host.xmlBase);
-        for (const auto& file : m_fs.Glob(RootedFs::StripTrailingSlash(dir) + "/*.xml")) {
+                              : SDK::HostRoot::Join(m_base, host.xmlBase);
+        for (const auto& file : m_fs.Glob(SDK::HostRoot::StripTrailingSlash(dir) + "/*.xml")) {
             if (++contextFiles > kMaxContextFiles) {
                 m_scan.AddIssue(file, 0, "too many context files; the rest are not read");
                 break;
             }
             std::string text;
             std::string error;
-            if (!m_fs.ReadFile(file, text, error)) {
+            if (!ReadConfigFile(m_fs, file, text, error)) {
                 m_scan.AddIssue(file, 0, "cannot read context file: " + error);
                 continue;
             }
@@ -209,7 +209,7 @@ void TomcatConfigParser::Finish()
         // A relative docBase is relative to its host's appBase.
         std::string appBase = ctx.host >= 0 ? m_hosts[static_cast<size_t>(ctx.host)].appBase
                                             : m_base + "/" + kDefaultAppBase;
-        Report(RootedFs::StripTrailingSlash(RootedFs::Join(appBase, ctx.docBase)), "docBase",
+        Report(SDK::HostRoot::StripTrailingSlash(SDK::HostRoot::Join(appBase, ctx.docBase)), "docBase",
                ctx.file, ctx.line);
     }
 }
@@ -222,7 +222,7 @@ ConfigScan TomcatConfigParser::Parse()
     const std::string serverXml = m_base + "/conf/server.xml";
     std::string text;
     std::string error;
-    if (!m_fs.ReadFile(serverXml, text, error)) {
+    if (!ReadConfigFile(m_fs, serverXml, text, error)) {
         m_scan.AddIssue(serverXml, 0, "cannot read the configuration file: " + error);
         return m_scan;
     }

@@ -94,6 +94,7 @@ int ContainerCollectTask::Run()
     }
     SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "%s stopped after %Lu polls",
             GetTaskName(), static_cast<Poco::UInt64>(PollCount()));
+    Framework::StatusBoard::Remove(kStatusKey);
     return 0;
 }
 

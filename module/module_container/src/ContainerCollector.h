@@ -11,7 +11,7 @@
 #include <Poco/Logger.h>
 
 #include "ContainerRuntime.h"
-#include "HostFs.h"
+#include "sdk/HostRoot.h"
 
 namespace Container {
 
@@ -35,12 +35,12 @@ public:
     std::vector<std::shared_ptr<Engine::ContainerInfo>> Running() const;
     // What could not be used in the last poll.
     const std::vector<Problem>& Problems() const { return m_problems; }
-    std::string HostRoot() const { return m_host.Root(); }
+    std::string HostRoot() const { return m_host.Display(); }
 
 private:
     void LogProblems(const std::vector<Problem>& problems);
 
-    HostFs m_host;
+    SDK::HostRoot m_host;
     std::vector<std::unique_ptr<ContainerRuntime>> m_runtimes;
     Poco::Logger* m_logger;
     std::map<std::string, std::shared_ptr<Engine::ContainerInfo>> m_reported;  // by id

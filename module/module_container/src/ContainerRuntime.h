@@ -1,28 +1,20 @@
 #pragma once
 // One container runtime's view of the host: which of its containers run now.
 // Each runtime reads its own state on disk (OCI bundles, its own container
-// configuration) through HostFs; the collector merges what they all report.
+// configuration) under the host root; the collector merges what they all
+// report. Runtimes work with paths as the host sees them under that root
+// ("/run/containerd/..."); what they report carries host paths.
 
 #include <memory>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "HostFs.h"
 #include "container/ContainerMessage.h"
+#include "container/RuntimeState.h"
+#include "sdk/HostRoot.h"
 
 namespace Container {
-
-// A state file or directory the collector could not use, and why.
-struct Problem {
-    std::string path;
-    std::string reason;
-
-    bool operator<(const Problem& other) const
-    {
-        return path != other.path ? path < other.path : reason < other.reason;
-    }
-};
 
 struct Discovery {
     // Containers running now, each with every field the runtime knows.
@@ -32,9 +24,10 @@ struct Discovery {
     std::set<std::string> unsure;
     std::vector<Problem> problems;
 
-    void AddProblem(const std::string& path, const std::string& reason)
+    // `path` as the host root sees it.
+    void AddProblem(const SDK::HostRoot& host, const std::string& path, const std::string& reason)
     {
-        problems.push_back(Problem{path, reason});
+        problems.push_back(Problem{host.Path(path), reason});
     }
 };
 
@@ -44,7 +37,7 @@ public:
     // The runtime's name as reported in ContainerInfo::text1.
     virtual std::string Name() const = 0;
     // Adds the runtime's running containers to `out`.
-    virtual void Discover(const HostFs& host, Discovery& out) = 0;
+    virtual void Discover(const SDK::HostRoot& host, Discovery& out) = 0;
 };
 
 // The runtimes this collector knows, in the order they are asked.

@@ -1,13 +1,10 @@
 #include "ContainerdRuntime.h"
 
-#include "DockerState.h"
 #include "OciBundle.h"
 
 namespace Container {
 
 namespace {
-
-constexpr std::size_t kPidFileCap = 64;
 
 // Annotations of containerd's Kubernetes (CRI) plugin.
 const char* const kCriContainerType = "io.kubernetes.cri.container-type";
@@ -30,36 +27,24 @@ ContainerdRuntime::ContainerdRuntime()
 {
 }
 
-void ContainerdRuntime::Discover(const HostFs& host, Discovery& out)
+void ContainerdRuntime::Discover(const SDK::HostRoot& host, Discovery& out)
 {
     std::string dockerRoot;  // read once, only when a bundle needs it
     for (const auto& taskRoot : m_taskRoots) {
-        const std::string rootDir = host.Path(taskRoot);
-        std::vector<std::string> namespaces;
-        std::string reason;
-        ReadStatus status = host.ListDirs(rootDir, namespaces, reason);
-        if (status == ReadStatus::FAILED) {
-            out.AddProblem(rootDir, reason);
-        }
-        for (const auto& ns : namespaces) {
-            const std::string nsDir = rootDir + "/" + ns;
+        for (const auto& ns : Subdirectories(host, taskRoot, out)) {
+            const std::string nsDir = taskRoot + "/" + ns;
             if (!IsPlainName(ns)) {
-                out.AddProblem(nsDir, "namespace name is not a plain name, skipped");
+                out.AddProblem(host, nsDir, "namespace name is not a plain name, skipped");
                 continue;
             }
-            std::vector<std::string> ids;
-            if (host.ListDirs(nsDir, ids, reason) == ReadStatus::FAILED) {
-                out.AddProblem(nsDir, reason);
-                continue;
-            }
-            for (const auto& id : ids) {
+            for (const auto& id : Subdirectories(host, nsDir, out)) {
                 const std::string bundleDir = nsDir + "/" + id;
                 if (!IsPlainName(id)) {
-                    out.AddProblem(bundleDir, "container id is not a plain name, skipped");
+                    out.AddProblem(host, bundleDir, "container id is not a plain name, skipped");
                     continue;
                 }
                 if (dockerRoot.empty()) {
-                    dockerRoot = DockerDataRoot(host, out);
+                    dockerRoot = DockerDataRoot(host, out.problems);
                 }
                 ReadBundle(host, ns, id, bundleDir, dockerRoot, out);
             }
@@ -67,22 +52,23 @@ void ContainerdRuntime::Discover(const HostFs& host, Discovery& out)
     }
 }
 
-void ContainerdRuntime::ReadBundle(const HostFs& host, const std::string& ns, const std::string& id,
-                                   const std::string& bundleDir, const std::string& dockerRoot,
-                                   Discovery& out)
+void ContainerdRuntime::ReadBundle(const SDK::HostRoot& host, const std::string& ns,
+                                   const std::string& id, const std::string& bundleDir,
+                                   const std::string& dockerRoot, Discovery& out)
 {
     const std::string configPath = bundleDir + "/config.json";
     Json::Value doc;
     std::string reason;
-    ReadStatus status = host.ReadJson(configPath, HostFs::kStateFileCap, doc, reason);
-    if (status == ReadStatus::MISSING) {
+    SDK::ReadResult r = ReadStateJson(host, configPath, kStateFileCap, doc);
+    if (r.error == SDK::ReadError::Missing) {
         // Being created or removed: decided at the next poll.
         out.unsure.insert(id);
         return;
     }
     OciConfig oci;
-    if (status == ReadStatus::FAILED || !ParseOciConfig(doc, oci, reason)) {
-        out.AddProblem(configPath, reason + ", container skipped");
+    reason = r.reason;
+    if (!r.ok() || !ParseOciConfig(doc, oci, reason)) {
+        out.AddProblem(host, configPath, reason + ", container skipped");
         out.unsure.insert(id);
         return;
     }
@@ -90,16 +76,16 @@ void ContainerdRuntime::ReadBundle(const HostFs& host, const std::string& ns, co
     long pid = 0;
     const std::string pidPath = bundleDir + "/init.pid";
     std::string pidText;
-    status = host.ReadFile(pidPath, kPidFileCap, pidText, reason);
-    if (status == ReadStatus::FAILED) {
-        out.AddProblem(pidPath, reason + ", container skipped");
+    r = host.ReadFile(pidPath, kPidFileCap, pidText, SDK::HostRoot::FinalLink::Refuse);
+    if (!r.ok() && r.error != SDK::ReadError::Missing) {
+        out.AddProblem(host, pidPath, r.reason + ", container skipped");
         out.unsure.insert(id);
         return;
     }
-    if (status == ReadStatus::OK) {
+    if (r.ok()) {
         pid = ParsePid(pidText);
         if (pid == 0) {
-            out.AddProblem(pidPath, "does not hold a process id, container skipped");
+            out.AddProblem(host, pidPath, "does not hold a process id, container skipped");
             out.unsure.insert(id);
             return;
         }
@@ -107,7 +93,7 @@ void ContainerdRuntime::ReadBundle(const HostFs& host, const std::string& ns, co
 
     DockerState docker;
     const bool isDocker =
-        ReadDockerState(host, dockerRoot, id, docker, out) == ReadStatus::OK;
+        ReadDockerState(host, dockerRoot, id, docker, out.problems) == SDK::ReadError::None;
     if (isDocker && docker.stateKnown && !docker.running) {
         return;  // Docker says it stopped; the bundle is on its way out
     }
@@ -118,14 +104,14 @@ void ContainerdRuntime::ReadBundle(const HostFs& host, const std::string& ns, co
         out.unsure.insert(id);  // the shim has not written init.pid yet
         return;
     }
-    if (!host.ProcessExists(pid)) {
+    if (!ProcessRunning(host, pid)) {
         return;  // its process is gone: stopped
     }
 
     auto info = std::make_shared<Engine::ContainerInfo>();
     std::string fallback;
     if (!ResolveRootPath(host, bundleDir, oci.rootPath, fallback, pid, info->rootPath, reason)) {
-        out.AddProblem(configPath, reason);
+        out.AddProblem(host, configPath, reason);
         out.unsure.insert(id);
         return;
     }
@@ -134,7 +120,7 @@ void ContainerdRuntime::ReadBundle(const HostFs& host, const std::string& ns, co
     info->id = id;
     info->text1 = (isDocker || ns == "moby") ? "docker" : "containerd";
     info->text2 = ns;
-    info->text3 = bundleDir;
+    info->text3 = host.Path(bundleDir);
     info->text4 = std::to_string(pid);
 
     const auto& ann = oci.annotations;

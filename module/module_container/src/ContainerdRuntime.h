@@ -18,13 +18,13 @@ class ContainerdRuntime : public ContainerRuntime {
 public:
     ContainerdRuntime();
     std::string Name() const override { return "containerd"; }
-    void Discover(const HostFs& host, Discovery& out) override;
+    void Discover(const SDK::HostRoot& host, Discovery& out) override;
 
 private:
-    void ReadBundle(const HostFs& host, const std::string& ns, const std::string& id,
+    void ReadBundle(const SDK::HostRoot& host, const std::string& ns, const std::string& id,
                     const std::string& bundleDir, const std::string& dockerRoot, Discovery& out);
 
-    std::vector<std::string> m_taskRoots;  // absolute, as the host sees them
+    std::vector<std::string> m_taskRoots;
 };
 
 }  // namespace Container

@@ -6,7 +6,6 @@ namespace Container {
 
 namespace {
 
-constexpr std::size_t kPidFileCap = 64;
 const char* const kStorageRoots[] = {"/run/containers/storage", "/var/lib/containers/storage"};
 const char* const kContainersSuffix = "-containers";  // overlay-containers, vfs-containers, ...
 
@@ -29,42 +28,29 @@ bool EndsWith(const std::string& text, const std::string& suffix)
 
 }  // namespace
 
-std::vector<std::string> ContainersStorageRuntime::StorageContainerDirs(const HostFs& host,
+std::vector<std::string> ContainersStorageRuntime::StorageContainerDirs(const SDK::HostRoot& host,
                                                                        Discovery& out)
 {
     std::vector<std::string> dirs;
     for (const char* root : kStorageRoots) {
-        const std::string rootDir = host.Path(root);
-        std::vector<std::string> names;
-        std::string reason;
-        if (host.ListDirs(rootDir, names, reason) == ReadStatus::FAILED) {
-            out.AddProblem(rootDir, reason);
-            continue;
-        }
-        for (const auto& name : names) {
+        for (const auto& name : Subdirectories(host, root, out)) {
             if (EndsWith(name, kContainersSuffix) && IsPlainName(name)) {
-                dirs.push_back(rootDir + "/" + name);
+                dirs.push_back(std::string(root) + "/" + name);
             }
         }
     }
     return dirs;
 }
 
-void ContainersStorageRuntime::Discover(const HostFs& host, Discovery& out)
+void ContainersStorageRuntime::Discover(const SDK::HostRoot& host, Discovery& out)
 {
     BeginPoll(host, out);
     // The same id has a run-time and a persistent directory: read both.
     std::map<std::string, std::vector<std::string>> userdata;
     for (const auto& dir : StorageContainerDirs(host, out)) {
-        std::vector<std::string> ids;
-        std::string reason;
-        if (host.ListDirs(dir, ids, reason) == ReadStatus::FAILED) {
-            out.AddProblem(dir, reason);
-            continue;
-        }
-        for (const auto& id : ids) {
+        for (const auto& id : Subdirectories(host, dir, out)) {
             if (!IsPlainName(id)) {
-                out.AddProblem(dir + "/" + id, "container id is not a plain name, skipped");
+                out.AddProblem(host, dir + "/" + id, "container id is not a plain name, skipped");
                 continue;
             }
             userdata[id].push_back(dir + "/" + id + "/userdata");
@@ -75,7 +61,7 @@ void ContainersStorageRuntime::Discover(const HostFs& host, Discovery& out)
     }
 }
 
-void ContainersStorageRuntime::ReadContainer(const HostFs& host, const std::string& id,
+void ContainersStorageRuntime::ReadContainer(const SDK::HostRoot& host, const std::string& id,
                                              const std::vector<std::string>& userdataDirs,
                                              Discovery& out)
 {
@@ -85,13 +71,13 @@ void ContainersStorageRuntime::ReadContainer(const HostFs& host, const std::stri
     std::string bundleDir;
     std::string reason;
     for (const auto& dir : userdataDirs) {
-        ReadStatus status = host.ReadJson(dir + "/config.json", HostFs::kStateFileCap, doc, reason);
-        if (status == ReadStatus::FAILED) {
-            out.AddProblem(dir + "/config.json", reason + ", container skipped");
+        const SDK::ReadResult r = ReadStateJson(host, dir + "/config.json", kStateFileCap, doc);
+        if (!r.ok() && r.error != SDK::ReadError::Missing) {
+            out.AddProblem(host, dir + "/config.json", r.reason + ", container skipped");
             out.unsure.insert(id);
             return;
         }
-        if (status == ReadStatus::OK) {
+        if (r.ok()) {
             bundleDir = dir;
             break;
         }
@@ -101,7 +87,7 @@ void ContainersStorageRuntime::ReadContainer(const HostFs& host, const std::stri
     }
     OciConfig oci;
     if (!ParseOciConfig(doc, oci, reason)) {
-        out.AddProblem(bundleDir + "/config.json", reason + ", container skipped");
+        out.AddProblem(host, bundleDir + "/config.json", reason + ", container skipped");
         out.unsure.insert(id);
         return;
     }
@@ -113,30 +99,32 @@ void ContainersStorageRuntime::ReadContainer(const HostFs& host, const std::stri
     long pid = 0;
     for (const auto& dir : userdataDirs) {
         std::string text;
-        ReadStatus status = host.ReadFile(dir + "/pidfile", kPidFileCap, text, reason);
-        if (status == ReadStatus::FAILED) {
-            out.AddProblem(dir + "/pidfile", reason + ", container skipped");
+        const SDK::ReadResult r =
+            host.ReadFile(dir + "/pidfile", kPidFileCap, text, SDK::HostRoot::FinalLink::Refuse);
+        if (!r.ok() && r.error != SDK::ReadError::Missing) {
+            out.AddProblem(host, dir + "/pidfile", r.reason + ", container skipped");
             out.unsure.insert(id);
             return;
         }
-        if (status == ReadStatus::OK) {
+        if (r.ok()) {
             pid = ParsePid(text);
             if (pid == 0) {
-                out.AddProblem(dir + "/pidfile", "does not hold a process id, container skipped");
+                out.AddProblem(host, dir + "/pidfile",
+                               "does not hold a process id, container skipped");
                 out.unsure.insert(id);
                 return;
             }
             break;
         }
     }
-    if (pid == 0 || !host.ProcessExists(pid)) {
+    if (pid == 0 || !ProcessRunning(host, pid)) {
         return;  // not running
     }
 
     auto info = std::make_shared<Engine::ContainerInfo>();
     if (!ResolveRootPath(host, bundleDir, oci.rootPath, RootFallback(oci), pid, info->rootPath,
                          reason)) {
-        out.AddProblem(bundleDir + "/config.json", reason);
+        out.AddProblem(host, bundleDir + "/config.json", reason);
         out.unsure.insert(id);
         return;
     }
@@ -144,7 +132,7 @@ void ContainersStorageRuntime::ReadContainer(const HostFs& host, const std::stri
     info->running = true;
     info->id = id;
     info->text1 = Name();
-    info->text3 = bundleDir;
+    info->text3 = host.Path(bundleDir);
     info->text4 = std::to_string(pid);
     Describe(oci, *info);
     if (info->name.empty()) {
@@ -153,19 +141,18 @@ void ContainersStorageRuntime::ReadContainer(const HostFs& host, const std::stri
     out.running.push_back(info);
 }
 
-void PodmanRuntime::BeginPoll(const HostFs& host, Discovery& out)
+void PodmanRuntime::BeginPoll(const SDK::HostRoot& host, Discovery& out)
 {
     m_records.clear();
     for (const auto& dir : StorageContainerDirs(host, out)) {
         const std::string path = dir + "/containers.json";
         Json::Value doc;
-        std::string reason;
-        ReadStatus status = host.ReadJson(path, HostFs::kIndexFileCap, doc, reason);
-        if (status == ReadStatus::FAILED) {
-            out.AddProblem(path, reason + "; Podman names and images unknown");
+        const SDK::ReadResult r = ReadStateJson(host, path, kIndexFileCap, doc);
+        if (!r.ok() && r.error != SDK::ReadError::Missing) {
+            out.AddProblem(host, path, r.reason + "; Podman names and images unknown");
             continue;
         }
-        if (status != ReadStatus::OK || !doc.isArray()) {
+        if (!r.ok() || !doc.isArray()) {
             continue;
         }
         for (const auto& c : doc) {

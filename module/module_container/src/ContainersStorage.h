@@ -18,14 +18,14 @@ namespace Container {
 
 class ContainersStorageRuntime : public ContainerRuntime {
 public:
-    void Discover(const HostFs& host, Discovery& out) override;
+    void Discover(const SDK::HostRoot& host, Discovery& out) override;
 
 protected:
-    // Host paths of every <storage>/<driver>-containers directory.
-    static std::vector<std::string> StorageContainerDirs(const HostFs& host, Discovery& out);
+    // Every <storage>/<driver>-containers directory.
+    static std::vector<std::string> StorageContainerDirs(const SDK::HostRoot& host, Discovery& out);
 
     // Called once per Discover, before any container.
-    virtual void BeginPoll(const HostFs& host, Discovery& out) {}
+    virtual void BeginPoll(const SDK::HostRoot& host, Discovery& out) {}
     // True when this runtime made the container that `oci` describes.
     virtual bool Owns(const OciConfig& oci) const = 0;
     // Fills the runtime's own fields: name, image, Kubernetes names.
@@ -34,7 +34,7 @@ protected:
     virtual std::string RootFallback(const OciConfig& oci) const { return std::string(); }
 
 private:
-    void ReadContainer(const HostFs& host, const std::string& id,
+    void ReadContainer(const SDK::HostRoot& host, const std::string& id,
                        const std::vector<std::string>& userdataDirs, Discovery& out);
 };
 
@@ -43,7 +43,7 @@ public:
     std::string Name() const override { return "podman"; }
 
 protected:
-    void BeginPoll(const HostFs& host, Discovery& out) override;
+    void BeginPoll(const SDK::HostRoot& host, Discovery& out) override;
     bool Owns(const OciConfig& oci) const override;
     void Describe(const OciConfig& oci, Engine::ContainerInfo& info) override;
 

@@ -26,12 +26,9 @@ std::string StringMember(const Json::Value& obj, const char* key)
     return v.isString() ? v.asString() : std::string();
 }
 
-std::string DropTrailingSlashes(std::string path)
+SDK::HostRoot ProcView(const SDK::HostRoot& host, long pid, const char* rel)
 {
-    while (path.size() > 1 && path.back() == '/') {
-        path.pop_back();
-    }
-    return path;
+    return host.Below("/proc/" + std::to_string(pid) + rel);
 }
 
 }  // namespace
@@ -95,8 +92,9 @@ bool ParseOciConfig(const Json::Value& doc, OciConfig& out, std::string& reason)
     return true;
 }
 
-bool ResolveRootPath(const HostFs& host, const std::string& bundleDir, const std::string& rootPath,
-                     const std::string& fallback, long pid, std::string& out, std::string& reason)
+bool ResolveRootPath(const SDK::HostRoot& host, const std::string& bundleDir,
+                     const std::string& rootPath, const std::string& fallback, long pid,
+                     std::string& out, std::string& reason)
 {
     for (const std::string* p : {&rootPath, &fallback}) {
         if (HasDotDot(*p)) {
@@ -106,21 +104,43 @@ bool ResolveRootPath(const HostFs& host, const std::string& bundleDir, const std
     }
     std::string path;
     if (rootPath.empty()) {
-        path = (!fallback.empty() && fallback[0] == '/') ? host.Path(fallback) : bundleDir + "/rootfs";
-    } else if (rootPath[0] == '/') {
-        path = host.Path(rootPath);
+        path = (!fallback.empty() && fallback[0] == '/') ? fallback : bundleDir + "/rootfs";
     } else {
-        path = bundleDir + "/" + rootPath;
+        path = SDK::HostRoot::Join(bundleDir, rootPath);
     }
-    path = DropTrailingSlashes(path);
-    if (!host.IsDirFollow(path) && pid > 0) {
-        std::string procRoot = host.Path("/proc/" + std::to_string(pid) + "/root");
-        if (host.IsDirFollow(procRoot)) {
-            path = procRoot;
+    path = SDK::HostRoot::StripTrailingSlash(path);
+    if (!host.IsDirectory(path) && pid > 0) {
+        // Taken as written: /proc/PID/root is the kernel's to resolve.
+        const SDK::HostRoot procRoot = ProcView(host, pid, "/root");
+        if (procRoot.IsDirectory("/")) {
+            out = procRoot.Prefix();
+            return true;
         }
     }
-    out = path;
+    out = host.HostPath(path);
     return true;
+}
+
+bool ProcessRunning(const SDK::HostRoot& host, long pid)
+{
+    return pid > 0 && ProcView(host, pid, "").IsDirectory("/");
+}
+
+std::vector<std::string> Subdirectories(const SDK::HostRoot& host, const std::string& dir,
+                                        Discovery& out)
+{
+    std::vector<SDK::DirEntry> entries;
+    const SDK::ReadResult r = host.ListDir(dir, entries);
+    if (!r.ok() && r.error != SDK::ReadError::Missing) {
+        out.AddProblem(host, dir, "cannot list the directory: " + r.reason);
+    }
+    std::vector<std::string> names;
+    for (const auto& e : entries) {
+        if (e.type == SDK::DirEntry::Type::Dir) {
+            names.push_back(e.name);
+        }
+    }
+    return names;
 }
 
 void FillFromOci(const OciConfig& config, Engine::ContainerInfo& info)

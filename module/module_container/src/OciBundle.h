@@ -9,7 +9,6 @@
 #include <json/json.h>
 
 #include "ContainerRuntime.h"
-#include "HostFs.h"
 #include "container/ContainerMessage.h"
 
 namespace Container {
@@ -29,15 +28,24 @@ bool ParseOciConfig(const Json::Value& doc, OciConfig& out, std::string& reason)
 
 // Host path of a container's root file system:
 //   root.path absolute -> under the host root;
-//   root.path relative -> against the bundle directory (a host path);
-//   root.path empty    -> `fallback` (an absolute path as the host sees it,
-//                         e.g. CRI-O's MountPoint) under the host root when
-//                         given, else the bundle's rootfs.
-// When that is not a directory but DIR/proc/PID/root is, the process's view
-// is used (the runtime mounted the root where the host root cannot see it).
+//   root.path relative -> against the bundle directory;
+//   root.path empty    -> `fallback` (an absolute path, e.g. CRI-O's
+//                         MountPoint) when given, else the bundle's rootfs.
+// When that is not a directory but /proc/PID/root is, the process's view is
+// used (the runtime mounted the root where the host root cannot see it).
 // false (and `reason`) for a root path that climbs out with "..".
-bool ResolveRootPath(const HostFs& host, const std::string& bundleDir, const std::string& rootPath,
-                     const std::string& fallback, long pid, std::string& out, std::string& reason);
+bool ResolveRootPath(const SDK::HostRoot& host, const std::string& bundleDir,
+                     const std::string& rootPath, const std::string& fallback, long pid,
+                     std::string& out, std::string& reason);
+
+// /proc/PID exists under the host root.
+bool ProcessRunning(const SDK::HostRoot& host, long pid);
+
+// Names of the real subdirectories of `dir` (links are not followed: the
+// runtimes write real directories, and a link could lead anywhere). A missing
+// directory has none; one that cannot be read is a problem.
+std::vector<std::string> Subdirectories(const SDK::HostRoot& host, const std::string& dir,
+                                        Discovery& out);
 
 // Copies what every runtime reports the same way into `info`.
 void FillFromOci(const OciConfig& config, Engine::ContainerInfo& info);

@@ -10,6 +10,8 @@
 
 #include <cstring>
 
+#include "sdk/Posix.h"
+
 namespace FileNotify {
 
 namespace {
@@ -18,46 +20,31 @@ namespace {
 constexpr size_t kBufferSize = 256 * 1024;
 constexpr size_t kLargestEvent = sizeof(struct inotify_event) + NAME_MAX + 1;
 
-std::string ErrnoText(int err)
-{
-    char buf[256];
-    // GNU strerror_r returns the text it chose.
-    return std::string(strerror_r(err, buf, sizeof(buf)));
-}
-
 }  // namespace
 
 InotifyWatcher::InotifyWatcher() : m_buffer(kBufferSize)
 {
-    m_fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (m_fd < 0) {
-        m_error = "inotify_init1: " + ErrnoText(errno);
+    m_fd.Reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (!m_fd.Valid()) {
+        m_error = "inotify_init1: " + SDK::ErrnoText(errno);
         return;
     }
-    m_wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (m_wakeFd < 0) {
-        m_error = "eventfd: " + ErrnoText(errno);
-        close(m_fd);
-        m_fd = -1;
+    m_wakeFd.Reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!m_wakeFd.Valid()) {
+        m_error = "eventfd: " + SDK::ErrnoText(errno);
+        m_fd.Reset();
     }
 }
 
-InotifyWatcher::~InotifyWatcher()
-{
-    if (m_fd >= 0) {
-        close(m_fd);  // drops every watch
-    }
-    if (m_wakeFd >= 0) {
-        close(m_wakeFd);
-    }
-}
+// Closing the inotify descriptor drops every watch.
+InotifyWatcher::~InotifyWatcher() = default;
 
 int InotifyWatcher::AddWatch(const std::string& path, uint32_t mask)
 {
-    if (m_fd < 0) {
+    if (!m_fd.Valid()) {
         return -EBADF;
     }
-    int wd = inotify_add_watch(m_fd, path.c_str(), mask);
+    int wd = inotify_add_watch(m_fd.Get(), path.c_str(), mask);
     if (wd < 0) {
         return -errno;
     }
@@ -68,21 +55,21 @@ int InotifyWatcher::AddWatch(const std::string& path, uint32_t mask)
 
 void InotifyWatcher::RemoveWatch(int wd)
 {
-    if (m_fd < 0) {
+    if (!m_fd.Valid()) {
         return;
     }
     // EINVAL: the kernel dropped it already (directory deleted); the
     // IN_IGNORED that said so may still be queued.
-    (void)inotify_rm_watch(m_fd, wd);
+    (void)inotify_rm_watch(m_fd.Get(), wd);
     m_paths.erase(wd);
 }
 
 void InotifyWatcher::Interrupt()
 {
-    if (m_wakeFd >= 0) {
+    if (m_wakeFd.Valid()) {
         uint64_t one = 1;
         // A full counter still wakes the poll; nothing to do on failure.
-        ssize_t n = write(m_wakeFd, &one, sizeof(one));
+        ssize_t n = write(m_wakeFd.Get(), &one, sizeof(one));
         (void)n;
     }
 }
@@ -127,7 +114,7 @@ int InotifyWatcher::ReadEvents(int timeoutMs, size_t maxEvents, std::vector<Watc
                                bool& drained)
 {
     drained = false;
-    if (m_fd < 0) {
+    if (!m_fd.Valid()) {
         return -EBADF;
     }
     int added = 0;
@@ -140,10 +127,10 @@ int InotifyWatcher::ReadEvents(int timeoutMs, size_t maxEvents, std::vector<Watc
     }
 
     struct pollfd fds[2];
-    fds[0].fd = m_fd;
+    fds[0].fd = m_fd.Get();
     fds[0].events = POLLIN;
     fds[0].revents = 0;
-    fds[1].fd = m_wakeFd;
+    fds[1].fd = m_wakeFd.Get();
     fds[1].events = POLLIN;
     fds[1].revents = 0;
     int ready = poll(fds, 2, timeoutMs);
@@ -152,7 +139,7 @@ int InotifyWatcher::ReadEvents(int timeoutMs, size_t maxEvents, std::vector<Watc
     }
     if ((fds[1].revents & POLLIN) != 0) {
         uint64_t count = 0;
-        ssize_t n = read(m_wakeFd, &count, sizeof(count));
+        ssize_t n = read(m_wakeFd.Get(), &count, sizeof(count));
         (void)n;
     }
     if ((fds[0].revents & POLLIN) == 0) {
@@ -160,7 +147,7 @@ int InotifyWatcher::ReadEvents(int timeoutMs, size_t maxEvents, std::vector<Watc
         return added;
     }
 
-    ssize_t n = read(m_fd, m_buffer.data(), m_buffer.size());
+    ssize_t n = read(m_fd.Get(), m_buffer.data(), m_buffer.size());
     if (n < 0) {
         if (errno == EAGAIN || errno == EINTR) {
             drained = (errno == EAGAIN);

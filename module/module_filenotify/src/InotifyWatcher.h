@@ -10,6 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "sdk/Posix.h"
+
 namespace FileNotify {
 
 struct WatchEvent {
@@ -54,7 +56,7 @@ public:
     InotifyWatcher(const InotifyWatcher&) = delete;
     InotifyWatcher& operator=(const InotifyWatcher&) = delete;
 
-    bool IsOpen() const override { return m_fd >= 0 && m_wakeFd >= 0; }
+    bool IsOpen() const override { return m_fd.Valid() && m_wakeFd.Valid(); }
     const std::string& Error() const override { return m_error; }
     int AddWatch(const std::string& path, uint32_t mask) override;
     void RemoveWatch(int wd) override;
@@ -68,8 +70,8 @@ private:
     // Decodes what is left in m_buffer[m_bufferPos, m_bufferEnd).
     void Decode(size_t maxEvents, std::vector<WatchEvent>& out, int& added);
 
-    int m_fd = -1;
-    int m_wakeFd = -1;  // eventfd written by Interrupt
+    SDK::UniqueFd m_fd;
+    SDK::UniqueFd m_wakeFd;  // eventfd written by Interrupt
     std::string m_error;
     std::unordered_map<int, std::string> m_paths;  // wd -> path it was added under
     std::vector<char> m_buffer;

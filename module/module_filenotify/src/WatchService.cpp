@@ -10,11 +10,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <fstream>
 
 #include <Poco/Message.h>
 
 #include "sdk/LogMacros.h"
+#include "sdk/Posix.h"
 #include "sdk/TimeUtils.h"
 
 namespace FileNotify {
@@ -53,12 +53,6 @@ int64_t ToNs(const struct timespec& ts)
     return static_cast<int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
 }
 
-std::string ErrnoText(int err)
-{
-    char buf[256];
-    return std::string(strerror_r(err, buf, sizeof(buf)));
-}
-
 std::string JoinRel(const std::string& rel, const std::string& name)
 {
     return rel.empty() ? name : rel + "/" + name;
@@ -75,22 +69,13 @@ bool InSubtree(const std::string& rel, const std::string& top)
 
 std::string ReadSysctl(const char* path)
 {
-    std::ifstream in(path);
     std::string value;
-    if (!(in >> value)) {
+    if (!SDK::ReadRegularFile(path, 64, value).ok()) {
         return "unknown";
     }
-    return value;
+    value.erase(value.find_last_not_of(" \n") + 1);
+    return value.empty() ? "unknown" : value;
 }
-
-struct DirCloser {
-    void operator()(DIR* dir) const
-    {
-        if (dir != nullptr) {
-            closedir(dir);
-        }
-    }
-};
 
 }  // namespace
 
@@ -228,7 +213,7 @@ void WatchService::Attach(Registration& reg)
             } else {
                 SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
                         "Cannot watch %s for task %s: %s; trying again every %d ms.",
-                        reg.req.path, reg.req.consumerName, ErrnoText(err),
+                        reg.req.path, reg.req.consumerName, SDK::ErrnoText(err),
                         m_options.reattachMs);
             }
         }
@@ -282,7 +267,7 @@ int WatchService::AddDir(Registration& reg, const std::string& rel)
             SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
                     "Cannot watch directory %s for task %s: %s; changes inside it are not "
                     "reported.",
-                    full, reg.req.consumerName, ErrnoText(err));
+                    full, reg.req.consumerName, SDK::ErrnoText(err));
         }
         return wd;
     }
@@ -361,22 +346,21 @@ WatchService::WalkStats WatchService::Walk(Registration& reg, const std::string&
         bool fresh = mode != WalkMode::Rescan || !known;
 
         int flags = O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC | (rel.empty() ? 0 : O_NOFOLLOW);
-        int dfd = open(full.c_str(), flags);
-        if (dfd < 0) {
+        SDK::UniqueFd dfd(open(full.c_str(), flags));
+        if (!dfd.Valid()) {
             continue;  // gone meanwhile, or replaced by a link
         }
         struct stat dst;
-        if (fstat(dfd, &dst) != 0 || !seenDirs.insert({dst.st_dev, dst.st_ino}).second) {
-            close(dfd);
+        if (fstat(dfd.Get(), &dst) != 0 || !seenDirs.insert({dst.st_dev, dst.st_ino}).second) {
             continue;
         }
         seenRels.insert(rel);
-        std::unique_ptr<DIR, DirCloser> dir(fdopendir(dfd));
-        if (!dir) {
-            close(dfd);
+        SDK::UniqueDir dir(fdopendir(dfd.Get()));
+        if (!dir.Valid()) {
             continue;
         }
-        while (struct dirent* de = readdir(dir.get())) {
+        dfd.Release();  // the stream owns it now
+        while (struct dirent* de = readdir(dir.Get())) {
             const char* name = de->d_name;
             if (strcmp(name, ".") == 0 || strcmp(name, "..") == 0) {
                 continue;
@@ -385,7 +369,7 @@ WatchService::WalkStats WatchService::Walk(Registration& reg, const std::string&
             struct stat st;
             bool needStat = type == DT_UNKNOWN || (report && !fresh && type != DT_DIR);
             if (needStat) {
-                if (fstatat(dirfd(dir.get()), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+                if (fstatat(dirfd(dir.Get()), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
                     continue;
                 }
                 type = IFTODT(st.st_mode);
@@ -450,7 +434,7 @@ int WatchService::PollOnce(int timeoutMs, size_t maxEvents)
         if (now - m_lastReadErrorLogMs >= kReadErrorLogIntervalMs) {
             m_lastReadErrorLogMs = now;
             SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
-                    "Reading inotify events failed: %s; retrying.", ErrnoText(-n));
+                    "Reading inotify events failed: %s; retrying.", SDK::ErrnoText(-n));
         }
         return -1;
     }

@@ -7,14 +7,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <istream>
 #include <memory>
 #include <mutex>
 #include <vector>
 
-#include <Poco/Error.h>
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/Net/Context.h>
@@ -25,22 +24,24 @@
 #include <Poco/Net/NetException.h>
 #include <Poco/Net/RejectCertificateHandler.h>
 #include <Poco/Net/SSLManager.h>
+#include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/SocketImpl.h>
 #include <Poco/String.h>
+#include <Poco/Timer.h>
 #include <Poco/URI.h>
 
+#include "sdk/FileUtils.h"
+#include "sdk/HostRoot.h"
+#include "sdk/Posix.h"
 #include "sdk/TimeUtils.h"
 
-#include "FileIo.h"
-
 namespace Report {
-
-using FileIo::DirName;
-using FileIo::ErrnoText;
 
 namespace {
 
 const size_t kChunk = 64 * 1024;
+// A temporary file this old beside a target was left by a writer that died.
+const int64_t kStaleTempS = 3600;
 
 int64_t NowMs()
 {
@@ -51,6 +52,12 @@ std::string CapText(uint64_t size, uint64_t cap, bool exact)
 {
     return std::string("body ") + (exact ? "of " : "of more than ") + std::to_string(size) +
            " bytes is larger than the cap of " + std::to_string(cap) + " bytes";
+}
+
+std::string BaseName(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
 // TLS for https:// downloads: the system's CA store, the peer's certificate
@@ -79,11 +86,34 @@ bool IsRedirect(int status)
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
 }
 
+// A session that hands its descriptor over as soon as the TCP connection
+// exists, so that an abort or the deadline can cut whatever comes next (the
+// TLS handshake is deferred to the first write for that reason).
+template <class Base>
+class WatchedSession : public Base {
+public:
+    template <class... Args>
+    WatchedSession(std::function<void(int)> onConnected, Args&&... args)
+        : Base(std::forward<Args>(args)...), m_onConnected(std::move(onConnected))
+    {
+    }
+
+protected:
+    void connect(const Poco::Net::SocketAddress& address) override
+    {
+        Base::connect(address);
+        m_onConnected(this->socket().impl()->sockfd());
+    }
+
+private:
+    std::function<void(int)> m_onConnected;
+};
+
 }  // namespace
 
 Download::Download(const std::string& url, const std::string& target,
-                   const DownloadLimits& limits)
-    : m_url(url), m_target(target), m_limits(limits)
+                   const DownloadLimits& limits, const std::string& sha256)
+    : m_url(url), m_target(target), m_limits(limits), m_sha256(Poco::toLower(sha256))
 {
 }
 
@@ -91,15 +121,25 @@ Download::~Download() = default;
 
 std::string Download::TempPattern(const std::string& target)
 {
-    const size_t slash = target.rfind('/');
-    const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
-    return DirName(target) + "/." + base + ".part.XXXXXX";
+    return SDK::HostRoot::DirName(target) + "/." + BaseName(target) + ".part.XXXXXX";
 }
 
 void Download::Abort()
 {
     m_abort.store(true);
     Poco::FastMutex::ScopedLock lock(m_socketMutex);
+    CutConnection();
+}
+
+void Download::OnDeadline(Poco::Timer&)
+{
+    m_timedOut.store(true);
+    Poco::FastMutex::ScopedLock lock(m_socketMutex);
+    CutConnection();
+}
+
+void Download::CutConnection()
+{
     if (m_socketFd >= 0) {
         ::shutdown(m_socketFd, SHUT_RDWR);
     }
@@ -109,19 +149,20 @@ void Download::SetSocket(int fd)
 {
     Poco::FastMutex::ScopedLock lock(m_socketMutex);
     m_socketFd = fd;
-    if (fd >= 0 && m_abort.load()) {
-        ::shutdown(fd, SHUT_RDWR);
+    if (Stopped()) {
+        CutConnection();
     }
 }
 
 bool Download::DeadlinePassed() const
 {
-    return NowMs() >= m_deadlineMs;
+    return m_timedOut.load() || NowMs() >= m_deadlineMs;
 }
 
-std::string Download::TimeoutText() const
+std::string Download::StopReason() const
 {
-    return "timed out after " + std::to_string(m_limits.timeoutS) + " s";
+    return m_abort.load() ? std::string("aborted: the agent is shutting down")
+                          : "timed out after " + std::to_string(m_limits.timeoutS) + " s";
 }
 
 DownloadResult Download::Run()
@@ -130,57 +171,45 @@ DownloadResult Download::Run()
     result.finalUrl = m_url;
     m_deadlineMs = NowMs() + static_cast<int64_t>(m_limits.timeoutS) * 1000;
 
-    std::string scheme;
-    Poco::URI uri;
-    try {
-        uri = Poco::URI(m_url);
-        scheme = Poco::toLower(uri.getScheme());
-    } catch (const Poco::Exception& e) {
-        result.error = "malformed URL: " + e.displayText();
-        return result;
-    }
-    if (scheme != "file" && scheme != "http" && scheme != "https") {
-        result.error = "unsupported URL scheme \"" + scheme + "\" (file, http and https are)";
-        return result;
-    }
     if (m_target.empty() || m_target[0] != '/') {
         result.error = "target path \"" + m_target + "\" is not absolute";
         return result;
     }
-    const std::string dir = DirName(m_target);
-    try {
-        Poco::File(dir).createDirectories();
-    } catch (const Poco::Exception& e) {
-        result.error = "cannot create directory " + dir + ": " + e.displayText();
-        return result;
+    const std::string dir = SDK::HostRoot::DirName(m_target);
+    if (!Poco::File(dir).exists()) {
+        const SDK::Status made = SDK::MakePrivateDir(dir);
+        if (!made) {
+            result.error = made.message();
+            return result;
+        }
     }
+    SDK::RemoveStaleFiles(dir, "." + BaseName(m_target) + ".part.", kStaleTempS);
     std::string pattern = TempPattern(m_target);
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
-    int fd = ::mkostemp(name.data(), O_CLOEXEC);
-    if (fd < 0) {
-        result.error = "cannot create a temporary file in " + dir + ": " + ErrnoText(errno);
+    SDK::UniqueFd fd(::mkostemp(name.data(), O_CLOEXEC));
+    if (!fd.Valid()) {
+        result.error = "cannot create a temporary file in " + dir + ": " + SDK::ErrnoText(errno);
         return result;
     }
     const std::string tempPath(name.data());
 
     std::string error;
-    if (scheme == "file") {
-        if (!uri.getHost().empty() && uri.getHost() != "localhost") {
-            error = "file URL names host \"" + uri.getHost() + "\"; only local files are read";
-        } else {
-            error = FetchFile(uri.getPath(), fd, result);
-        }
-    } else {
-        error = FetchHttp(m_url, fd, result);
+    {
+        // Whatever the peer does, the transfer ends at the deadline.
+        Poco::Timer watchdog(std::max<long>(1, static_cast<long>(m_deadlineMs - NowMs())), 0);
+        watchdog.start(Poco::TimerCallback<Download>(*this, &Download::OnDeadline));
+        error = Fetch(fd.Get(), result);
+        watchdog.stop();
     }
     if (error.empty() && m_abort.load()) {
-        error = "aborted: the agent is shutting down";
+        error = StopReason();
     }
     if (error.empty()) {
-        error = Install(tempPath, fd);  // closes fd
-    } else {
-        ::close(fd);
+        error = Verify(tempPath);
+    }
+    if (error.empty()) {
+        error = Install(tempPath, fd.Release());
     }
     if (!error.empty()) {
         ::unlink(tempPath.c_str());
@@ -191,10 +220,37 @@ DownloadResult Download::Run()
     return result;
 }
 
-std::string Download::WriteAll(int fd, const char* data, size_t size)
+std::string Download::Fetch(int outFd, DownloadResult& result)
 {
-    const std::string error = FileIo::WriteAll(fd, data, size);
-    return error.empty() ? error : "cannot write the temporary file beside " + m_target + ": " + error;
+    Poco::URI uri;
+    std::string scheme;
+    try {
+        uri = Poco::URI(m_url);
+        scheme = Poco::toLower(uri.getScheme());
+    } catch (const Poco::Exception& e) {
+        return "malformed URL: " + e.displayText();
+    }
+    if (scheme == "file") {
+        if (!uri.getHost().empty() && uri.getHost() != "localhost") {
+            return "file URL names host \"" + uri.getHost() + "\"; only local files are read";
+        }
+        return FetchFile(uri.getPath(), outFd, result);
+    }
+    if (scheme == "http" || scheme == "https") {
+        return FetchHttp(m_url, outFd, result);
+    }
+    return "unsupported URL scheme \"" + scheme + "\" (file, http and https are)";
+}
+
+std::string Download::Keep(int fd, const char* data, size_t size, DownloadResult& result)
+{
+    result.bytes += size;
+    if (result.bytes > m_limits.maxBytes) {
+        return CapText(m_limits.maxBytes, m_limits.maxBytes, false);
+    }
+    const SDK::Status written =
+        SDK::WriteAll(fd, std::string(data, size), "the temporary file beside " + m_target);
+    return written ? std::string() : "cannot write " + written.message();
 }
 
 std::string Download::FetchFile(const std::string& path, int outFd, DownloadResult& result)
@@ -202,73 +258,46 @@ std::string Download::FetchFile(const std::string& path, int outFd, DownloadResu
     if (path.empty() || path[0] != '/') {
         return "file URL must name an absolute path";
     }
-    // O_NONBLOCK: a FIFO named as the source must not hang the download.
-    int in = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (in < 0) {
-        return path + ": " + ErrnoText(errno);
+    // A FIFO named as the source must not hang the download.
+    SDK::UniqueFd in;
+    const SDK::ReadResult opened = SDK::OpenRegularFile(path, false, in);
+    if (!opened.ok()) {
+        return opened.status.message();
     }
     struct stat st;
-    if (::fstat(in, &st) != 0) {
-        int err = errno;
-        ::close(in);
-        return path + ": " + ErrnoText(err);
-    }
-    if (!S_ISREG(st.st_mode)) {
-        ::close(in);
-        return path + " is not a regular file";
-    }
-    if (static_cast<uint64_t>(st.st_size) > m_limits.maxBytes) {
-        ::close(in);
+    if (::fstat(in.Get(), &st) == 0 && static_cast<uint64_t>(st.st_size) > m_limits.maxBytes) {
         return CapText(static_cast<uint64_t>(st.st_size), m_limits.maxBytes, true);
     }
     std::vector<char> buffer(kChunk);
-    std::string error;
-    for (;;) {
-        if (m_abort.load()) {
-            error = "aborted: the agent is shutting down";
-            break;
+    while (!Stopped()) {
+        const ssize_t n = ::read(in.Get(), buffer.data(), buffer.size());
+        if (n < 0 && errno == EINTR) {
+            continue;
         }
-        if (DeadlinePassed()) {
-            error = TimeoutText();
-            break;
-        }
-        ssize_t n = ::read(in, buffer.data(), buffer.size());
         if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            error = path + ": read failed: " + ErrnoText(errno);
-            break;
+            return path + ": read failed: " + SDK::ErrnoText(errno);
         }
         if (n == 0) {
-            break;
+            return "";
         }
-        result.bytes += static_cast<uint64_t>(n);
-        if (result.bytes > m_limits.maxBytes) {
-            error = CapText(m_limits.maxBytes, m_limits.maxBytes, false);
-            break;
-        }
-        error = WriteAll(outFd, buffer.data(), static_cast<size_t>(n));
+        const std::string error = Keep(outFd, buffer.data(), static_cast<size_t>(n), result);
         if (!error.empty()) {
-            break;
+            return error;
         }
     }
-    ::close(in);
-    return error;
+    return StopReason();
 }
 
 std::string Download::FetchHttp(const std::string& url, int outFd, DownloadResult& result)
 {
     Poco::URI uri(url);
     std::vector<char> buffer(kChunk);
+    const auto onConnected = [this](int fd) { SetSocket(fd); };
     for (int hop = 0;; ++hop) {
-        if (m_abort.load()) {
-            return "aborted: the agent is shutting down";
+        if (Stopped()) {
+            return StopReason();
         }
         const int64_t remaining = m_deadlineMs - NowMs();
-        if (remaining <= 0) {
-            return TimeoutText();
-        }
         const bool tls = Poco::toLower(uri.getScheme()) == "https";
         std::unique_ptr<Poco::Net::HTTPClientSession> session;
         // Cleared before the session (and its descriptor) goes away, so that
@@ -279,10 +308,12 @@ std::string Download::FetchHttp(const std::string& url, int outFd, DownloadResul
         };
         try {
             if (tls) {
-                session.reset(
-                    new Poco::Net::HTTPSClientSession(uri.getHost(), uri.getPort(), ClientContext()));
+                session.reset(new WatchedSession<Poco::Net::HTTPSClientSession>(
+                    onConnected, uri.getHost(), uri.getPort(), ClientContext()));
+                Poco::Net::SecureStreamSocket(session->socket()).setLazyHandshake(true);
             } else {
-                session.reset(new Poco::Net::HTTPClientSession(uri.getHost(), uri.getPort()));
+                session.reset(new WatchedSession<Poco::Net::HTTPClientSession>(
+                    onConnected, uri.getHost(), uri.getPort()));
             }
             SocketGuard guard{this};
             const Poco::Timespan left(static_cast<Poco::Timespan::TimeDiff>(remaining) * 1000);
@@ -298,7 +329,6 @@ std::string Download::FetchHttp(const std::string& url, int outFd, DownloadResul
                                            Poco::Net::HTTPMessage::HTTP_1_1);
             request.set("User-Agent", "ardent-agent");
             session->sendRequest(request);
-            SetSocket(session->socket().impl()->sockfd());
 
             Poco::Net::HTTPResponse response;
             std::istream& in = session->receiveResponse(response);
@@ -339,20 +369,14 @@ std::string Download::FetchHttp(const std::string& url, int outFd, DownloadResul
                 in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
                 const std::streamsize n = in.gcount();
                 if (n > 0) {
-                    result.bytes += static_cast<uint64_t>(n);
-                    if (result.bytes > m_limits.maxBytes) {
-                        return CapText(m_limits.maxBytes, m_limits.maxBytes, false);
-                    }
-                    std::string error = WriteAll(outFd, buffer.data(), static_cast<size_t>(n));
+                    const std::string error =
+                        Keep(outFd, buffer.data(), static_cast<size_t>(n), result);
                     if (!error.empty()) {
                         return error;
                     }
                 }
-                if (m_abort.load()) {
-                    return "aborted: the agent is shutting down";
-                }
-                if (DeadlinePassed()) {
-                    return TimeoutText();
+                if (Stopped()) {
+                    return StopReason();
                 }
                 if (!in) {
                     break;
@@ -364,45 +388,50 @@ std::string Download::FetchHttp(const std::string& url, int outFd, DownloadResul
             }
             return "";
         } catch (const Poco::TimeoutException&) {
-            return m_abort.load() ? "aborted: the agent is shutting down" : TimeoutText();
+            return m_abort.load() ? StopReason()
+                                  : "timed out after " + std::to_string(m_limits.timeoutS) + " s";
         } catch (const Poco::Exception& e) {
-            if (m_abort.load()) {
-                return "aborted: the agent is shutting down";
-            }
-            if (DeadlinePassed()) {
-                return TimeoutText();
-            }
-            return e.displayText();
+            return Stopped() ? StopReason() : e.displayText();
         } catch (const std::exception& e) {
-            return m_abort.load() ? "aborted: the agent is shutting down" : std::string(e.what());
+            return Stopped() ? StopReason() : std::string(e.what());
         }
     }
 }
 
+std::string Download::Verify(const std::string& tempPath) const
+{
+    if (m_sha256.empty()) {
+        return "";
+    }
+    bool flag = true;
+    std::string digest;
+    if (SDK::FileUtils::GetFileSha256(tempPath, flag, digest, 0) != 0) {
+        return "cannot compute the SHA-256 of " + tempPath;
+    }
+    if (digest != m_sha256) {
+        return "content has SHA-256 " + digest + ", not the expected " + m_sha256;
+    }
+    return "";
+}
+
 std::string Download::Install(const std::string& tempPath, int tempFd)
 {
-    mode_t mode = 0644;
-    struct stat st;
-    if (::stat(m_target.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
-        mode = st.st_mode & 0777;
+    SDK::UniqueFd fd(tempFd);
+    // Private whatever the source was: a rule library is nobody else's business.
+    if (::fchmod(fd.Get(), 0600) != 0 || ::fsync(fd.Get()) != 0) {
+        return "cannot sync " + tempPath + ": " + SDK::ErrnoText(errno);
     }
-    if (::fsync(tempFd) != 0) {
-        int err = errno;
-        ::close(tempFd);
-        return "cannot sync " + tempPath + ": " + ErrnoText(err);
-    }
-    ::fchmod(tempFd, mode);
-    if (::close(tempFd) != 0) {
-        return "cannot close " + tempPath + ": " + ErrnoText(errno);
+    if (::close(fd.Release()) != 0) {
+        return "cannot close " + tempPath + ": " + SDK::ErrnoText(errno);
     }
     if (::rename(tempPath.c_str(), m_target.c_str()) != 0) {
-        return "cannot rename " + tempPath + " to " + m_target + ": " + ErrnoText(errno);
+        return "cannot rename " + tempPath + " to " + m_target + ": " + SDK::ErrnoText(errno);
     }
     // Make the rename itself durable before the file is reported done.
-    int dirFd = ::open(DirName(m_target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dirFd >= 0) {
-        ::fsync(dirFd);
-        ::close(dirFd);
+    SDK::UniqueFd dirFd(
+        ::open(SDK::HostRoot::DirName(m_target).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dirFd.Valid()) {
+        ::fsync(dirFd.Get());
     }
     return "";
 }

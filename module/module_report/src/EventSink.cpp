@@ -7,9 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 
-#include <Poco/Error.h>
-
 #include "sdk/LogMacros.h"
+#include "sdk/Posix.h"
 #include "sdk/TimeUtils.h"
 
 namespace Report {
@@ -132,33 +131,30 @@ bool EventSink::EnsureOpen()
 
 bool EventSink::OpenFile()
 {
-    int fd = ::open(m_options.path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY,
-                    0640);
-    if (fd < 0) {
+    SDK::UniqueFd fd(::open(m_options.path.c_str(),
+                            O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640));
+    if (!fd.Valid()) {
         Fail("open", errno);
         return false;
     }
     struct stat st;
-    if (::fstat(fd, &st) != 0) {
-        int err = errno;
-        ::close(fd);
-        Fail("fstat", err);
+    if (::fstat(fd.Get(), &st) != 0) {
+        Fail("fstat", errno);
         return false;
     }
-    m_fd = fd;
+    m_fd = fd.Release();
     m_ownsFd = true;
     m_dev = st.st_dev;
     m_ino = st.st_ino;
     // A line cut short by an earlier crash or a full disk must not swallow
     // the next event: start on a fresh line.
     if (S_ISREG(st.st_mode) && st.st_size > 0) {
-        int reader = ::open(m_options.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+        SDK::UniqueFd reader(
+            ::open(m_options.path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
         char last = '\n';
-        if (reader >= 0) {
-            if (::pread(reader, &last, 1, st.st_size - 1) == 1 && last != '\n') {
-                m_brokenLine = true;
-            }
-            ::close(reader);
+        if (reader.Valid() && ::pread(reader.Get(), &last, 1, st.st_size - 1) == 1 &&
+            last != '\n') {
+            m_brokenLine = true;
         }
     }
     return true;
@@ -185,7 +181,7 @@ bool EventSink::RotateIfNeeded(size_t incoming)
         if (::rename(from.c_str(), to.c_str()) != 0 && errno != ENOENT) {
             SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
                     "Event sink rotation: cannot rename %s to %s: %s", from, to,
-                    Poco::Error::getMessage(errno));
+                    SDK::ErrnoText(errno));
         }
     }
     int rc = m_options.keep >= 1 ? ::rename(path.c_str(), (path + ".1").c_str())
@@ -193,7 +189,7 @@ bool EventSink::RotateIfNeeded(size_t incoming)
     if (rc != 0) {
         SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
                 "Event sink rotation of %s failed: %s; appending to it beyond %?d bytes.", path,
-                Poco::Error::getMessage(errno), m_options.maxBytes);
+                SDK::ErrnoText(errno), m_options.maxBytes);
     } else {
         ++m_stats.rotations;
         SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource,
@@ -253,7 +249,7 @@ void EventSink::Fail(const std::string& what, int err)
 {
     ++m_stats.failures;
     ++m_failuresSinceLog;
-    const std::string reason = what + " failed: " + Poco::Error::getMessage(err);
+    const std::string reason = what + " failed: " + SDK::ErrnoText(err);
     m_stats.lastError = m_options.path + ": " + reason;
     const int64_t now = SDK::TimeUtils::GetCurrentTimestampMS();
     m_stats.lastErrorMs = now;

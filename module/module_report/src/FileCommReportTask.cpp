@@ -19,6 +19,7 @@ const int kWaitMs = 200;
 const int kEventsPerWake = 64;
 const unsigned int kQueueSize = 1024;
 const Json::ArrayIndex kMaxStatusEntries = 64;
+const int64_t kUploadFailureLogIntervalMs = 60000;
 
 int64_t NowMs()
 {
@@ -36,9 +37,10 @@ const char* const FileCommReportTask::kUploadsKey = "report.uploads";
 // reads `result` after `finished` (and after joining the thread).
 class FileCommReportTask::Job : public Poco::Runnable {
 public:
-    Job(FileCommReportTask* owner, const std::string& target, const std::string& url,
-        const Report::DownloadLimits& limits)
-        : m_owner(owner), m_download(url, target, limits), m_startedMs(NowMs())
+    Job(FileCommReportTask* owner, const Request& request, const Report::DownloadLimits& limits)
+        : m_owner(owner),
+          m_download(request.url, request.target, limits, request.sha256),
+          m_startedMs(NowMs())
     {
     }
 
@@ -56,7 +58,7 @@ public:
     int64_t StartedMs() const { return m_startedMs; }
     Poco::Thread& Thread() { return m_thread; }
 
-    std::string nextUrl;                 // task thread only
+    std::unique_ptr<Request> next;       // task thread only
     std::atomic<uint64_t> coalesced{0};  // requests that joined this download
 
 private:
@@ -73,7 +75,7 @@ FileCommReportTask::FileCommReportTask(const Report::ReportConfig& config)
                       kQueueSize),
       m_logger(SDK::LoggerUtils::GetInstance()->GetModuleLogger("report_module", false)),
       m_config(config),
-      m_uploads(config.upload, m_logger)
+      m_uploads(config.upload)
 {
     if (m_config.maxParallelDownloads < 1) {
         m_config.maxParallelDownloads = 1;
@@ -95,7 +97,7 @@ int FileCommReportTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
     }
     switch (file->GetTaskType()) {
     case Framework::FileMessage::DOWNLOAD:
-        HandleDownload(file->GetFilePath(), file->GetExtra());
+        HandleDownload(Request{file->GetFilePath(), file->GetExtra(), file->GetKind()});
         break;
     case Framework::FileMessage::UPLOAD:
         HandleUpload(file->GetFilePath(), file->GetKind());
@@ -111,12 +113,20 @@ int FileCommReportTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
 
 int FileCommReportTask::Run()
 {
+    const int leftovers = m_uploads.RemoveLeftovers();
+    if (leftovers > 0) {
+        SDK_LOG(m_logger, Poco::Message::PRIO_NOTICE, kSource,
+                "Removed %d temporary files of uploads interrupted by an earlier stop from %s.",
+                leftovers, m_uploads.Dir());
+    }
     PublishUploads();
     while (!IsCancelling()) {
         GetEventWaiter().WaitAndHandleEvent(kWaitMs, kEventsPerWake);
         ReapJobs();
+        LogUploadFailures(NowMs());
     }
     StopJobs();
+    LogUploadFailures(NowMs() + kUploadFailureLogIntervalMs);
     return 0;
 }
 
@@ -133,8 +143,10 @@ bool FileCommReportTask::TargetAllowed(const std::string& target) const
            rest != ".." && (rest.size() < 3 || rest.compare(rest.size() - 3, 3, "/..") != 0);
 }
 
-void FileCommReportTask::HandleDownload(const std::string& target, const std::string& url)
+void FileCommReportTask::HandleDownload(const Request& request)
 {
+    const std::string& target = request.target;
+    const std::string& url = request.url;
     if (target.empty() || url.empty()) {
         SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
                 "Download request with target \"%s\" and URL \"%s\" ignored: both are needed.",
@@ -161,22 +173,25 @@ void FileCommReportTask::HandleDownload(const std::string& target, const std::st
     if (running != m_jobs.end()) {
         Job& job = *running->second;
         ++job.coalesced;
-        job.nextUrl = url == job.Download().Url() ? std::string() : url;
+        const bool same = url == job.Download().Url() && request.sha256 == job.Download().Sha256();
+        job.next.reset(same ? nullptr : new Request(request));
         SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource,
                 "Download of %s already running; request for %s joined it.", target, url);
         return;
     }
     for (auto& waiting : m_waiting) {
-        if (waiting.first == target) {
-            waiting.second = url;
+        if (waiting.target == target) {
+            waiting = request;
             return;
         }
     }
-    StartJob(target, url);
+    StartJob(request);
 }
 
-void FileCommReportTask::StartJob(const std::string& target, const std::string& url)
+void FileCommReportTask::StartJob(const Request& request)
 {
+    const std::string& target = request.target;
+    const std::string& url = request.url;
     Json::Value status(Json::objectValue);
     status["url"] = url;
     status["state"] = "running";
@@ -186,11 +201,11 @@ void FileCommReportTask::StartJob(const std::string& target, const std::string& 
     status["finished_ms"] = 0;
     status["coalesced"] = 0;
     if (m_jobs.size() >= static_cast<size_t>(m_config.maxParallelDownloads)) {
-        m_waiting.emplace_back(target, url);
+        m_waiting.push_back(request);
         SetDownloadStatus(target, status);
         return;
     }
-    auto job = std::make_shared<Job>(this, target, url, m_config.download);
+    auto job = std::make_shared<Job>(this, request, m_config.download);
     SetDownloadStatus(target, status);
     SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "Downloading %s to %s.", url,
             target);
@@ -243,15 +258,15 @@ void FileCommReportTask::ReapJobs()
         }
         job->Thread().join();
         it = m_jobs.erase(it);
-        if (!job->nextUrl.empty()) {
-            m_waiting.emplace_front(job->Download().Target(), job->nextUrl);
+        if (job->next) {
+            m_waiting.push_front(*job->next);
         }
     }
     while (!m_waiting.empty() &&
            m_jobs.size() < static_cast<size_t>(m_config.maxParallelDownloads)) {
-        auto next = m_waiting.front();
+        const Request next = m_waiting.front();
         m_waiting.pop_front();
-        StartJob(next.first, next.second);
+        StartJob(next);
     }
 }
 
@@ -320,11 +335,39 @@ void FileCommReportTask::HandleUpload(const std::string& path, const std::string
     case Report::UploadResult::FAILED:
         ++m_uploadCounters.failed;
         m_uploadCounters.lastError = path + ": " + r.error;
-        SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
-                "Upload of %s failed: %s; the file was not kept.", path, r.error);
+        UploadFailed(path, r.error);
         break;
     }
     PublishUploads();
+}
+
+void FileCommReportTask::UploadFailed(const std::string& path, const std::string& error)
+{
+    FailureLog& log = m_uploadFailures;
+    const int64_t now = NowMs();
+    if (log.loggedMs != 0 && now - log.loggedMs < kUploadFailureLogIntervalMs) {
+        ++log.unlogged;
+        log.latest = path + ": " + error;
+        return;
+    }
+    SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
+            "Upload of %s failed: %s; the file was not kept. Further failures are counted and "
+            "logged once a minute.",
+            path, error);
+    log.loggedMs = now;
+}
+
+void FileCommReportTask::LogUploadFailures(int64_t nowMs)
+{
+    FailureLog& log = m_uploadFailures;
+    if (log.unlogged == 0 || nowMs - log.loggedMs < kUploadFailureLogIntervalMs) {
+        return;
+    }
+    SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
+            "%?d more uploads failed in the last minute and were not kept; the latest: %s.",
+            log.unlogged, log.latest);
+    log.loggedMs = nowMs;
+    log.unlogged = 0;
 }
 
 void FileCommReportTask::PublishUploads()

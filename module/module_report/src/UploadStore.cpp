@@ -9,32 +9,30 @@
 #include <cstdlib>
 #include <vector>
 
-#include <Poco/Error.h>
-#include <Poco/Exception.h>
-#include <Poco/File.h>
 #include <json/json.h>
 
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
-#include "sdk/LogMacros.h"
+#include "sdk/Posix.h"
 #include "sdk/TimeUtils.h"
-
-#include "FileIo.h"
 
 namespace Report {
 
-using FileIo::DirName;
-using FileIo::ErrnoText;
-using FileIo::WriteAll;
+using SDK::ErrnoText;
 
 namespace {
 
-const char* const kSource = "module/module_report/src/UploadStore";
 const char* const kKindWebshell = "webshell";
 const size_t kChunk = 64 * 1024;
+const char* const kIncomingPrefix = ".incoming.";
+const char* const kSidecarPrefix = ".sidecar.";
+// A copy takes seconds; a temporary file this old was left by a crash (a
+// `scan` may be copying into the same directory right now).
+const int64_t kStaleTempS = 600;
 
-int MakeTemp(const std::string& pattern, std::string& path)
+int MakeTemp(const std::string& dir, const char* prefix, std::string& path)
 {
+    const std::string pattern = dir + "/" + prefix + "XXXXXX";
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
     int fd = ::mkostemp(name.data(), O_CLOEXEC);
@@ -47,12 +45,17 @@ int MakeTemp(const std::string& pattern, std::string& path)
 
 }  // namespace
 
-UploadStore::UploadStore(const UploadOptions& options, Poco::Logger* logger)
-    : m_options(options), m_logger(logger)
+UploadStore::UploadStore(const UploadOptions& options) : m_options(options)
 {
     while (m_options.dir.size() > 1 && m_options.dir.back() == '/') {
         m_options.dir.pop_back();
     }
+}
+
+int UploadStore::RemoveLeftovers()
+{
+    return SDK::RemoveStaleFiles(m_options.dir, kIncomingPrefix, kStaleTempS) +
+           SDK::RemoveStaleFiles(m_options.dir, kSidecarPrefix, kStaleTempS);
 }
 
 const char* UploadStore::OutcomeName(UploadResult::Outcome outcome)
@@ -72,42 +75,16 @@ const char* UploadStore::OutcomeName(UploadResult::Outcome outcome)
 
 std::string UploadStore::PrepareDir()
 {
-    const std::string& dir = m_options.dir;
-    if (dir.empty()) {
+    if (m_options.dir.empty()) {
         return "no upload directory is configured";
     }
-    try {
-        Poco::File(DirName(dir)).createDirectories();
-    } catch (const Poco::Exception& e) {
-        return "cannot create " + DirName(dir) + ": " + e.displayText();
-    }
-    if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-        return "cannot create " + dir + ": " + ErrnoText(errno);
-    }
-    struct stat st;
-    if (::lstat(dir.c_str(), &st) != 0) {
-        return dir + ": " + ErrnoText(errno);
-    }
-    if (!S_ISDIR(st.st_mode)) {
-        return dir + " is not a directory (a link or a file is in its place)";
-    }
-    if (st.st_uid != ::geteuid()) {
-        return dir + " belongs to uid " + std::to_string(st.st_uid) + ", not to the agent";
-    }
-    if ((st.st_mode & 07777) != 0700) {
-        if (::chmod(dir.c_str(), 0700) != 0) {
-            return "cannot restrict " + dir + " to mode 0700: " + ErrnoText(errno);
-        }
-        SDK_LOG(m_logger, Poco::Message::PRIO_NOTICE, kSource,
-                "Upload directory %s had mode %o; restricted to 0700.", dir,
-                static_cast<unsigned>(st.st_mode & 07777));
-    }
-    return "";
+    // A link planted in its place is refused, never followed.
+    return SDK::MakePrivateDir(m_options.dir).message();
 }
 
 std::string UploadStore::CopyToTemp(int srcFd, std::string& tempPath, uint64_t& size)
 {
-    int out = MakeTemp(m_options.dir + "/.incoming.XXXXXX", tempPath);
+    int out = MakeTemp(m_options.dir, kIncomingPrefix, tempPath);
     if (out < 0) {
         return "cannot create a temporary file in " + m_options.dir + ": " + ErrnoText(errno);
     }
@@ -132,9 +109,10 @@ std::string UploadStore::CopyToTemp(int srcFd, std::string& tempPath, uint64_t& 
                     " bytes while being copied";
             break;
         }
-        std::string writeError = WriteAll(out, buffer.data(), static_cast<size_t>(n));
-        if (!writeError.empty()) {
-            error = "cannot write " + tempPath + ": " + writeError;
+        const SDK::Status written =
+            SDK::WriteAll(out, std::string(buffer.data(), static_cast<size_t>(n)), tempPath);
+        if (!written) {
+            error = "cannot write " + written.message();
             break;
         }
     }
@@ -162,11 +140,11 @@ std::string UploadStore::WriteSidecar(const std::string& path, uint64_t size,
     const std::string text = SDK::JsonUtils::JsonToString(info) + "\n";
 
     std::string tempPath;
-    int fd = MakeTemp(m_options.dir + "/.sidecar.XXXXXX", tempPath);
+    int fd = MakeTemp(m_options.dir, kSidecarPrefix, tempPath);
     if (fd < 0) {
         return "cannot create a temporary file in " + m_options.dir + ": " + ErrnoText(errno);
     }
-    std::string error = WriteAll(fd, text.data(), text.size());
+    std::string error = SDK::WriteAll(fd, text, tempPath).message();
     if (error.empty() && ::fsync(fd) != 0) {
         error = ErrnoText(errno);
     }
@@ -199,41 +177,32 @@ UploadResult UploadStore::Store(const std::string& path, const std::string& kind
     if (!result.error.empty()) {
         return result;
     }
-    int src = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
-    if (src < 0) {
-        const int err = errno;
-        struct stat st;
-        // A socket cannot be opened at all (ENXIO); it is refused like a FIFO.
-        if (::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode)) {
-            result.outcome = UploadResult::REFUSED;
-            result.error = "not a regular file";
-        } else {
-            result.error = "cannot open: " + ErrnoText(err);
-        }
-        return result;
-    }
+    SDK::UniqueFd src;
+    const SDK::ReadResult opened = SDK::OpenRegularFile(path, false, src);
     struct stat st;
-    if (::fstat(src, &st) != 0) {
-        result.error = "cannot stat: " + ErrnoText(errno);
-        ::close(src);
-        return result;
-    }
-    if (!S_ISREG(st.st_mode)) {
-        ::close(src);
+    // A socket cannot be opened at all (ENXIO); it is refused like a FIFO.
+    if (opened.error == SDK::ReadError::NotRegular ||
+        (!opened.ok() && ::stat(path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))) {
         result.outcome = UploadResult::REFUSED;
         result.error = "not a regular file";
         return result;
     }
+    if (!opened.ok()) {
+        result.error = "cannot open: " + opened.reason;
+        return result;
+    }
+    if (::fstat(src.Get(), &st) != 0) {
+        result.error = "cannot stat: " + ErrnoText(errno);
+        return result;
+    }
     if (static_cast<uint64_t>(st.st_size) > m_options.maxBytes) {
-        ::close(src);
         result.outcome = UploadResult::REFUSED;
         result.error = "size " + std::to_string(st.st_size) + " is larger than the cap of " +
                        std::to_string(m_options.maxBytes) + " bytes";
         return result;
     }
     std::string tempPath;
-    result.error = CopyToTemp(src, tempPath, result.size);
-    ::close(src);
+    result.error = CopyToTemp(src.Get(), tempPath, result.size);
     if (!result.error.empty()) {
         return result;
     }

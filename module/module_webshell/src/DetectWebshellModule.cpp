@@ -22,12 +22,62 @@ const char* const kTaskletId = "detect_webshell_10001";
 const char* const kPolicyId = "10001";
 
 // Appends the strings of a JSON array, in order, as GetStringValue reads
-// each element (no validation: "" stays "", a number becomes its text).
+// each element ("" stays "", a number becomes its text).
 void AppendStrings(const Json::Value& array, std::list<std::string>& out)
 {
     for (Json::ArrayIndex i = 0; i < array.size(); ++i) {
         out.push_back(SDK::JsonUtils::GetStringValue(array[i], "", ""));
     }
+}
+
+// A NUL or another control character has no place in a path, a URL or a
+// suffix list: it is a typing or copying mistake, or an attempt to cut a
+// path short where C code reads it. JSON's "\u0000" survives parsing inside
+// the string, so the whole length is checked, not the C string.
+bool FindControlCharacter(const std::string& text, std::string::size_type& at)
+{
+    for (at = 0; at < text.size(); ++at) {
+        const unsigned char c = static_cast<unsigned char>(text[at]);
+        if (c < 0x20 || c == 0x7F) {
+            return true;
+        }
+    }
+    return false;
+}
+
+std::string ControlCharacterReason(const std::string& key, const std::string& text,
+                                   std::string::size_type at)
+{
+    static const char kHex[] = "0123456789abcdef";
+    const unsigned char c = static_cast<unsigned char>(text[at]);
+    return "\"" + key + "\" holds the control character \\x" + kHex[c >> 4] + kHex[c & 0x0F] + " at byte " +
+           std::to_string(at);
+}
+
+// The reason naming the first path-valued key that holds a control
+// character, or "".
+std::string CheckPathCharacters(const std::list<std::string>& customize, const std::list<std::string>& defaults,
+                                const std::string& libUrl, const std::string& fileType)
+{
+    std::string::size_type at = 0;
+    const std::pair<const char*, const std::list<std::string>*> lists[] = {
+        {"customize_scan_paths", &customize}, {"default_scan_paths", &defaults}};
+    for (const auto& list : lists) {
+        size_t index = 0;
+        for (const auto& path : *list.second) {
+            if (FindControlCharacter(path, at)) {
+                return ControlCharacterReason(std::string(list.first) + "[" + std::to_string(index) + "]", path, at);
+            }
+            ++index;
+        }
+    }
+    const std::pair<const char*, const std::string*> texts[] = {{"lib_url", &libUrl}, {"file_type", &fileType}};
+    for (const auto& text : texts) {
+        if (FindControlCharacter(*text.second, at)) {
+            return ControlCharacterReason(text.first, *text.second, at);
+        }
+    }
+    return std::string();
 }
 
 }  // namespace
@@ -60,6 +110,7 @@ DetectWebshellPolicy::~DetectWebshellPolicy() = default;
 
 bool DetectWebshellPolicy::Parse(const std::string& content)
 {
+    m_refusal = "not a JSON object";
     Json::Value root;
     if (SDK::JsonUtils::ParseJsonStr(content.c_str(), content.size(), root) != 0) {
         return false;
@@ -69,14 +120,17 @@ bool DetectWebshellPolicy::Parse(const std::string& content)
     SetEnabled(SDK::JsonUtils::GetBoolValue(root, "enabled", true));
 
     Json::Value body;
+    m_refusal = "no \"content\" object";
     if (!SDK::JsonUtils::GetSubobjectValue(root, "content", body)) {
         return false;
     }
     Json::Value paths;
+    m_refusal = "no \"customize_scan_paths\" array";
     if (!SDK::JsonUtils::GetArrayValue(body, "customize_scan_paths", paths)) {
         return false;
     }
     AppendStrings(paths, m_customizeScanPathList);
+    m_refusal = "no \"default_scan_paths\" array";
     if (!SDK::JsonUtils::GetArrayValue(body, "default_scan_paths", paths)) {
         return false;
     }
@@ -94,7 +148,7 @@ bool DetectWebshellPolicy::Parse(const std::string& content)
         // A typo here would silently change what becomes an event: refuse it.
         const Json::Value& score = body["certain_min_score"];
         if ((score.type() != Json::intValue && score.type() != Json::uintValue) || !score.isInt64()) {
-            m_parseError = "content.certain_min_score must be an integer";
+            m_refusal = "content.certain_min_score must be an integer";
             return false;
         }
         m_certainMinScore = score.asInt64();
@@ -102,14 +156,21 @@ bool DetectWebshellPolicy::Parse(const std::string& content)
 
     // Without a complete rule-library description nothing could be scanned.
     if (m_libVersion.empty() || m_libUrl.empty() || m_libHash.empty()) {
+        m_refusal = "\"lib_version\", \"lib_url\" and \"lib_hash\" are all required";
+        return false;
+    }
+    m_refusal = CheckPathCharacters(m_customizeScanPathList, m_defaultScanPathList, m_libUrl, m_fileType);
+    if (!m_refusal.empty()) {
         return false;
     }
 
     std::unique_ptr<DetectWebshellTaskPolicy> taskPolicy(new DetectWebshellTaskPolicy(kAutoScanTaskName));
     Json::Value autoScan;
+    m_refusal = "no \"auto_scan_task\" object";
     if (!SDK::JsonUtils::GetSubobjectValue(body, "auto_scan_task", autoScan)) {
         return false;
     }
+    m_refusal.clear();
     // A schedule that does not parse leaves the periodic task without one;
     // the rest of the policy still holds.
     if (taskPolicy->Parse(SDK::JsonUtils::JsonToString(autoScan))) {
@@ -161,12 +222,8 @@ Framework::Policy* DetectWebshellModule::RefreshFeaturePolicy(const std::string&
 {
     DetectWebshellPolicy* policy = new DetectWebshellPolicy(featureName);
     if (!policy->Parse(content)) {
-        if (policy->GetParseError().empty()) {
-            SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource, "Parse feature(%s) policy failed.", featureName);
-        } else {
-            SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource, "Parse feature(%s) policy failed: %s.", featureName,
-                    policy->GetParseError());
-        }
+        SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource, "Parse feature(%s) policy failed: %s.", featureName,
+                policy->GetRefusal());
         policy->SetExpired();
         delete policy;
         if (currentPolicy != nullptr) {

@@ -1,13 +1,18 @@
 #include "webshell/ScanWebshellTask.h"
 
 #include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <unordered_set>
 
 #include <Poco/String.h>
 #include <json/json.h>
@@ -89,6 +94,9 @@ struct PassFigures {
     uint64_t uploads = 0;
     uint64_t bytesChecked = 0;
     Json::Value roots{Json::arrayValue};
+    // When the running figures were last published, for status during a pass.
+    unsigned long publishedTick = 0;
+    uint64_t publishedSeen = 0;
 
     Json::Value ToJson(const char* state, const char* reason, int64_t finishedMs) const
     {
@@ -125,6 +133,7 @@ public:
         m_figures.passId = g_passCounter.fetch_add(1, std::memory_order_relaxed) + 1;
         m_figures.startedMs = SDK::TimeUtils::GetCurrentTimestampMS();
         t_pass = &m_figures;
+        m_figures.publishedTick = SDK::TimeUtils::GetCurrentSystemTickUsed();
         Framework::StatusBoard::Publish("webshell.last_pass", m_figures.ToJson("running", "", 0));
     }
     ~PassScope()
@@ -150,6 +159,27 @@ private:
     PassFigures* m_previous;
     bool m_published = false;
 };
+
+// The figures of the running pass, every second or every hundred files
+// seen, whichever comes first, so that status shows progress.
+const unsigned long kProgressIntervalMs = 1000;
+const uint64_t kProgressFiles = 100;
+
+void PublishProgress()
+{
+    PassFigures* figures = t_pass;
+    if (figures == nullptr) {
+        return;
+    }
+    const unsigned long now = SDK::TimeUtils::GetCurrentSystemTickUsed();
+    if (figures->filesSeen - figures->publishedSeen < kProgressFiles &&
+        now - figures->publishedTick < kProgressIntervalMs) {
+        return;
+    }
+    figures->publishedTick = now;
+    figures->publishedSeen = figures->filesSeen;
+    Framework::StatusBoard::Publish("webshell.last_pass", figures->ToJson("running", "", 0));
+}
 
 void PublishRules(const std::string& path, const char* state, const std::string& loaded,
                   const std::string& wanted, const std::string& hash, const std::string& url)
@@ -189,8 +219,17 @@ void AdmitScanPath(Poco::Logger* logger, const std::string& path, std::set<std::
     }
 }
 
-struct DirCloser {
-    void operator()(DIR* dir) const { closedir(dir); }
+// Directories a walk keeps open at once. Deeper directories are parked
+// (their remaining entries read into memory, the descriptor closed) and
+// reopened when the walk comes back to them, so a tree thousands of levels
+// deep costs neither thousands of descriptors nor a stack frame per level.
+const size_t kMaxOpenDirs = 32;
+const int kDirFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOCTTY;
+
+struct FileId {
+    dev_t dev;
+    ino_t ino;
+    bool operator==(const FileId& other) const { return dev == other.dev && ino == other.ino; }
 };
 
 // For a file without a certain match of its own: scans each layer the
@@ -226,7 +265,71 @@ void ScanDecodedLayers(SDK::YaraUtils& yara, Poco::Logger* logger, const std::st
     }
 }
 
+struct FileIdHash {
+    size_t operator()(const FileId& id) const noexcept
+    {
+        return std::hash<uint64_t>()(static_cast<uint64_t>(id.ino) * 0x9E3779B97F4A7C15ull ^
+                                     static_cast<uint64_t>(id.dev));
+    }
+};
+
+FileId IdOf(const struct stat& st)
+{
+    return FileId{st.st_dev, st.st_ino};
+}
+
+// One directory on the current descent.
+struct DirFrame {
+    FileId id{};
+    std::string::size_type pathLength = 0;  // its path is the walk's path cut here
+    std::string name;                       // its name in the parent frame
+    SDK::UniqueDir stream;                  // while it streams its entries
+    SDK::UniqueFd fd;                       // after it was parked and reopened
+    std::vector<std::string> parked;        // entries read out when parked
+    size_t next = 0;                        // next of `parked`
+    bool warnedSearch = false;
+
+    bool IsOpen() const { return stream.Valid() || fd.Valid(); }
+    int Fd() const { return stream.Valid() ? dirfd(stream.Get()) : fd.Get(); }
+};
+
+bool IsDotOrDotDot(const char* name)
+{
+    return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
+}
+
+// Reads what is left of the stream into `parked` and closes the directory.
+void Park(DirFrame& frame)
+{
+    if (frame.stream.Valid()) {
+        while (struct dirent* entry = readdir(frame.stream.Get())) {
+            if (!IsDotOrDotDot(entry->d_name)) {
+                frame.parked.emplace_back(entry->d_name);
+            }
+        }
+        frame.stream.Reset();
+    }
+    frame.fd.Reset();
+}
+
+// A directory opened as `fd` whose identity must be `id`.
+bool HasId(int fd, const FileId& id)
+{
+    struct stat st;
+    return fd >= 0 && fstat(fd, &st) == 0 && IdOf(st) == id;
+}
+
 }  // namespace
+
+// What one pass has walked and checked, shared by every walk of the pass
+// (host roots and container paths alike). Directories are entered once by
+// identity, which also keeps a walk out of its own ancestors; files are
+// checked once by identity, so a link or a hard link to a file already
+// checked adds nothing (files the suffix filter skips are not recorded).
+struct WalkState {
+    std::unordered_set<FileId, FileIdHash> dirs;
+    std::unordered_set<FileId, FileIdHash> files;
+};
 
 // ------------------------------------------------------------ construction
 
@@ -340,7 +443,7 @@ bool ScanWebshellTask::CheckLocalWebshellLib(const std::string& libVersion, cons
     if (hashResult == -1 || digest != libHash) {
         PublishRules(m_webshellLibPath, hashResult == -1 ? "missing" : "hash_mismatch", m_loadedLibVersion,
                      libVersion, libHash, libUrl);
-        SendFileDownloadMsg(m_webshellLibPath, libUrl);
+        SendFileDownloadMsg(m_webshellLibPath, libUrl, libHash);
         return false;
     }
     if (libVersion == m_loadedLibVersion) {
@@ -356,9 +459,12 @@ bool ScanWebshellTask::CheckLocalWebshellLib(const std::string& libVersion, cons
     return true;
 }
 
-void ScanWebshellTask::SendFileDownloadMsg(const std::string& path, const std::string& url)
+void ScanWebshellTask::SendFileDownloadMsg(const std::string& path, const std::string& url,
+                                           const std::string& sha256)
 {
-    SendDirectMsg(kFileCommReportTask, new Framework::FileMessage(Framework::FileMessage::DOWNLOAD, path, "", url));
+    // The report service installs the file only when it has this digest.
+    SendDirectMsg(kFileCommReportTask,
+                  new Framework::FileMessage(Framework::FileMessage::DOWNLOAD, path, sha256, url));
     SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "Download file, url(%s).", url);
 }
 
@@ -404,7 +510,7 @@ void ScanWebshellTask::Check()
         pass.Figures().roots.append(root);
     }
 
-    std::set<std::string> visited;
+    WalkState walk;
     for (const auto& path : m_scanPathSet) {
         if (IsCancelling()) {
             break;
@@ -412,7 +518,7 @@ void ScanWebshellTask::Check()
         WEBSHELL_THROTTLE_POINT(kSource, GetTaskName());
         if (!path.empty()) {
             ContainerCacheInfo blank;
-            ScanFromDir(path, visited, blank);
+            ScanFromDir(path, walk, blank);
         }
     }
 
@@ -434,53 +540,187 @@ void ScanWebshellTask::Check()
         for (const auto& path : entry.second.scanPathList) {
             WEBSHELL_THROTTLE_POINT(kSource, GetTaskName());
             pass.Figures().roots.append(path);
-            ScanFromDir(path, visited, entry.second);
+            ScanFromDir(path, walk, entry.second);
         }
     }
     pass.Publish("finished", "");
 }
 
-void ScanWebshellTask::ScanFromDir(const std::string& dir, std::set<std::string>& visited,
-                                   const ContainerCacheInfo& cache)
+void ScanWebshellTask::ScanFromDir(const std::string& dir, WalkState& walk, const ContainerCacheInfo& cache)
 {
     WEBSHELL_THROTTLE_POINT(kSource, GetTaskName());
     SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "ScanFromDir, path(%s), index(%lu)", dir, cache.index);
-    if (dir.empty() || visited.count(dir) != 0) {
+    if (dir.empty()) {
         return;
     }
-    visited.insert(dir);
+    SDK::UniqueFd fd(open(dir.c_str(), kDirFlags));
+    if (!fd.Valid()) {
+        WarnUnreadableDir(dir, SDK::ErrnoText(errno));
+        return;
+    }
+    WalkTree(fd.Release(), dir, walk, cache);
+}
 
-    std::unique_ptr<DIR, DirCloser> handle(opendir(dir.c_str()));
-    if (!handle) {
+void ScanWebshellTask::WarnUnreadableDir(const std::string& path, const std::string& reason)
+{
+    SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
+            "Cannot read directory %s (%s); the files under it are not checked.", path, reason);
+}
+
+// Depth first over an explicit stack of directories. `path` is always the
+// path of the deepest frame; a child's path is that plus "/" and its name
+// (the separator is always added: a root ending in "/" gives "//").
+void ScanWebshellTask::WalkTree(int rootFd, const std::string& root, WalkState& walk,
+                                const ContainerCacheInfo& cache)
+{
+    std::vector<DirFrame> stack;
+    std::string path = root;
+    size_t firstOpen = 0;  // frames below this index are parked
+
+    // Enters the directory `fd` (`name` in the deepest frame, or the root).
+    auto push = [&](SDK::UniqueFd fd, const std::string& name) {
+        struct stat st;
+        if (fstat(fd.Get(), &st) != 0) {
+            WarnUnreadableDir(path, SDK::ErrnoText(errno));
+            return false;
+        }
+        if (!walk.dirs.insert(IdOf(st)).second) {
+            SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "Directory %s was walked before in this pass.",
+                    path);
+            return false;
+        }
+        DIR* stream = fdopendir(fd.Get());
+        if (stream == nullptr) {
+            WarnUnreadableDir(path, SDK::ErrnoText(errno));
+            return false;
+        }
+        fd.Release();
+        if (stack.size() - firstOpen >= kMaxOpenDirs) {
+            Park(stack[firstOpen++]);
+        }
+        DirFrame frame;
+        frame.id = IdOf(st);
+        frame.pathLength = path.size();
+        frame.name = name;
+        frame.stream.Reset(stream);
+        stack.push_back(std::move(frame));
+        return true;
+    };
+
+    // Gives the deepest frame its descriptor back after it was parked:
+    // ".." of the child just left (the parent, unless the child was reached
+    // through a link), else down from the root by the recorded names.
+    auto reopen = [&](int childFd) {
+        DirFrame& frame = stack.back();
+        SDK::UniqueFd fd(childFd >= 0 ? openat(childFd, "..", kDirFlags) : -1);
+        if (!HasId(fd.Get(), frame.id)) {
+            fd.Reset(open(root.c_str(), kDirFlags));
+            for (size_t i = 1; i < stack.size() && HasId(fd.Get(), stack[i - 1].id); ++i) {
+                fd.Reset(openat(fd.Get(), stack[i].name.c_str(), kDirFlags));
+            }
+        }
+        if (!HasId(fd.Get(), frame.id)) {
+            SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
+                    "Directory %s changed while it was being scanned; the rest of it is not checked.",
+                    path.substr(0, frame.pathLength));
+            return false;
+        }
+        frame.fd = std::move(fd);
+        firstOpen = stack.size() - 1;
+        return true;
+    };
+
+    auto pop = [&]() {
+        SDK::UniqueFd childFd;
+        if (stack.back().stream.Valid()) {
+            childFd.Reset(dup(stack.back().Fd()));
+        } else {
+            childFd = std::move(stack.back().fd);
+        }
+        stack.pop_back();
+        while (!stack.empty()) {
+            path.resize(stack.back().pathLength);
+            if (stack.back().IsOpen() || reopen(childFd.Get())) {
+                return;
+            }
+            childFd.Reset();
+            stack.pop_back();
+        }
+    };
+
+    if (!push(SDK::UniqueFd(rootFd), std::string())) {
         return;
     }
-    while (struct dirent* entry = readdir(handle.get())) {
+    while (!stack.empty()) {
         if (IsCancelling()) {
             return;
         }
-        if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) {
+        DirFrame& top = stack.back();
+        std::string name;
+        if (top.stream.Valid()) {
+            errno = 0;
+            struct dirent* entry = readdir(top.stream.Get());
+            if (entry == nullptr) {
+                if (errno != 0) {
+                    WarnUnreadableDir(path, SDK::ErrnoText(errno));
+                }
+                pop();
+                continue;
+            }
+            if (IsDotOrDotDot(entry->d_name)) {
+                continue;
+            }
+            name = entry->d_name;
+        } else if (top.next < top.parked.size()) {
+            name = std::move(top.parked[top.next++]);
+        } else {
+            pop();
             continue;
         }
         WEBSHELL_THROTTLE_POINT(kSource, GetTaskName());
-        // The separator is always added: a dir ending in "/" gives "//".
-        const std::string child = dir + "/" + entry->d_name;
+        PublishProgress();
+        const std::string child = path + "/" + name;
+        // The type comes from stat (links followed), never from d_type.
         struct stat st;
         memset(&st, 0, sizeof(st));
-        // The type comes from stat (links followed), never from d_type.
-        if (stat(child.c_str(), &st) != 0) {
+        if (fstatat(top.Fd(), name.c_str(), &st, 0) != 0) {
+            if (errno == EACCES && !top.warnedSearch) {
+                top.warnedSearch = true;
+                WarnUnreadableDir(path, SDK::ErrnoText(EACCES));
+            }
             SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "ScanFromDir stat failed: file(%s), index(%lu)",
                     child, cache.index);
             continue;
         }
         switch (st.st_mode & S_IFMT) {
-        case S_IFDIR:
-            ScanFromDir(child, visited, cache);
+        case S_IFDIR: {
+            WEBSHELL_THROTTLE_POINT(kSource, GetTaskName());
+            SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "ScanFromDir, path(%s), index(%lu)", child,
+                    cache.index);
+            if (walk.dirs.count(IdOf(st)) != 0) {
+                SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource,
+                        "Directory %s was walked before in this pass.", child);
+                break;
+            }
+            SDK::UniqueFd fd(openat(top.Fd(), name.c_str(), kDirFlags));
+            if (!fd.Valid()) {
+                // Once per pass: the directory counts as walked.
+                walk.dirs.insert(IdOf(st));
+                WarnUnreadableDir(child, SDK::ErrnoText(errno));
+                break;
+            }
+            const std::string::size_type parentLength = path.size();
+            path = child;
+            if (!push(std::move(fd), name)) {
+                path.resize(parentLength);
+            }
             break;
+        }
         case S_IFLNK:
-            ScanFromLink(child, visited, cache);
+            ScanFromLink(child, walk, cache);
             break;
         case S_IFREG:
-            ScanFromFile(child, cache);
+            CheckWalkedFile(top.Fd(), name, child, walk, cache);
             break;
         default:
             SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "ScanFromDir stat check file %s Unknown", child);
@@ -489,35 +729,57 @@ void ScanWebshellTask::ScanFromDir(const std::string& dir, std::set<std::string>
     }
 }
 
-void ScanWebshellTask::ScanFromLink(const std::string& link, std::set<std::string>& visited,
-                                    const ContainerCacheInfo& cache)
+void ScanWebshellTask::CheckWalkedFile(int dirFd, const std::string& name, const std::string& path,
+                                       WalkState& walk, const ContainerCacheInfo& cache)
 {
-    const std::string real = SDK::PathUtils::GetLinkRealPath(link);
-    if (real.empty()) {
+    SDK::UniqueFd fd;
+    const SDK::ReadResult opened = SDK::OpenRegularFileAt(dirFd, name, false, fd);
+    if (!opened.ok()) {
+        if (opened.error == SDK::ReadError::NotRegular) {
+            SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "ScanFromDir stat check file %s Unknown", path);
+        } else if (opened.error == SDK::ReadError::Failed && CheckFileType(path)) {
+            // Gone since the directory was read is no news; anything else hides the file.
+            SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource, "Cannot check file %s (%s).", path,
+                    opened.status.message());
+        }
         return;
     }
     struct stat st;
-    memset(&st, 0, sizeof(st));
-    if (stat(real.c_str(), &st) != 0) {
+    if (fstat(fd.Get(), &st) != 0) {
         return;
     }
-    const unsigned int type = st.st_mode & S_IFMT;
-    if (type == S_IFLNK) {
-        visited.insert(real);
-        ScanFromDir(real, visited, cache);
-    } else if (type == S_IFREG) {
-        ScanFromFile(real, cache);
+    if (CheckFileType(path) && !walk.files.insert(IdOf(st)).second) {
+        SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "File %s was checked under another path in this pass.",
+                path);
+        return;
+    }
+    ScanFromFile(path, cache, fd.Get());
+}
+
+// The walk never calls this (the type comes from stat, which follows
+// links); a caller holding a link path gets the walk's treatment of it.
+void ScanWebshellTask::ScanFromLink(const std::string& link, WalkState& walk, const ContainerCacheInfo& cache)
+{
+    struct stat st;
+    memset(&st, 0, sizeof(st));
+    if (stat(link.c_str(), &st) != 0) {
+        return;
+    }
+    if (S_ISDIR(st.st_mode)) {
+        ScanFromDir(link, walk, cache);
+    } else if (S_ISREG(st.st_mode)) {
+        CheckWalkedFile(AT_FDCWD, link, link, walk, cache);
     }
 }
 
-void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCacheInfo& cache)
+void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd)
 {
     if (path.empty()) {
         return;
     }
     struct stat st;
     memset(&st, 0, sizeof(st));
-    if (stat(path.c_str(), &st) != 0) {
+    if ((fd >= 0 ? fstat(fd, &st) : stat(path.c_str(), &st)) != 0) {
         return;
     }
     PassFigures* figures = t_pass;
@@ -546,9 +808,14 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     std::string content;
     bool scanned = false;
     SDK::ScanContext context = SDK::ScanContext::ForPath(path);
+    // A walk hands the file already opened relative to its directory, so
+    // paths longer than PATH_MAX are read too.
     if (static_cast<uint64_t>(st.st_size) > kDecodeFileLimit) {
-        scanned = m_yara.CheckFile(path, &result, kScanTimeoutS);
-    } else if (SDK::ReadRegularFile(path, kDecodeFileLimit, content).ok()) {
+        scanned = fd >= 0 ? m_yara.CheckFd(fd, path, &result, kScanTimeoutS)
+                          : m_yara.CheckFile(path, &result, kScanTimeoutS);
+    } else if ((fd >= 0 ? SDK::ReadAll(fd, kDecodeFileLimit, content, path)
+                        : SDK::ReadRegularFile(path, kDecodeFileLimit, content))
+                   .ok()) {
         context.Measure(content.data(), content.size());
         scanned = m_yara.CheckBuffer(content.data(), content.size(), &result, kScanTimeoutS, context);
     }

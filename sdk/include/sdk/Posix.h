@@ -7,7 +7,9 @@
 #include <dirent.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "sdk/Status.h"
 
@@ -84,8 +86,12 @@ enum class ReadError {
 
 struct ReadResult {
     ReadError error = ReadError::None;
-    Status status;  // the reason, naming the path, when error != None
+    Status status;       // the reason, naming the path, when error != None
+    std::string reason;  // the same without the path ("not a regular file")
     bool ok() const { return error == ReadError::None; }
+
+    // A failure of `what` (a path) for `reason`.
+    static ReadResult Failure(ReadError error, const std::string& what, const std::string& reason);
 };
 
 // Opens a regular file for reading without blocking (O_NONBLOCK, so a FIFO
@@ -104,8 +110,26 @@ ReadResult ReadAll(int fd, std::size_t cap, std::string& out, const std::string&
 // Writes all of `data` to fd, retrying short writes and EINTR.
 Status WriteAll(int fd, const std::string& data, const std::string& what);
 
+// One entry of a directory; a symbolic link is a Link, never what it points to.
+struct DirEntry {
+    enum class Type { File, Dir, Link, Other };
+    std::string name;
+    Type type = Type::Other;
+};
+
+// The entries of directory `path` but "." and "..", sorted by name.
+// ReadError::Missing when it does not exist.
+ReadResult ListDirectory(const std::string& path, std::vector<DirEntry>& out);
+
 // Creates `dir` (and missing parents) with `mode`, and makes an existing one
-// have exactly that mode. A symbolic link in place of `dir` is refused.
+// have exactly that mode. A symbolic link in place of `dir` and a directory
+// of another user are refused, never changed.
 Status MakePrivateDir(const std::string& dir, unsigned mode = 0700);
+
+// Removes the regular files of `dir` whose names start with `namePrefix`
+// and that were last written more than `olderThanS` seconds ago: the
+// temporary files of a writer that died before it could remove them.
+// Returns how many went.
+int RemoveStaleFiles(const std::string& dir, const std::string& namePrefix, int64_t olderThanS);
 
 }  // namespace SDK

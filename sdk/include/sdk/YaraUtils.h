@@ -79,6 +79,10 @@ public:
     // timeout too; LastError says which). A callback that stops the scan
     // early (CALLBACK_ABORT) still makes a successful scan. timeout <= 0: none.
     bool CheckFile(const std::string& path, void* userData, int timeout);
+    // The same for a file the caller opened (a walk opens files relative to
+    // their directory, so no path length limit applies); `name` names it in
+    // LastError. Anything but a regular file is refused.
+    bool CheckFd(int fd, const std::string& name, void* userData, int timeout);
 
     // Scans a buffer already in memory with the variables of `context`
     // (whose filepath names it in errors); otherwise as CheckFile.

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "asset/ConfigScan.h"
-#include "asset/RootedFs.h"
+#include "sdk/HostRoot.h"
 
 namespace Asset {
 
@@ -27,7 +27,7 @@ class ApacheConfigParser {
 public:
     // `serverRoot`: the -d argument or the built-in ServerRoot.
     // `environment`: what ${NAME} falls back to when NAME is not Defined.
-    ApacheConfigParser(const RootedFs& fs, const std::string& serverRoot,
+    ApacheConfigParser(const SDK::HostRoot& fs, const std::string& serverRoot,
                        const std::map<std::string, std::string>& environment = {});
 
     // A -D NAME of the command line.
@@ -60,7 +60,7 @@ private:
     void Report(const std::string& path, const std::string& origin, const std::string& file,
                 int lineNo);
 
-    const RootedFs& m_fs;
+    const SDK::HostRoot& m_fs;
     std::string m_serverRoot;
     std::map<std::string, std::string> m_environment;
     std::map<std::string, std::string> m_defines;

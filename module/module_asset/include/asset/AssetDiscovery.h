@@ -69,7 +69,7 @@ private:
                                               std::vector<DiscoveryIssue>& issues);
     std::shared_ptr<AssetInfo> DescribeTomcat(const ProcessInfo& p, const ProcessTable& table,
                                               std::vector<DiscoveryIssue>& issues);
-    std::string ContainerName(const std::string& containerId) const;
+    std::string ContainerName(const std::string& containerId, std::string& dockerRoot) const;
 
     std::string m_hostRoot;
 };

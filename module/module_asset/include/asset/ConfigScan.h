@@ -3,10 +3,21 @@
 // names and the problems met on the way. Parsers never stop at the first
 // problem: a line they cannot read is recorded here and the rest is used.
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
+#include "sdk/HostRoot.h"
+
 namespace Asset {
+
+// Real configuration files are kilobytes; this bounds what a hostile one costs.
+constexpr std::size_t kMaxConfigBytes = 4u << 20;
+
+// A configuration file read through `fs`, at most kMaxConfigBytes. false
+// and `error` ("Permission denied", "not a regular file") when it cannot be.
+bool ReadConfigFile(const SDK::HostRoot& fs, const std::string& path, std::string& text,
+                    std::string& error);
 
 struct WebDir {
     std::string path;    // server namespace, absolute, no trailing slash

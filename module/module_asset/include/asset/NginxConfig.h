@@ -22,7 +22,7 @@
 #include <vector>
 
 #include "asset/ConfigScan.h"
-#include "asset/RootedFs.h"
+#include "sdk/HostRoot.h"
 
 namespace Asset {
 
@@ -39,7 +39,7 @@ public:
 
     // `prefix`: nginx's prefix (-p, or the built-in one), with or without the
     // trailing slash. Configuration files are read through `fs`.
-    NginxConfigParser(const RootedFs& fs, const std::string& prefix);
+    NginxConfigParser(const SDK::HostRoot& fs, const std::string& prefix);
 
     // Reads the main configuration file `confFile` (server namespace).
     ConfigScan ParseFile(const std::string& confFile);
@@ -64,13 +64,15 @@ private:
     bool NextToken(Source& src, Token& tok);
     void ParseBlock(Source& src, std::vector<Directive>& out, int blockDepth, bool inBlock);
     void ExpandInclude(const Directive& include, std::vector<Directive>& out, int includeDepth);
+    // The root a "root" directive sets (an issue when it is malformed), else `inherited`.
+    RootRef RootOf(const Directive* root, const RootRef& inherited);
     void Evaluate();
     void EvaluateServer(const Directive& server, const RootRef& inherited);
     void EvaluateLocation(const Directive& location, const RootRef& inherited);
     void Report(const RootRef& root, const std::string& origin);
     std::string Absolute(const std::string& path) const;
 
-    const RootedFs& m_fs;
+    const SDK::HostRoot& m_fs;
     std::string m_prefix;  // ends with "/"
     std::string m_confDir;
     ConfigScan m_scan;

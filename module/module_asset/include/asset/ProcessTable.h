@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "sdk/HostRoot.h"
+
 namespace Asset {
 
 struct ProcessInfo {
@@ -34,11 +36,9 @@ public:
     // for a few servers).
     std::map<std::string, std::string> Environment(int pid) const;
 
-    // The directory under which the process's files are read: the host
-    // root for a host process, <host root>/proc/<pid>/root for a container.
-    std::string FsPrefix(const ProcessInfo& process) const;
-
-    const std::string& HostRoot() const { return m_hostRoot; }
+    // The root under which the process's files are read: the host root for
+    // a host process, <host root>/proc/<pid>/root for a container.
+    SDK::HostRoot FilesOf(const ProcessInfo& process) const;
 
     // The container id that a /proc/<pid>/cgroup text names (docker-<id>.scope,
     // /docker/<id>, cri-containerd-<id>.scope, libpod-<id>.scope,
@@ -48,10 +48,14 @@ public:
     static std::vector<std::string> SplitCmdline(const std::string& raw);
 
 private:
+    // /proc files report no size; a cap bounds what one costs.
+    bool ReadProcFile(int pid, const char* name, std::string& out) const;
     bool ReadProcess(int pid, ProcessInfo& out) const;
     std::string ContainerOf(int pid, const std::string& cgroupText) const;
 
-    std::string m_hostRoot;  // no trailing slash; "" for "/"
+    SDK::HostRoot m_root;
+    // /proc as written: its links (self, <pid>/root, <pid>/exe) are the kernel's.
+    SDK::HostRoot m_proc;
     std::map<int, ProcessInfo> m_processes;
     std::string m_hostCgroupId;   // container id of pid 1 (when the agent itself runs in one)
     std::string m_hostMountNs;    // mount namespace of pid 1, empty when unreadable

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "asset/ConfigScan.h"
-#include "asset/RootedFs.h"
+#include "sdk/HostRoot.h"
 
 namespace Asset {
 
@@ -23,7 +23,7 @@ class TomcatConfigParser {
 public:
     // `properties`: the -D system properties of the JVM; catalina.base and
     // catalina.home are added from `catalinaBase` when missing.
-    TomcatConfigParser(const RootedFs& fs, const std::string& catalinaBase,
+    TomcatConfigParser(const SDK::HostRoot& fs, const std::string& catalinaBase,
                        const std::map<std::string, std::string>& properties = {});
 
     // Reads <catalina.base>/conf/server.xml and the context files.
@@ -56,7 +56,7 @@ private:
 
     friend class TomcatSaxHandler;
 
-    const RootedFs& m_fs;
+    const SDK::HostRoot& m_fs;
     std::string m_base;
     std::map<std::string, std::string> m_properties;
     ConfigScan m_scan;

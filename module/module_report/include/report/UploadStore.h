@@ -11,10 +11,6 @@
 #include <cstdint>
 #include <string>
 
-namespace Poco {
-class Logger;
-}
-
 namespace Report {
 
 struct UploadOptions {
@@ -35,7 +31,11 @@ struct UploadResult {
 
 class UploadStore {
 public:
-    UploadStore(const UploadOptions& options, Poco::Logger* logger);
+    explicit UploadStore(const UploadOptions& options);
+
+    // Removes the temporary files an agent that crashed while copying left
+    // in the directory; returns how many.
+    int RemoveLeftovers();
 
     // Copies `path` (kind "webshell") into the store. A file whose content is
     // already kept is a DUPLICATE: the copy and its sidecar stay as they are.
@@ -52,7 +52,6 @@ private:
                              const std::string& sha256);
 
     UploadOptions m_options;
-    Poco::Logger* m_logger;
 };
 
 }  // namespace Report

@@ -38,10 +38,11 @@ public:
     ~DetectWebshellPolicy() override;
 
     // The first failure returns false and leaves what was assigned so far.
+    // A NUL or other control character in a scan path, "lib_url" or
+    // "file_type" refuses the document.
     bool Parse(const std::string& content) override;
-    // Why the last Parse refused a key, for the log; empty when it did not
-    // get that far or the document itself was malformed.
-    const std::string& GetParseError() const { return m_parseError; }
+    // Why the last Parse returned false, naming the key ("" after success).
+    const std::string& GetRefusal() const { return m_refusal; }
 
     const std::list<std::string>& GetCustomizeScanPathList() const { return m_customizeScanPathList; }
     const std::list<std::string>& GetDefaultScanPathList() const { return m_defaultScanPathList; }
@@ -78,7 +79,7 @@ private:
     int m_uploadFileCountPerDay = 100;
     bool m_monitorContainer = false;
     std::optional<int64_t> m_certainMinScore;
-    std::string m_parseError;
+    std::string m_refusal;
 };
 
 }  // namespace Engine

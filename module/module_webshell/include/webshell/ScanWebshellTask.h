@@ -41,6 +41,8 @@ namespace Engine {
 
 class DetectWebshellPolicy;
 class FileNotifyMessage;
+// What one pass has walked and checked (ScanWebshellTask.cpp).
+struct WalkState;
 
 extern const char* const kAutoScanTaskName;        // "auto_scan_wehshell_task"
 extern const char* const kOnceScanTaskName;        // "once_scan_webshell_task"
@@ -74,19 +76,22 @@ public:
     bool ParsePolicyContent();
     bool CheckLocalWebshellLib(const std::string& libVersion, const std::string& libUrl,
                                const std::string& libHash);
-    void SendFileDownloadMsg(const std::string& path, const std::string& url);
+    void SendFileDownloadMsg(const std::string& path, const std::string& url, const std::string& sha256);
 
     // Scan directories.
     void GetScanPathSet(const std::list<std::string>& pathList, std::set<std::string>& pathSet);
     void GetWebHomePath(bool includeContainer);
 
-    // Walk and file check.
+    // Walk and file check. One pass walks each real directory (device and
+    // inode) at most once and checks each file at most once, whatever links
+    // lead to them; a directory reached through a link is walked under the
+    // link's path. The walk opens everything relative to its directory, so
+    // paths of any length are checked.
     void Check();
-    void ScanFromDir(const std::string& dir, std::set<std::string>& visited,
-                     const ContainerCacheInfo& cache);
-    void ScanFromLink(const std::string& link, std::set<std::string>& visited,
-                      const ContainerCacheInfo& cache);
-    void ScanFromFile(const std::string& path, const ContainerCacheInfo& cache);
+    void ScanFromDir(const std::string& dir, WalkState& walk, const ContainerCacheInfo& cache);
+    void ScanFromLink(const std::string& link, WalkState& walk, const ContainerCacheInfo& cache);
+    // `fd`: the file, already opened by the walk (-1: open `path`).
+    void ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd = -1);
     bool CheckFileType(const std::string& path);
     // YARA's scan callback; `userData` is the DetectResult.
     static int Callback(void* context, int message, void* messageData, void* userData);
@@ -131,6 +136,13 @@ protected:
     DetectWebshellPolicy* GetDetectPolicy();
 
 private:
+    // The walk below a root opened as `rootFd`.
+    void WalkTree(int rootFd, const std::string& root, WalkState& walk, const ContainerCacheInfo& cache);
+    // A regular file met by the walk: `name` relative to `dirFd`, reported as `path`.
+    void CheckWalkedFile(int dirFd, const std::string& name, const std::string& path, WalkState& walk,
+                         const ContainerCacheInfo& cache);
+    void WarnUnreadableDir(const std::string& path, const std::string& reason);
+
     Poco::Logger* m_logger;
     std::string m_webshellLibPath;
     SDK::YaraUtils m_yara;
