@@ -384,6 +384,9 @@ void ScanWebshellTask::ReceiveMsg()
 {
     while (!IsCancelling()) {
         GetEventWaiter().WaitAndHandleEvent(1000, 128);
+        if (m_watchRetryDelayMs != 0 && SDK::TimeUtils::GetCurrentSystemTickUsed() >= m_watchRetryAtMs) {
+            RegisterFileMonitorMessage();
+        }
     }
 }
 
@@ -1073,8 +1076,16 @@ void ScanWebshellTask::SendFileUploadMsg(const std::string& path)
 void ScanWebshellTask::RegisterFileMonitorMessage()
 {
     if (!ParsePolicyContent()) {
+        if (GetDetectPolicy() != nullptr) {
+            const unsigned long kFirstRetryMs = 500;
+            const unsigned long kLastRetryMs = 30000;
+            m_watchRetryDelayMs =
+                m_watchRetryDelayMs == 0 ? kFirstRetryMs : std::min(m_watchRetryDelayMs * 2, kLastRetryMs);
+            m_watchRetryAtMs = SDK::TimeUtils::GetCurrentSystemTickUsed() + m_watchRetryDelayMs;
+        }
         return;
     }
+    m_watchRetryDelayMs = 0;
     std::map<std::string, std::string> changes;
     UpdateMonitorDirChange(changes);
     for (const auto& change : changes) {

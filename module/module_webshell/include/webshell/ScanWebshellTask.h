@@ -150,6 +150,12 @@ private:
     std::vector<std::string> m_fileTypeList;
     std::set<std::string> m_scanPathSet;
     std::set<std::string> m_monitorDirSet;
+    // A watch registration that could not be made (rules not downloaded yet,
+    // no scan path yet) is tried again from the message loop, sooner at
+    // first and then at most every 30 s, so real time starts whatever the
+    // order of start-up, download and asset discovery.
+    unsigned long m_watchRetryAtMs = 0;
+    unsigned long m_watchRetryDelayMs = 0;
     std::map<std::string, ContainerCacheInfo> m_containerCache;
     Poco::RWLock m_containerLock;
     std::map<unsigned long, std::string> m_containerIndexMap;
