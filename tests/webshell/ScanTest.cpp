@@ -103,10 +103,11 @@ bool PassEnds(Engine::OnceScanWebshellTask& task, int timeoutS = 60)
 }
 
 // Writes `levels` directories named `prefix`<i> padded to 100 bytes below
-// `base`, a shell in each; returns the deepest directory's path. Everything
-// is made relative to a directory descriptor: the paths pass PATH_MAX.
+// `base`, a shell in each, and at the bottom a link "jump" to `jumpTo` when
+// given; returns the deepest directory's path. Everything is made relative
+// to a directory descriptor: the paths pass PATH_MAX.
 std::string MakeDeepTree(const std::string& base, const std::string& prefix, int levels,
-                         std::vector<std::string>& shells)
+                         std::vector<std::string>& shells, const std::string& jumpTo = "")
 {
     int fd = open(base.c_str(), O_RDONLY | O_DIRECTORY);
     std::string path = base;
@@ -125,6 +126,9 @@ std::string MakeDeepTree(const std::string& base, const std::string& prefix, int
         shells.push_back(path + "/s.php");
     }
     EXPECT_GE(fd, 0);
+    if (!jumpTo.empty()) {
+        EXPECT_EQ(0, symlinkat(jumpTo.c_str(), fd, "jump"));
+    }
     close(fd);
     return path;
 }
@@ -454,25 +458,11 @@ TEST_F(ScanTest, ShellsBeyondFourKilobytePathsAreReported)
     // descriptors open), a shell on every level, and from the bottom a link
     // into another 40 levels outside the root.
     TestSupport::TempDir outside("ardent-outside");
-    std::vector<std::string> shells;
-    const std::string bottom = MakeDeepTree(web.MkDir("www"), "level", 45, shells);
     std::vector<std::string> outsideShells;
     MakeDeepTree(outside.Path(), "far", 40, outsideShells);
-    const int bottomFd = [&] {
-        int fd = open(web.Join("www").c_str(), O_RDONLY | O_DIRECTORY);
-        for (size_t start = web.Join("www").size() + 1; fd >= 0 && start < bottom.size();) {
-            const size_t slash = std::min(bottom.find('/', start), bottom.size());
-            const int next = openat(fd, bottom.substr(start, slash - start).c_str(), O_RDONLY | O_DIRECTORY);
-            close(fd);
-            fd = next;
-            start = slash + 1;
-        }
-        return fd;
-    }();
-    ASSERT_GE(bottomFd, 0);
     const std::string far0 = outsideShells.front().substr(0, outsideShells.front().rfind('/'));
-    ASSERT_EQ(0, symlinkat(far0.c_str(), bottomFd, "jump"));
-    close(bottomFd);
+    std::vector<std::string> shells;
+    const std::string bottom = MakeDeepTree(web.MkDir("www"), "level", 45, shells, far0);
     for (const auto& path : outsideShells) {
         shells.push_back(bottom + "/jump" + path.substr(far0.size()));
     }
