@@ -286,10 +286,16 @@ TEST_F(ScanE2E, StarterRulesByDefaultAndEventsToAFile)
     EXPECT_NE(r.err.find(sink), std::string::npos) << r.err;
 }
 
-TEST_F(ScanE2E, PathsReplaceThePolicyScanPathsAndTheSuffixesComeFromThePolicy)
+TEST_F(ScanE2E, OnePassOverEachFileWhateverThePolicySaysAndPathsReplaceItsScanPaths)
 {
+    // A generated tree under the policy's own scan path, and a second root.
     const std::string other = m_dir.MkDir("other");
-    m_dir.Write("other/c.txt", kCertain);
+    const size_t kFiles = 24;
+    std::set<std::string> generated;
+    for (size_t i = 0; i < kFiles; ++i) {
+        generated.insert(m_dir.Write("other/d" + std::to_string(i % 3) + "/f" + std::to_string(i) + ".txt",
+                                     kCertain));
+    }
     const std::string www = m_dir.MkDir("www");
     m_dir.Write("www/a.txt", kCertain);
     m_dir.Write("www/b.php", kCertain);
@@ -301,8 +307,10 @@ TEST_F(ScanE2E, PathsReplaceThePolicyScanPathsAndTheSuffixesComeFromThePolicy)
     policy["content"]["lib_version"] = "x";
     policy["content"]["lib_url"] = "file:///nonexistent";
     policy["content"]["lib_hash"] = "0";
-    policy["content"]["auto_scan_task"]["task_condition"]["type"] = "daily";
-    policy["content"]["auto_scan_task"]["task_condition"]["at"] = "03:00";
+    // The periodic task would fire at once and every second.
+    policy["content"]["auto_scan_task"]["task_condition"]["type"] = "interval";
+    policy["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 1;
+    policy["content"]["auto_scan_task"]["task_condition"]["delay_s"] = 0;
     const std::string policyFile = m_dir.Write("policy.json", Json::FastWriter().write(policy));
 
     Outcome r = Scan({"--policy", policyFile, "--rules", m_rules, www});
@@ -311,11 +319,20 @@ TEST_F(ScanE2E, PathsReplaceThePolicyScanPathsAndTheSuffixesComeFromThePolicy)
     ASSERT_EQ(events.size(), 1u) << r.out;
     EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), www + "/a.txt");
 
+    // The library is in place now: the pass starts at once, and it is the
+    // only one. Each file is checked once and reported once.
     r = Scan({"--policy", policyFile, "--rules", m_rules});
     EXPECT_EQ(r.code, 1) << r.err;
     events = ParseLines(r.out);
-    ASSERT_EQ(events.size(), 1u) << r.out;
-    EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), other + "/c.txt");
+    std::set<std::string> reported;
+    for (const auto& e : events) {
+        reported.insert(e["file_info"][0]["file_path"].asString());
+    }
+    EXPECT_EQ(events.size(), kFiles) << r.out;
+    EXPECT_EQ(reported, generated);
+    const std::string figures = std::to_string(kFiles) + " files seen, " + std::to_string(kFiles) +
+                                " checked, " + std::to_string(kFiles) + " matched";
+    EXPECT_NE(r.err.find(figures), std::string::npos) << r.err;
 
     // Without --rules the policy's own library is used, and here it cannot
     // be fetched: the download failure is the error.

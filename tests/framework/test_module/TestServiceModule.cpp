@@ -20,8 +20,8 @@ Poco::Logger* Log()
 
 class PingMessage : public Framework::Message {
 public:
-    explicit PingMessage(Framework::Task* from) : Framework::Message("ping"), from(from) {}
-    Framework::Task* from;
+    explicit PingMessage(Framework::MailboxRef from) : Framework::Message("ping"), from(from) {}
+    Framework::MailboxRef from;
 };
 
 class PongMessage : public Framework::Message {
@@ -61,7 +61,7 @@ public:
     {
         if (auto ping = std::dynamic_pointer_cast<PingMessage>(msg)) {
             SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "test module: ping received by %s", GetTaskName());
-            SendMsgToTask(ping->from, new PongMessage());
+            ping->from.Post(std::make_shared<PongMessage>());
         }
         return 0;
     }
@@ -79,7 +79,7 @@ public:
         bool sent = false;
         while (!IsCancelling()) {
             if (!sent) {
-                sent = SendDirectMsg("test_scheduled_task", new PingMessage(this));
+                sent = SendDirectMsg("test_scheduled_task", new PingMessage(GetMailbox()));
             }
             GetEventWaiter().WaitAndHandleEvent(100, 16);
         }

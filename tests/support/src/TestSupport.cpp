@@ -319,6 +319,49 @@ void CaptureTask::Clear()
     m_messages.clear();
 }
 
+class LogCapture::Channel : public Poco::Channel {
+public:
+    void log(const Poco::Message& msg) override
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        records.push_back({msg.getPriority(), msg.getText()});
+    }
+    std::mutex mutex;
+    std::vector<Record> records;
+};
+
+LogCapture::LogCapture(const std::string& logger, Poco::Message::Priority level)
+    : m_logger(logger), m_channel(new Channel)
+{
+    Poco::Logger& target = Poco::Logger::get(m_logger);
+    m_previousChannel = target.getChannel();
+    m_previousLevel = target.getLevel();
+    target.setChannel(Poco::Channel::Ptr(m_channel.get(), true));
+    target.setLevel(level);
+}
+
+LogCapture::~LogCapture()
+{
+    Poco::Logger& target = Poco::Logger::get(m_logger);
+    target.setChannel(m_previousChannel);
+    target.setLevel(m_previousLevel);
+}
+
+std::vector<LogCapture::Record> LogCapture::Records()
+{
+    std::lock_guard<std::mutex> lock(m_channel->mutex);
+    return m_channel->records;
+}
+
+size_t LogCapture::Count(const std::string& needle, Poco::Message::Priority atMost)
+{
+    size_t n = 0;
+    for (const auto& r : Records()) {
+        n += r.priority <= atMost && r.text.find(needle) != std::string::npos ? 1 : 0;
+    }
+    return n;
+}
+
 TestEngine::TestEngine(const std::vector<std::string>& modules) : m_dir("ardent-engine")
 {
     m_installDir = MakeInstallTree(m_dir, modules);

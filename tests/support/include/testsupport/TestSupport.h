@@ -10,6 +10,10 @@
 #include <string>
 #include <vector>
 
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Message.h>
+
 #include "framework/Engine.h"
 #include "framework/Task.h"
 
@@ -91,6 +95,35 @@ public:
 private:
     std::mutex m_mutex;
     std::vector<std::shared_ptr<Framework::Message>> m_messages;
+};
+
+// Records what one logger says while it lives (at `level` and above). Make
+// it after any Engine: a new engine hands every logger the root's channel.
+class LogCapture {
+public:
+    struct Record {
+        Poco::Message::Priority priority;
+        std::string text;
+    };
+
+    explicit LogCapture(const std::string& logger,
+                        Poco::Message::Priority level = Poco::Message::PRIO_INFORMATION);
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<Record> Records();
+    // Records at least as severe as `atMost` whose text contains `needle`.
+    size_t Count(const std::string& needle,
+                 Poco::Message::Priority atMost = Poco::Message::PRIO_WARNING);
+
+    class Channel;
+
+private:
+    std::string m_logger;
+    Poco::AutoPtr<Channel> m_channel;
+    Poco::Channel::Ptr m_previousChannel;
+    int m_previousLevel = 0;
 };
 
 // An engine for in-process tests, its install dir a fresh tree.
