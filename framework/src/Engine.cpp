@@ -52,6 +52,8 @@ Engine::Engine()
 Engine::~Engine()
 {
     UnloadModules();
+    // Tasks registered without a module stop while the engine is reachable.
+    m_tasks.UnRegisterAll();
     Engine* self = this;
     g_engine.compare_exchange_strong(self, nullptr);
 }
