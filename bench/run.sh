@@ -16,6 +16,18 @@ if [ -x "$B/bench/bench_queue" ]; then
   ran=$((ran + 1))
 fi
 
+if [ -x "$B/bench/bench_policy" ]; then
+  echo "== policy: parse time against the number of scan paths"
+  "$B/bench/bench_policy"
+  ran=$((ran + 1))
+fi
+
+if [ -x "$B/stage/bin/ardent-agent" ] && command -v python3 >/dev/null; then
+  echo "== control socket: threads and mappings of the agent over 100,000 status requests"
+  python3 "$(cd "$(dirname "$0")" && pwd)/control/control_bench.py" "$B" 100000
+  ran=$((ran + 1))
+fi
+
 if [ -x "$B/bench/bench_watch" ]; then
   echo "== watch: close-to-event latency, checks of a 10 MB upload, burst of new files (real agent)"
   ARDENT_STAGE="$B/stage" "$B/bench/bench_watch"

@@ -7,18 +7,19 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iostream>
-#include <sstream>
 
 #include "Commands.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/Posix.h"
 
 namespace Agent {
 
 namespace {
 
 const int kReplyTimeoutMs = 30000;
+// What the agent takes in one request, less the command line.
+const size_t kMaxPolicyBytes = 16 * 1024 * 1024 - 64;
 
 bool SendAll(int fd, const std::string& data)
 {
@@ -49,15 +50,13 @@ int CtlCommandMain(const AgentOptions& options)
     if ((verb == "status" || verb == "scan-now" || verb == "reload") && options.args.size() == 1) {
         request = verb + "\n";
     } else if (verb == "policy" && options.args.size() == 2) {
-        std::ifstream in(options.args[1], std::ios::binary);
-        if (!in) {
-            std::cerr << "ardent-agent ctl: cannot read policy file " << options.args[1] << ": "
-                      << strerror(errno) << "\n";
+        std::string content;
+        const SDK::ReadResult read = SDK::ReadRegularFile(options.args[1], kMaxPolicyBytes, content);
+        if (!read.ok()) {
+            std::cerr << "ardent-agent ctl: cannot read policy file " << read.status.message() << "\n";
             return 2;
         }
-        std::ostringstream content;
-        content << in.rdbuf();
-        request = "policy 10001\n" + content.str();
+        request = "policy 10001\n" + content;
     } else {
         std::cerr << "ardent-agent ctl: unknown request; use status, scan-now, reload or policy F\n";
         return 2;
@@ -80,7 +79,9 @@ int CtlCommandMain(const AgentOptions& options)
         }
         return 2;
     }
-    if (!SendAll(fd, request)) {
+    // An agent that refuses this user answers and closes before reading:
+    // the reply is still there to read after a broken pipe.
+    if (!SendAll(fd, request) && errno != EPIPE && errno != ECONNRESET) {
         std::cerr << "ardent-agent ctl: sending the request failed: " << strerror(errno) << "\n";
         close(fd);
         return 2;

@@ -9,11 +9,18 @@
 // to fetch the policy's "lib_url" (here file://<rules>), and skips the pass;
 // this command waits for that download and runs the pass again.
 //
+// The command learns how things went from the typed outcomes the services
+// announce (message/Outcomes.h), which arrive in a mailbox of its own: the
+// end of the pass, the end of the download, the figures of the event sink
+// and the upload store. It waits on that mailbox, never on status texts.
+//
 // Choices for a one-shot pass:
 // - Without --policy a built-in policy is used: the usual web roots, the
 //   usual server-side script suffixes, 10 MiB, 100 uploads.
-// - File-change and container monitoring are switched off, whatever the
-//   policy says: nothing is left running after the pass.
+// - Exactly one pass over each file: schedules are held, so the periodic
+//   task never walks beside the pass this command runs, whatever the
+//   policy's schedule. File-change and container monitoring are switched
+//   off: nothing is left running after the pass.
 // - PATHs replace "customize_scan_paths" and empty "default_scan_paths".
 // - Events go to stdout unless --events names a file. Progress is shown on
 //   stderr when stderr is a terminal, except while the events are written
@@ -26,34 +33,30 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
+#include <map>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/Glob.h>
 #include <Poco/Path.h>
-#include <Poco/Runnable.h>
-#include <Poco/Thread.h>
 #include <Poco/URI.h>
 #include <json/json.h>
 
 #include "Commands.h"
 #include "framework/Engine.h"
-#include "framework/StatusBoard.h"
-#include "framework/Task.h"
+#include "framework/Mailbox.h"
+#include "framework/Topics.h"
+#include "message/Outcomes.h"
 #include "sdk/FileUtils.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
@@ -76,12 +79,17 @@ const char* const kModules[] = {"libreport_module.so", "libwebshell_module.so"};
 
 // The web-shell module hashes its rule library up to this size.
 const long kMaxRulesBytes = 10485760;
+const size_t kMaxPolicyBytes = 16 * 1024 * 1024;
 const int kDefaultMaxFileSize = 10485760;
 const int kDefaultUploadQuota = 100;
 // Long enough for the report service's own download timeout to fire first.
 const int kRulesWaitS = 90;
 const int kDrainWaitS = 60;
-const int kPollMs = 20;
+// How often the progress line is redrawn while the pass runs.
+const long kProgressMs = 250;
+// Figures arrive after every event and upload; the mailbox is drained all
+// along, this only bounds a burst.
+const unsigned int kOutcomeCapacity = 8192;
 
 const char* const kDefaultRoots[] = {
     "/var/www",
@@ -119,53 +127,9 @@ std::string Absolute(const std::string& path)
     return cwd + path;
 }
 
-bool ReadFile(const std::string& path, std::string& out, std::string& error)
-{
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        error = "cannot read " + path;
-        return false;
-    }
-    std::ostringstream text;
-    text << in.rdbuf();
-    out = text.str();
-    return true;
-}
-
 int64_t NowMs()
 {
     return static_cast<int64_t>(SDK::TimeUtils::GetCurrentSystemTickUsed());
-}
-
-template <typename Pred>
-bool WaitUntil(Pred pred, int timeoutS)
-{
-    const int64_t deadline = NowMs() + static_cast<int64_t>(timeoutS) * 1000;
-    while (!pred()) {
-        if (NowMs() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(kPollMs));
-    }
-    return true;
-}
-
-uint64_t Figure(const Json::Value& object, const char* key)
-{
-    const Json::Value& v = object[key];
-    return v.isUInt64() ? v.asUInt64() : 0;
-}
-
-// "HH:MM" of the minute that just passed: a daily schedule at that time
-// cannot fire while this short-lived process runs.
-std::string PassedMinute()
-{
-    std::time_t now = std::time(nullptr) - 60;
-    std::tm local{};
-    localtime_r(&now, &local);
-    char text[8];
-    std::snprintf(text, sizeof(text), "%02d:%02d", local.tm_hour, local.tm_min);
-    return text;
 }
 
 Json::Value DefaultPolicy()
@@ -190,133 +154,166 @@ Json::Value DefaultPolicy()
     content["file_type"] = kDefaultSuffixes;
     content["max_file_size"] = kDefaultMaxFileSize;
     content["upload_file_count_per_day"] = kDefaultUploadQuota;
+    // Held by this command like any schedule: the periodic task never fires.
     content["auto_scan_task"]["task_condition"]["type"] = "daily";
-    content["auto_scan_task"]["task_condition"]["at"] = PassedMinute();
+    content["auto_scan_task"]["task_condition"]["at"] = "03:00";
     return doc;
 }
 
-// Elapsed time and findings so far, rewritten in place on stderr.
-class Progress : public Poco::Runnable {
+// What the services announced, gathered on the calling thread from a
+// mailbox subscribed to their topics.
+class Outcomes {
 public:
-    void run() override
+    Outcomes() : m_mailbox(std::make_shared<Framework::Mailbox>("scan_command", kOutcomeCapacity))
     {
-        const int64_t start = NowMs();
-        while (!m_stop.load()) {
-            const Json::Value events = Framework::StatusBoard::Get("report.events");
-            const Json::Value uploads = Framework::StatusBoard::Get("report.uploads");
-            std::fprintf(stderr, "\rscanning... %.1f s, %llu events, %llu uploads\033[K",
-                         static_cast<double>(NowMs() - start) / 1000.0,
-                         static_cast<unsigned long long>(Figure(events, "received")),
-                         static_cast<unsigned long long>(Figure(uploads, "received")));
-            std::fflush(stderr);
-            for (int i = 0; i < 10 && !m_stop.load(); ++i) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(25));
+        for (const char* topic : kTopics) {
+            Framework::Topics::Subscribe(topic, Framework::MailboxRef(m_mailbox));
+        }
+    }
+    ~Outcomes()
+    {
+        for (const char* topic : kTopics) {
+            Framework::Topics::Unsubscribe(topic, Framework::MailboxRef(m_mailbox));
+        }
+    }
+    Outcomes(const Outcomes&) = delete;
+    Outcomes& operator=(const Outcomes&) = delete;
+
+    // Takes in what arrived; when nothing had, waits up to waitMs first.
+    void Pump(long waitMs)
+    {
+        if (m_mailbox->Depth() == 0 && waitMs > 0) {
+            m_mailbox->Wait(waitMs);
+        }
+        std::shared_ptr<Framework::Message> msg;
+        while (m_mailbox->Take(msg)) {
+            if (auto* pass = dynamic_cast<Engine::ScanPassMessage*>(msg.get())) {
+                passes.push_back(*pass);
+            } else if (auto* download = dynamic_cast<Engine::DownloadMessage*>(msg.get())) {
+                downloads.erase(download->target);
+                downloads.emplace(download->target, *download);
+            } else if (auto* sink = dynamic_cast<Engine::EventSinkMessage*>(msg.get())) {
+                events = sink->figures;
+            } else if (auto* store = dynamic_cast<Engine::UploadMessage*>(msg.get())) {
+                uploads = store->figures;
             }
         }
-        std::fprintf(stderr, "\r\033[K");
-        std::fflush(stderr);
     }
-    void Stop() { m_stop.store(true); }
+
+    // Pumps until `done` holds or timeoutS passed; `tick` runs at least every
+    // kProgressMs.
+    template <typename Done, typename Tick>
+    bool WaitUntil(Done done, int timeoutS, Tick tick)
+    {
+        const int64_t deadline = NowMs() + static_cast<int64_t>(timeoutS) * 1000;
+        for (;;) {
+            Pump(0);
+            if (done()) {
+                return true;
+            }
+            const int64_t left = deadline - NowMs();
+            if (left <= 0) {
+                return false;
+            }
+            tick();
+            Pump(std::min<int64_t>(left, kProgressMs));
+        }
+    }
+    template <typename Done>
+    bool WaitUntil(Done done, int timeoutS)
+    {
+        return WaitUntil(done, timeoutS, [] {});
+    }
+
+    std::vector<Engine::ScanPassMessage> passes;
+    std::map<std::string, Engine::DownloadMessage> downloads;
+    Engine::EventSinkFigures events;
+    Engine::UploadFigures uploads;
 
 private:
-    std::atomic<bool> m_stop{false};
+    static constexpr const char* kTopics[] = {Engine::kScanPassTopic, Engine::kDownloadTopic,
+                                              Engine::kEventSinkTopic, Engine::kUploadTopic};
+    std::shared_ptr<Framework::Mailbox> m_mailbox;
 };
 
 struct ScanRun {
     Framework::Engine& engine;
+    Outcomes& outcomes;
     std::string install;
     std::string libPath;
     bool showProgress = false;
 
-    // Runs the tasklet once; the pass's figures as the module published them.
-    bool Pass(Json::Value& pass, std::string& error)
+    // Runs the tasklet once, on the engine's worker thread, and waits for the
+    // pass to end. `pass` is what the module announced.
+    bool Pass(Engine::ScanPassMessage& pass, std::string& error)
     {
-        Progress progress;
-        Poco::Thread progressThread("scan progress");
-        if (showProgress) {
-            progressThread.start(progress);
-        }
-        const uint64_t before = Figure(Framework::StatusBoard::Get("webshell.last_pass"), "pass_id");
+        const size_t before = outcomes.passes.size();
         int result = 0;
-        const Framework::Engine::TaskletResult outcome =
-            engine.InvokeTasklet(kTasklet, "", true, result);
-        if (showProgress) {
-            progress.Stop();
-            progressThread.join();
-        }
-        if (outcome == Framework::Engine::TASKLET_UNKNOWN) {
+        const Framework::TaskletResult started = engine.InvokeTasklet(kTasklet, "", false, result);
+        if (started == Framework::TASKLET_UNKNOWN) {
             error = "the web-shell module did not register the scan tasklet " +
                     std::string(kTasklet) + " (see " + install + "log/agent.log)";
             return false;
         }
-        pass = Framework::StatusBoard::Get("webshell.last_pass");
-        if (pass.isNull() || Figure(pass, "pass_id") == before) {
+        const int64_t start = NowMs();
+        auto ended = [&] {
+            return outcomes.passes.size() > before || engine.TaskletRunner().Running().empty();
+        };
+        while (!ended()) {
+            outcomes.WaitUntil(ended, 3600, [&] { ShowProgress(start); });
+        }
+        engine.WaitForTasklets();
+        outcomes.Pump(0);
+        if (showProgress) {
+            std::fprintf(stderr, "\r\033[K");
+            std::fflush(stderr);
+        }
+        if (outcomes.passes.size() <= before) {
             error = "the scan tasklet ran but reported no pass (see " + install + "log/agent.log)";
             return false;
         }
+        pass = outcomes.passes.back();
         return true;
+    }
+
+    void ShowProgress(int64_t start) const
+    {
+        if (!showProgress) {
+            return;
+        }
+        std::fprintf(stderr, "\rscanning... %.1f s, %llu events, %llu uploads\033[K",
+                     static_cast<double>(NowMs() - start) / 1000.0,
+                     static_cast<unsigned long long>(outcomes.events.received),
+                     static_cast<unsigned long long>(outcomes.uploads.received));
+        std::fflush(stderr);
     }
 
     // After a pass skipped for want of rules: wait for the download the
     // module asked for. Empty text when the file is in place.
     std::string WaitForRules()
     {
-        std::string failure;
-        const bool settled = WaitUntil(
-            [&] {
-                const Json::Value d = Framework::StatusBoard::Get("report.downloads")[libPath];
-                const std::string state = d["state"].asString();
-                if (state == "failed") {
-                    failure = "download of " + d["url"].asString() + " to " + libPath +
-                              " failed: " + d["error"].asString();
-                    return true;
-                }
-                return state == "done";
-            },
-            kRulesWaitS);
-        if (!failure.empty()) {
-            return failure;
-        }
-        if (!settled) {
+        if (!outcomes.WaitUntil([&] { return outcomes.downloads.count(libPath) != 0; }, kRulesWaitS)) {
             return "the rule library did not arrive at " + libPath + " within " +
                    std::to_string(kRulesWaitS) + " s";
+        }
+        const Engine::DownloadMessage& d = outcomes.downloads.at(libPath);
+        if (!d.ok) {
+            return "download of " + d.url + " to " + libPath + " failed: " + d.error;
         }
         return "";
     }
 
     // Until the report services handled every event and upload of the pass.
-    bool Drain(const Json::Value& pass)
+    bool Drain(const Engine::PassFigures& pass)
     {
-        const uint64_t events = Figure(pass, "events");
-        const uint64_t uploads = Figure(pass, "uploads");
-        return WaitUntil(
+        return outcomes.WaitUntil(
             [&] {
-                Framework::Task* data = engine.FindTask(kDataTask);
-                Framework::Task* file = engine.FindTask(kFileTask);
-                return Figure(Framework::StatusBoard::Get("report.events"), "received") >= events &&
-                       Figure(Framework::StatusBoard::Get("report.uploads"), "received") >= uploads &&
-                       (data == nullptr || data->QueueDepth() == 0) &&
-                       (file == nullptr || file->QueueDepth() == 0);
+                return outcomes.events.received >= pass.events &&
+                       outcomes.uploads.received >= pass.uploads;
             },
             kDrainWaitS);
     }
 };
-
-std::string RulesProblem(const std::string& libPath)
-{
-    const Json::Value rules = Framework::StatusBoard::Get("webshell.rules");
-    const std::string state = rules["state"].asString();
-    if (state == "load_failed") {
-        return "the rule library " + libPath + " cannot be loaded";
-    }
-    if (state == "hash_mismatch") {
-        return "the rule library at " + libPath + " does not match the policy's lib_hash";
-    }
-    if (state == "missing") {
-        return "the rule library " + libPath + " is missing";
-    }
-    return "the rule library is not ready (state \"" + state + "\")";
-}
 
 std::string HumanBytes(uint64_t bytes)
 {
@@ -332,25 +329,47 @@ std::string HumanBytes(uint64_t bytes)
     return out.str();
 }
 
-void PrintSummary(const Json::Value& pass, const Json::Value& events, const Json::Value& uploads,
-                  const std::string& sink)
+// Figures of every pass this command made: a file checked twice shows.
+Engine::PassFigures Total(const std::vector<Engine::ScanPassMessage>& passes, double& seconds)
 {
+    Engine::PassFigures total;
+    seconds = 0;
+    for (const auto& p : passes) {
+        total.filesSeen += p.figures.filesSeen;
+        total.filesChecked += p.figures.filesChecked;
+        total.filesMatched += p.figures.filesMatched;
+        total.certain += p.figures.certain;
+        total.uncertain += p.figures.uncertain;
+        total.events += p.figures.events;
+        total.uploads += p.figures.uploads;
+        total.bytesChecked += p.figures.bytesChecked;
+        if (!p.Skipped()) {
+            seconds += static_cast<double>(p.finishedMs - p.startedMs) / 1000.0;
+        }
+    }
+    return total;
+}
+
+void PrintSummary(const Outcomes& outcomes, const std::string& sink)
+{
+    double seconds = 0;
+    const Engine::PassFigures pass = Total(outcomes.passes, seconds);
+    const Engine::EventSinkFigures& events = outcomes.events;
+    const Engine::UploadFigures& uploads = outcomes.uploads;
     std::ostringstream out;
-    out << "ardent-agent scan: " << Figure(pass, "files_seen") << " files seen, "
-        << Figure(pass, "files_checked") << " checked, " << Figure(pass, "files_matched")
-        << " matched (" << Figure(pass, "certain") << " certain, " << Figure(pass, "uncertain")
-        << " suspicious)\n";
-    out << "  events:  " << Figure(events, "written") << " written to " << sink;
-    if (Figure(pass, "certain") > Figure(pass, "events")) {
-        out << " (" << Figure(pass, "certain") - Figure(pass, "events")
+    out << "ardent-agent scan: " << pass.filesSeen << " files seen, " << pass.filesChecked
+        << " checked, " << pass.filesMatched << " matched (" << pass.certain << " certain, "
+        << pass.uncertain << " suspicious)\n";
+    out << "  events:  " << events.written << " written to " << sink;
+    if (pass.certain > pass.events) {
+        out << " (" << pass.certain - pass.events
             << " repeated within a minute and not reported again)";
     }
     out << "\n";
-    out << "  uploads: " << Figure(uploads, "stored") << " kept, " << Figure(uploads, "duplicates")
-        << " already kept, " << Figure(uploads, "refused") + Figure(uploads, "failed")
-        << " not kept, in " << uploads["dir"].asString() << "\n";
-    out << "  checked: " << HumanBytes(Figure(pass, "bytes_checked")) << " in " << std::fixed
-        << std::setprecision(2) << pass["seconds"].asDouble() << " s\n";
+    out << "  uploads: " << uploads.stored << " kept, " << uploads.duplicates << " already kept, "
+        << uploads.refused + uploads.failed << " not kept, in " << uploads.dir << "\n";
+    out << "  checked: " << HumanBytes(pass.bytesChecked) << " in " << std::fixed
+        << std::setprecision(2) << seconds << " s\n";
     std::cerr << out.str();
 }
 
@@ -385,9 +404,9 @@ int ScanCommandMain(const AgentOptions& options)
         policy = DefaultPolicy();
     } else {
         std::string text;
-        std::string error;
-        if (!ReadFile(options.policyFile, text, error)) {
-            return Error("policy: " + error);
+        const SDK::ReadResult read = SDK::ReadRegularFile(options.policyFile, kMaxPolicyBytes, text);
+        if (!read.ok()) {
+            return Error("policy: cannot read " + read.status.message());
         }
         if (SDK::JsonUtils::ParseJsonStr(text, policy) != 0 || !policy.isObject()) {
             return Error("policy file " + options.policyFile + " is not a JSON object");
@@ -499,7 +518,9 @@ int ScanCommandMain(const AgentOptions& options)
 
     // --- the engine with the report and web-shell modules
 
+    Outcomes outcomes;
     Framework::Engine engine;
+    engine.Tasks().HoldSchedules(true);
     engine.config().setString("agent.install_dir", install);
     engine.config().setString("agent.log_dir", install + "log");
     engine.config().setString("agent.events", sink);
@@ -523,14 +544,14 @@ int ScanCommandMain(const AgentOptions& options)
     }
 
     // --- the pass, once more if the rules had to be fetched first
-    ScanRun run{engine, install, install + kLibRelativePath,
+    ScanRun run{engine, outcomes, install, install + kLibRelativePath,
                 ::isatty(STDERR_FILENO) == 1 && !(sink == "-" && ::isatty(STDOUT_FILENO) == 1)};
-    Json::Value pass;
+    Engine::ScanPassMessage pass;
     std::string error;
     if (!run.Pass(pass, error)) {
         return Error(error);
     }
-    if (pass["state"].asString() == "skipped" && pass["reason"].asString() == "rules not ready") {
+    if (pass.AwaitsRules()) {
         error = run.WaitForRules();
         if (!error.empty()) {
             return Error("cannot prepare the rule library: " + error);
@@ -539,33 +560,34 @@ int ScanCommandMain(const AgentOptions& options)
             return Error(error);
         }
     }
-    if (pass["state"].asString() == "skipped") {
-        const std::string reason = pass["reason"].asString();
-        if (reason == "rules not ready") {
-            return Error("cannot prepare the rule library: " + RulesProblem(run.libPath));
-        }
-        if (reason == "scan path empty") {
-            return Error("none of the scan paths is an existing directory");
-        }
-        return Error("the pass was skipped: " + reason);
+    switch (pass.skip) {
+    case Engine::PassSkip::None:
+        break;
+    case Engine::PassSkip::RulesMissing:
+    case Engine::PassSkip::RulesMismatch:
+    case Engine::PassSkip::RulesUnloadable:
+        return Error("cannot prepare the rule library: " + pass.reason);
+    case Engine::PassSkip::NoScanPath:
+        return Error(pass.reason);
+    default:
+        return Error("the pass was skipped: " + pass.reason);
     }
-    const bool drained = run.Drain(pass);
+    const bool drained = run.Drain(pass.figures);
     engine.UnloadModules();  // the report tasks write what is still queued
+    outcomes.Pump(0);
 
-    const Json::Value events = Framework::StatusBoard::Get("report.events");
-    const Json::Value uploads = Framework::StatusBoard::Get("report.uploads");
-    PrintSummary(pass, events, uploads, sink == "-" ? std::string("standard output") : sink);
-    const uint64_t unwritten = Figure(events, "held") + Figure(events, "dropped");
+    PrintSummary(outcomes, sink == "-" ? std::string("standard output") : sink);
+    const uint64_t unwritten = outcomes.events.held + outcomes.events.dropped;
     if (unwritten > 0) {
         return Error(std::to_string(unwritten) + " events could not be written: " +
-                     events["last_error"].asString());
+                     outcomes.events.lastError);
     }
     if (!drained) {
         std::cerr << "ardent-agent scan: the report services did not confirm every event and "
                      "upload within "
                   << kDrainWaitS << " s\n";
     }
-    return Figure(pass, "certain") > 0 ? 1 : 0;
+    return pass.figures.certain > 0 ? 1 : 0;
 }
 
 }  // namespace Agent

@@ -1,10 +1,7 @@
 #include "framework/Task.h"
 
-#include <set>
-
-#include <Poco/Timestamp.h>
-
 #include "framework/Engine.h"
+#include "framework/TaskRegistry.h"
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/TimeUtils.h"
@@ -14,49 +11,21 @@ namespace Framework {
 namespace {
 
 const char* const kSource = "framework/src/Task";
+// Longest wait of a scheduled task between two looks at its schedule.
+const long kScheduledWaitMs = 1000;
+const int kScheduledBatch = 128;
 
 Poco::Logger* FrameworkLogger()
 {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", false);
 }
 
-// Every constructed task, so that a delivery by pointer can tell a live task
-// from a freed one. A task leaves the set at the start of its destruction
-// under the same lock deliveries hold.
-Poco::FastMutex g_liveMutex;
-std::set<Task*>& LiveTasks()
+int64_t NowMs()
 {
-    static std::set<Task*> live;
-    return live;
+    return SDK::TimeUtils::GetCurrentTimestampMS();
 }
 
 }  // namespace
-
-// One warning per window for dropped messages, with the number suppressed.
-void Task::WarnDropped(const std::string& target, const std::string& why)
-{
-    static std::atomic<int64_t> lastWarnMs{0};
-    static std::atomic<uint64_t> suppressed{0};
-    const int64_t now = SDK::TimeUtils::GetCurrentTimestampMS();
-    int64_t last = lastWarnMs.load(std::memory_order_relaxed);
-    if (now - last < 5000 || !lastWarnMs.compare_exchange_strong(last, now)) {
-        suppressed.fetch_add(1, std::memory_order_relaxed);
-        return;
-    }
-    const unsigned long more = suppressed.exchange(0);
-    SDK_LOG(FrameworkLogger(), Poco::Message::PRIO_WARNING, kSource,
-            "Message for task %s dropped: %s (%lu more dropped messages not logged in the last 5 s)",
-            target, why, more);
-}
-
-bool Event::Wait(long timeoutMs)
-{
-    if (timeoutMs < 0) {
-        m_event.wait();
-        return true;
-    }
-    return m_event.tryWait(timeoutMs);
-}
 
 int EventWaiter::WaitAndHandleEvent(int timeoutMs, int maxEvents)
 {
@@ -97,16 +66,26 @@ int EventWaiter::HandlePending(int maxEvents)
 Task::Task(const std::string& name, const std::string& feature, TaskCondition::TaskType type,
            unsigned int size)
     : Poco::Task(name), m_feature(feature), m_condition(type), m_eventWaiter(this),
-      m_consumer(size), m_type(type)
+      m_consumer(name, size, type), m_type(type)
 {
-    Poco::FastMutex::ScopedLock lock(g_liveMutex);
-    LiveTasks().insert(this);
 }
 
 Task::~Task()
 {
-    Poco::FastMutex::ScopedLock lock(g_liveMutex);
-    LiveTasks().erase(this);
+    Withdraw();
+}
+
+void Task::Withdraw()
+{
+    std::shared_ptr<OnDemandTasks> enrolled;
+    {
+        Poco::FastMutex::ScopedLock lock(m_enrolMutex);
+        enrolled = m_enrolledIn.lock();
+        m_enrolledIn.reset();
+    }
+    if (enrolled) {
+        enrolled->Withdraw(this);
+    }
 }
 
 void Task::SetState(Poco::Task::TaskState state)
@@ -117,6 +96,7 @@ void Task::SetState(Poco::Task::TaskState state)
     }
     setState(state);
     m_state.store(state, std::memory_order_release);
+    m_consumer.m_mailbox->SetOwnerState(state);
 }
 
 void Task::run()
@@ -150,9 +130,10 @@ void Task::cancel()
         if (m_state.load() != TASK_FINISHED) {
             Poco::Task::cancel();
             m_state.store(TASK_CANCELLING, std::memory_order_release);
+            m_consumer.m_mailbox->SetOwnerState(TASK_CANCELLING);
         }
     }
-    m_event.Set();
+    Wake();
 }
 
 void Task::ResetForStart()
@@ -160,6 +141,7 @@ void Task::ResetForStart()
     Poco::FastMutex::ScopedLock lock(m_stateMutex);
     reset();
     m_state.store(TASK_IDLE, std::memory_order_release);
+    m_consumer.m_mailbox->SetOwnerState(TASK_IDLE);
 }
 
 void Task::runTask()
@@ -178,70 +160,71 @@ void Task::runTask()
 
 void Task::RunOnce()
 {
-    m_lastRunStartMs.store(SDK::TimeUtils::GetCurrentTimestampMS(), std::memory_order_relaxed);
+    m_lastRunStartMs.store(NowMs(), std::memory_order_relaxed);
     m_runs.fetch_add(1, std::memory_order_relaxed);
     Run();
-    m_lastRunEndMs.store(SDK::TimeUtils::GetCurrentTimestampMS(), std::memory_order_relaxed);
+    m_lastRunEndMs.store(NowMs(), std::memory_order_relaxed);
+}
+
+int64_t Task::FirstFire(const TaskCondition& condition) const
+{
+    if (m_scheduleHeld.load() || !condition.HasSchedule()) {
+        return -1;
+    }
+    return condition.FirstFireMs(NowMs());
 }
 
 void Task::RunScheduled()
 {
-    TaskCondition condition = GetCondition();
-    int64_t next = condition.HasSchedule()
-                       ? condition.FirstFireMs(SDK::TimeUtils::GetCurrentTimestampMS())
-                       : -1;
-    m_nextFireMs.store(next, std::memory_order_relaxed);
     m_conditionChanged.store(false);
+    TaskCondition condition = GetCondition();
+    int64_t next = FirstFire(condition);
+    m_nextFireMs.store(next, std::memory_order_relaxed);
     while (!IsCancelling()) {
         if (m_conditionChanged.exchange(false)) {
             condition = GetCondition();
-            next = condition.HasSchedule()
-                       ? condition.FirstFireMs(SDK::TimeUtils::GetCurrentTimestampMS())
-                       : -1;
+            next = FirstFire(condition);
             m_nextFireMs.store(next, std::memory_order_relaxed);
         }
-        int64_t now = SDK::TimeUtils::GetCurrentTimestampMS();
+        const int64_t now = NowMs();
         if (next >= 0 && now >= next) {
             ReleaseRetiredPolicies();
             RunOnce();
             ReleaseRetiredPolicies();
             // Fires that passed during the run collapse into at most one.
-            next = condition.NextFireMs(next, SDK::TimeUtils::GetCurrentTimestampMS());
+            next = condition.NextFireMs(next, NowMs());
             m_nextFireMs.store(next, std::memory_order_relaxed);
             continue;
         }
-        long wait = 1000;
+        long wait = kScheduledWaitMs;
         if (next >= 0 && next - now < wait) {
             wait = static_cast<long>(next - now);
         }
-        m_eventWaiter.WaitAndHandleEvent(static_cast<int>(wait), 128);
+        m_eventWaiter.WaitAndHandleEvent(static_cast<int>(wait), kScheduledBatch);
     }
 }
 
 int Task::Init()
 {
     ReleaseRetiredPolicies();
+    // An on-demand task has no thread: the registry handles its messages.
+    if (m_type == TaskCondition::TASK_TYPE_ONDEMAND) {
+        if (Engine* engine = Engine::GetInstance()) {
+            engine->Tasks().OnDemand()->Enrol(this);
+        }
+    }
     return 0;
 }
 
 int Task::UnInit()
 {
+    Withdraw();
     return 0;
-}
-
-int Task::Deliver(const std::shared_ptr<Message>& msg)
-{
-    if (m_consumer.m_queue.Enqueue(msg) != 1) {
-        m_dropped.fetch_add(1, std::memory_order_relaxed);
-        return 0;
-    }
-    m_event.Set();
-    return 1;
 }
 
 int Task::EnqueueMsg(std::shared_ptr<Message> msg)
 {
-    return Deliver(msg);
+    return m_consumer.m_mailbox->Post(msg) ? 1 : 0;
 }
 
 int Task::HandleMsg(std::shared_ptr<Message>& msg)
@@ -254,70 +237,16 @@ int Task::HandleMsg(std::shared_ptr<Message>& msg)
 
 bool Task::SendDirectMsg(const std::string& target, Message* msg)
 {
+    std::shared_ptr<Message> owned(msg);
     Engine* engine = Engine::GetInstance();
     if (engine == nullptr) {
-        delete msg;
-        WarnDropped(target, "no engine");
+        Mailbox::WarnDropped(target, "no engine");
         return false;
     }
-    return engine->SendDirectMsg(target, msg);
+    return engine->Tasks().Send(target, owned);
 }
 
-bool Task::SendMsgToTask(Task* target, Message* msg)
-{
-    std::shared_ptr<Message> owned(msg);
-    return DeliverToLive(target, owned);
-}
-
-bool Task::DeliverToLive(Task* target, const std::shared_ptr<Message>& msg)
-{
-    std::string name;
-    {
-        Poco::FastMutex::ScopedLock lock(g_liveMutex);
-        if (target == nullptr || LiveTasks().count(target) == 0) {
-            name = "(gone)";
-        } else if (target->Deliver(msg) == 1) {
-            return true;
-        } else {
-            name = target->GetTaskName();
-        }
-    }
-    WarnDropped(name, name == "(gone)" ? "the task no longer exists" : "its queue is full");
-    return false;
-}
-
-std::vector<Task*> Task::LiveTasksOfType(TaskCondition::TaskType type)
-{
-    std::vector<Task*> out;
-    Poco::FastMutex::ScopedLock lock(g_liveMutex);
-    for (Task* t : LiveTasks()) {
-        if (t->m_type == type) {
-            out.push_back(t);
-        }
-    }
-    return out;
-}
-
-bool Task::DescribeLive(Task* target, TaskCondition::TaskType& type, Poco::Task::TaskState& state)
-{
-    Poco::FastMutex::ScopedLock lock(g_liveMutex);
-    if (target == nullptr || LiveTasks().count(target) == 0) {
-        return false;
-    }
-    type = target->m_type;
-    state = target->GetState();
-    return true;
-}
-
-void Task::CancelAllLive()
-{
-    Poco::FastMutex::ScopedLock lock(g_liveMutex);
-    for (Task* t : LiveTasks()) {
-        t->Task::cancel();  // not virtual: the object may be mid-destruction
-    }
-}
-
-int Task::AddConsumer(unsigned long kind, const char* name, Task* consumer)
+int Task::AddConsumer(unsigned long kind, const char* name, const MailboxRef& consumer)
 {
     Poco::FastMutex::ScopedLock lock(m_productor.m_mutex);
     const MessageProductor::ConsumerKey key(kind, name ? name : "");
@@ -326,7 +255,7 @@ int Task::AddConsumer(unsigned long kind, const char* name, Task* consumer)
     for (auto it = range.first; it != range.second; ++it) {
         present = present || it->second == consumer;
     }
-    if (!present && consumer != nullptr) {
+    if (!present && !consumer.Empty()) {
         m_productor.m_consumers.emplace(key, consumer);
     }
     int count = 0;
@@ -336,7 +265,12 @@ int Task::AddConsumer(unsigned long kind, const char* name, Task* consumer)
     return count;
 }
 
-int Task::DelConsumer(unsigned long kind, const char* name, const Task* consumer)
+int Task::AddConsumer(unsigned long kind, const char* name, Task* consumer)
+{
+    return AddConsumer(kind, name, consumer != nullptr ? consumer->GetMailbox() : MailboxRef());
+}
+
+int Task::DelConsumer(unsigned long kind, const char* name, const MailboxRef& consumer)
 {
     Poco::FastMutex::ScopedLock lock(m_productor.m_mutex);
     const MessageProductor::ConsumerKey key(kind, name ? name : "");
@@ -353,10 +287,15 @@ int Task::DelConsumer(unsigned long kind, const char* name, const Task* consumer
     return removed;
 }
 
-std::vector<Task*> Task::GetConsumers(unsigned long kind)
+int Task::DelConsumer(unsigned long kind, const char* name, const Task* consumer)
+{
+    return DelConsumer(kind, name, consumer != nullptr ? consumer->GetMailbox() : MailboxRef());
+}
+
+std::vector<MailboxRef> Task::GetConsumers(unsigned long kind)
 {
     Poco::FastMutex::ScopedLock lock(m_productor.m_mutex);
-    std::vector<Task*> out;
+    std::vector<MailboxRef> out;
     for (auto& entry : m_productor.m_consumers) {
         if (entry.first.first == kind) {
             out.push_back(entry.second);
@@ -406,7 +345,14 @@ void Task::SetCondition(const TaskCondition& condition)
         m_condition.SetType(m_type);
     }
     m_conditionChanged.store(true);
-    m_event.Set();
+    Wake();
+}
+
+void Task::HoldSchedule(bool held)
+{
+    m_scheduleHeld.store(held);
+    m_conditionChanged.store(true);
+    Wake();
 }
 
 }  // namespace Framework

@@ -13,7 +13,7 @@ const char* const kSource = "message/src/AssetMessage";
 int AssetRegisterMessage::MessageHandle(void* receiver)
 {
     auto* service = static_cast<Framework::Task*>(receiver);
-    int result = service->AddConsumer(kind, "", task);
+    int result = service->AddConsumer(kind, "", consumer);
     SDK_LOG(SDK::LoggerUtils::GetInstance()->GetRootLogger(), Poco::Message::PRIO_INFORMATION, kSource,
             "RegisterMsg handle, add consumer (%d)", result);
     return result;
@@ -22,7 +22,7 @@ int AssetRegisterMessage::MessageHandle(void* receiver)
 int AssetUnRegisterMessage::MessageHandle(void* receiver)
 {
     auto* service = static_cast<Framework::Task*>(receiver);
-    service->DelConsumer(kind, "", task);
+    service->DelConsumer(kind, "", consumer);
     // The unregister record carries the placeholder as it stands: no value.
     SDK_LOG(SDK::LoggerUtils::GetInstance()->GetRootLogger(), Poco::Message::PRIO_INFORMATION, kSource,
             "UnRegisterMsg handle, del consumer (%d)");

@@ -3,10 +3,7 @@
 // written under that root.
 
 #include <chrono>
-#include <functional>
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -32,42 +29,22 @@ rule asset_e2e_certain : certain extra_php
 
 const std::string kShell = "<?php exit; /* ASSET_E2E_CERTAIN_MARKER */ ?>\n";
 
-bool ParseJson(const std::string& text, Json::Value& out)
-{
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
-}
-
-// Polls `pred` every `periodMs` until it holds or `timeoutMs` passes (for
-// checks that cost a process start each).
-bool Eventually(const std::function<bool()>& pred, int timeoutMs, int periodMs)
-{
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        if (pred()) {
-            return true;
-        }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(periodMs));
-    }
-}
-
 // The events of the sink whose first file is `path`.
 std::vector<Json::Value> EventsFor(const std::string& sink, const std::string& path)
 {
     std::vector<Json::Value> out;
-    for (const auto& line : TestSupport::ReadLines(sink)) {
-        Json::Value event;
-        if (ParseJson(line, event) && event["file_info"].isArray() &&
-            event["file_info"][0]["file_path"].asString() == path) {
+    for (const auto& event : TestSupport::ReadEvents(sink)) {
+        if (event["file_info"].isArray() && event["file_info"][0]["file_path"].asString() == path) {
             out.push_back(event);
         }
     }
     return out;
+}
+
+// The assets `ctl status` lists.
+Json::Value Assets(const std::string& install)
+{
+    return TestSupport::CtlStatus(install)["components"]["asset"]["assets"];
 }
 
 }  // namespace
@@ -88,19 +65,9 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     dir.MkDir("nginx/tmp");
     const std::string events = dir.Join("events.jsonl");
 
-    Json::Value policy;
-    policy["feature_name"] = "detect_webshell";
-    policy["hash"] = "asset-e2e";
+    Json::Value policy = TestSupport::WebshellPolicy({}, rules);
     policy["content"]["default_scan_paths"].append(policyOnly);
-    policy["content"]["customize_scan_paths"] = Json::Value(Json::arrayValue);
-    policy["content"]["lib_version"] = "1";
-    policy["content"]["lib_url"] = "file://" + rules;
-    policy["content"]["lib_hash"] = TestSupport::Sha256Sum(rules);
     policy["content"]["monitor_file_change"] = true;
-    policy["content"]["monitor_container"] = false;
-    policy["content"]["file_type"] = "php";
-    policy["content"]["auto_scan_task"]["task_condition"]["type"] = "daily";
-    policy["content"]["auto_scan_task"]["task_condition"]["at"] = "03:00";
     const std::string policyFile = dir.Write("policy.json", Json::FastWriter().write(policy));
 
     const int port = AssetTest::FreePort();
@@ -121,16 +88,10 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policyFile, "--events", events}));
 
     // `ctl status` lists the nginx asset with its root.
-    const std::string ctl = TestSupport::AgentBinary() + " ctl status --install-dir " + install;
     Json::Value asset;
-    const bool listed = Eventually(
+    const bool listed = WaitFor(
         [&] {
-            std::string out;
-            Json::Value status;
-            if (TestSupport::RunCommand(ctl + " 2>/dev/null", &out) != 0 || !ParseJson(out, status)) {
-                return false;
-            }
-            for (const auto& a : status["components"]["asset"]["assets"]) {
+            for (const auto& a : Assets(install)) {
                 if (a["pid"].asInt() == nginx.Pid()) {
                     asset = a;
                     return true;
@@ -166,19 +127,15 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     // Stopping nginx removes its asset at the next round.
     const int pid = nginx.Pid();
     nginx.Stop();
-    EXPECT_TRUE(Eventually(
+    EXPECT_TRUE(WaitFor(
         [&] {
-            std::string out;
-            Json::Value status;
-            if (TestSupport::RunCommand(ctl + " 2>/dev/null", &out) != 0 || !ParseJson(out, status)) {
-                return false;
-            }
-            for (const auto& a : status["components"]["asset"]["assets"]) {
+            const Json::Value assets = Assets(install);
+            for (const auto& a : assets) {
                 if (a["pid"].asInt() == pid) {
                     return false;
                 }
             }
-            return true;
+            return assets.isArray();
         },
         30000, 250));
 

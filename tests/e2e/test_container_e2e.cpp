@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,7 +22,6 @@
 #include "FakeHost.h"
 #include "Namespaces.h"
 #include "testsupport/TestSupport.h"
-
 
 namespace {
 
@@ -43,29 +41,15 @@ rule container_e2e_certain : certain_webshell
 )";
 
 const std::string kShell = "<?php @eval($_POST['c']); /* CONTAINER_E2E_SHELL_MARKER */ ?>\n";
-const char* const kWatcherTask = "detect_file_change_wehshell_task";
 const std::vector<std::string> kModules{"container", "webshell", "filenotify", "report", "asset"};
-
-bool ParseJson(const std::string& text, Json::Value& out)
-{
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
-}
 
 // Events about a container file: "file_info" is then the file object.
 std::vector<Json::Value> ContainerEvents(const std::string& sink, const std::string& container,
                                          const std::string& path)
 {
     std::vector<Json::Value> out;
-    if (!TestSupport::FileExists(sink)) {
-        return out;
-    }
-    for (const auto& line : TestSupport::ReadLines(sink)) {
-        Json::Value event;
-        if (ParseJson(line, event) && event.isObject() &&
-            event["container_name"].asString() == container && event["file_info"].isObject() &&
+    for (const auto& event : TestSupport::ReadEvents(sink)) {
+        if (event["container_name"].asString() == container && event["file_info"].isObject() &&
             event["file_info"]["file_path"].asString() == path) {
             out.push_back(event);
         }
@@ -73,54 +57,20 @@ std::vector<Json::Value> ContainerEvents(const std::string& sink, const std::str
     return out;
 }
 
-Json::Value Status(const std::string& install)
-{
-    std::string text;
-    Json::Value status;
-    const std::string ctl = TestSupport::AgentBinary() + " ctl status --install-dir " + install;
-    if (TestSupport::RunCommand(ctl + " 2>/dev/null", &text) != 0 || !ParseJson(text, status)) {
-        return Json::Value();
-    }
-    return status;
-}
-
-// Paths the file-notify service watches for the file-change task.
-std::set<std::string> Watched(const Json::Value& status)
-{
-    std::set<std::string> out;
-    for (const auto& reg : status["components"]["filenotify"]["registrations"]) {
-        if (reg["task"].asString() == kWatcherTask && reg["watching"].asBool()) {
-            out.insert(reg["path"].asString());
-        }
-    }
-    return out;
-}
-
 bool IsWatched(const std::string& install, const std::string& path)
 {
-    return Watched(Status(install)).count(path) == 1;
+    return TestSupport::WatchedRoots(TestSupport::CtlStatus(install)).count(path) == 1;
 }
 
 std::string PolicyText(const std::vector<std::string>& paths, const std::string& hostRoot,
-                       const std::string& rules, const std::string& hash)
+                       const std::string& rules)
 {
-    Json::Value policy;
-    policy["feature_name"] = "detect_webshell";
-    policy["hash"] = "container-e2e";
+    Json::Value policy = TestSupport::WebshellPolicy({hostRoot}, rules);
     for (const auto& p : paths) {
         policy["content"]["default_scan_paths"].append(p);
     }
-    policy["content"]["customize_scan_paths"].append(hostRoot);
-    policy["content"]["lib_version"] = "1";
-    policy["content"]["lib_url"] = "file://" + rules;
-    policy["content"]["lib_hash"] = hash;
     policy["content"]["monitor_file_change"] = true;
     policy["content"]["monitor_container"] = true;
-    policy["content"]["file_type"] = "php";
-    // No scheduled pass during the test: every event comes from a watch.
-    policy["content"]["auto_scan_task"]["task_condition"]["type"] = "interval";
-    policy["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 86400;
-    policy["content"]["auto_scan_task"]["task_condition"]["delay_s"] = 86400;
     return Json::FastWriter().write(policy);
 }
 
@@ -136,8 +86,7 @@ protected:
         // registration, which needs one existing web root of the host.
         std::ofstream(m_install + "data/webshell/webshell.dat") << kRules;
         const std::string hostWww = m_dir.MkDir("host-www");
-        const std::string policy = m_dir.Write(
-            "policy.json", PolicyText(paths, hostWww, rules, TestSupport::Sha256Sum(rules)));
+        const std::string policy = m_dir.Write("policy.json", PolicyText(paths, hostWww, rules));
         m_events = m_dir.Join("events.jsonl");
         ASSERT_TRUE(m_agent.Start({"run", "--install-dir", m_install, "--policy", policy, "--events",
                                    m_events, "--host-root", hostRoot}));
@@ -168,11 +117,11 @@ TEST_F(ContainerE2E, ADockerContainerIsWatchedReportedAndReleasedWhenItStops)
     const std::string id = HexId(1);
     const std::string bundle = host.StartDocker(id, "/web1", 4242);
     const std::string rootfs = bundle + "/rootfs";
-    ASSERT_TRUE(WaitFor([&] { return IsWatched(m_install, rootfs + "/var/www/html"); }, 30000))
+    ASSERT_TRUE(WaitFor([&] { return IsWatched(m_install, rootfs + "/var/www/html"); }, 30000, 100))
         << Diagnostics();
 
     // `ctl status` shows the followed container and its subscriber.
-    Json::Value container = Status(m_install)["components"]["container"];
+    Json::Value container = TestSupport::CtlStatus(m_install)["components"]["container"];
     ASSERT_EQ(container["containers"].size(), 1u) << container;
     EXPECT_EQ(container["containers"][0]["name"].asString(), "web1");
     EXPECT_EQ(container["containers"][0]["image"].asString(), "nginx:1.25");
@@ -194,11 +143,11 @@ TEST_F(ContainerE2E, ADockerContainerIsWatchedReportedAndReleasedWhenItStops)
     host.StopProcess(4242);
     ASSERT_TRUE(WaitFor(
         [&] {
-            Json::Value status = Status(m_install);
-            return status.isObject() && Watched(status).count(rootfs + "/var/www/html") == 0 &&
+            Json::Value status = TestSupport::CtlStatus(m_install);
+            return status.isObject() && TestSupport::WatchedRoots(status).count(rootfs + "/var/www/html") == 0 &&
                    status["components"]["container"]["containers"].size() == 0;
         },
-        30000))
+        30000, 100))
         << Diagnostics();
 
     // A write into the stopped container is not reported; a shell in a
@@ -207,7 +156,7 @@ TEST_F(ContainerE2E, ADockerContainerIsWatchedReportedAndReleasedWhenItStops)
     host.Dir().Write(FakeHost::BundleRel("moby", id) + "/rootfs/var/www/html/y.php", kShell);
     const std::string id2 = HexId(2);
     const std::string rootfs2 = host.StartDocker(id2, "/web2", 4343, "php:8.2-apache") + "/rootfs";
-    ASSERT_TRUE(WaitFor([&] { return IsWatched(m_install, rootfs2 + "/var/www/html"); }, 30000))
+    ASSERT_TRUE(WaitFor([&] { return IsWatched(m_install, rootfs2 + "/var/www/html"); }, 30000, 100))
         << Diagnostics();
     host.Dir().Write(FakeHost::BundleRel("moby", id2) + "/rootfs/var/www/html/z.php", kShell);
     ASSERT_TRUE(WaitFor([&] { return !ContainerEvents(m_events, "web2", "/var/www/html/z.php").empty(); },
@@ -274,7 +223,7 @@ TEST_F(ContainerE2E, ARealProcessInItsOwnMountNamespaceIsFollowedThroughProc)
     StartAgent(host.Root(), {"/var/www/html", webPath});
     if (!HasFatalFailure()) {
         const bool watched =
-            WaitFor([&] { return IsWatched(m_install, procRoot + webPath); }, 30000);
+            WaitFor([&] { return IsWatched(m_install, procRoot + webPath); }, 30000, 100);
         EXPECT_TRUE(watched) << Diagnostics();
         if (watched) {
             // Written through /proc/PID/root into the namespace's tmpfs: the

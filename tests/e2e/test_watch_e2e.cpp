@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <map>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -33,28 +32,12 @@ rule e2e_watch_certain : certain_webshell
 
 const std::string kShell = "<?php @eval($_POST['c']); /* WATCH_E2E_SHELL_MARKER */ ?>\n";
 const std::string kClean = "<?php echo 'hello'; ?>\n";
-const char* const kWatcherTask = "detect_file_change_wehshell_task";
-
-bool ParseJson(const std::string& text, Json::Value& out)
-{
-    Json::CharReaderBuilder builder;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    std::string errors;
-    return reader->parse(text.data(), text.data() + text.size(), &out, &errors);
-}
 
 // Reported paths of the event sink, with how often each was reported.
 std::map<std::string, int> ReportedPaths(const std::string& events)
 {
     std::map<std::string, int> out;
-    if (!TestSupport::FileExists(events)) {
-        return out;
-    }
-    for (const std::string& line : TestSupport::ReadLines(events)) {
-        Json::Value event;
-        if (line.empty() || !ParseJson(line, event) || !event.isObject()) {
-            continue;
-        }
+    for (const auto& event : TestSupport::ReadEvents(events)) {
         for (const auto& file : event["file_info"]) {
             ++out[file["file_path"].asString()];
         }
@@ -62,54 +45,22 @@ std::map<std::string, int> ReportedPaths(const std::string& events)
     return out;
 }
 
-std::string PolicyText(const std::string& root, const std::string& rules, const std::string& hash)
+std::string PolicyText(const std::string& root, const std::string& rules)
 {
-    Json::Value policy;
-    policy["feature_name"] = "detect_webshell";
-    policy["hash"] = "watch-e2e-" + root;
-    policy["content"]["default_scan_paths"] = Json::Value(Json::arrayValue);
-    policy["content"]["customize_scan_paths"].append(root);
-    policy["content"]["lib_version"] = "1";
-    policy["content"]["lib_url"] = "file://" + rules;
-    policy["content"]["lib_hash"] = hash;
+    Json::Value policy = TestSupport::WebshellPolicy({root}, rules);
     policy["content"]["monitor_file_change"] = true;
-    policy["content"]["monitor_container"] = false;
-    policy["content"]["file_type"] = "php";
-    // No scheduled pass during the test: every event comes from a watch.
-    policy["content"]["auto_scan_task"]["task_condition"]["type"] = "interval";
-    policy["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 86400;
-    policy["content"]["auto_scan_task"]["task_condition"]["delay_s"] = 86400;
     return Json::FastWriter().write(policy);
 }
 
-// The paths the file-notify service watches for the web-shell task, from
-// `ctl status`.
 std::set<std::string> WatchedRoots(const std::string& install)
 {
-    std::set<std::string> out;
-    std::string text;
-    Json::Value status;
-    const std::string ctl = TestSupport::AgentBinary() + " ctl status --install-dir " + install;
-    if (TestSupport::RunCommand(ctl + " 2>/dev/null", &text) != 0 || !ParseJson(text, status)) {
-        return out;
-    }
-    for (const auto& reg : status["components"]["filenotify"]["registrations"]) {
-        if (reg["task"].asString() == kWatcherTask && reg["watching"].asBool()) {
-            out.insert(reg["path"].asString());
-        }
-    }
-    return out;
+    return TestSupport::WatchedRoots(TestSupport::CtlStatus(install));
 }
 
 // The file-notify service's registrations, for failure messages.
 std::string Registrations(const std::string& install)
 {
-    std::string text;
-    Json::Value status;
-    const std::string ctl = TestSupport::AgentBinary() + " ctl status --install-dir " + install;
-    if (TestSupport::RunCommand(ctl + " 2>/dev/null", &text) != 0 || !ParseJson(text, status)) {
-        return "(no status)";
-    }
+    const Json::Value status = TestSupport::CtlStatus(install);
     return Json::FastWriter().write(status["components"]["filenotify"]["registrations"]);
 }
 
@@ -120,12 +71,11 @@ TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
     TempDir dir("e2e-watch");
     const std::string install = TestSupport::MakeInstallTree(dir);
     const std::string rules = dir.Write("rules/webshell.yar", kRules);
-    const std::string hash = TestSupport::Sha256Sum(rules);
     const std::string root1 = dir.MkDir("www1");
     const std::string root2 = dir.MkDir("www2");
     const std::string hostRoot = dir.MkDir("host");  // no web servers to discover
     const std::string events = dir.Join("events.jsonl");
-    const std::string policy = dir.Write("policy.json", PolicyText(root1, rules, hash));
+    const std::string policy = dir.Write("policy.json", PolicyText(root1, rules));
 
     // The rule library is in place before the start, so the first watch
     // registration does not wait for its download.
@@ -134,7 +84,7 @@ TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
     TestSupport::AgentProcess agent;
     ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policy, "--events", events,
                              "--host-root", hostRoot}));
-    ASSERT_TRUE(WaitFor([&] { return WatchedRoots(install).count(root1) == 1; }, 30000))
+    ASSERT_TRUE(WaitFor([&] { return WatchedRoots(install).count(root1) == 1; }, 30000, 100))
         << agent.Stderr();
 
     // 1. A shell written into the root, and a clean file beside it.
@@ -179,14 +129,14 @@ TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
     // The policy now names another root: the old one is released, the new
     // one watched.
     const std::string policyPath = install + "policy/10001.json";
-    dir.Write("policy-next.tmp", PolicyText(root2, rules, hash));
+    dir.Write("policy-next.tmp", PolicyText(root2, rules));
     ASSERT_EQ(0, rename(dir.Join("policy-next.tmp").c_str(), policyPath.c_str()));
     ASSERT_TRUE(WaitFor(
         [&] {
             auto roots = WatchedRoots(install);
             return roots.count(root2) == 1 && roots.count(root1) == 0;
         },
-        30000))
+        30000, 100))
         << "watches: " << Registrations(install);
 
     const std::string stale = dir.Write("www1/after-change.php", kShell);

@@ -413,7 +413,7 @@ TEST_F(ContainerTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
     const std::string html = web.MkDir("blog/merged" + kHtml);
     const std::string shell = web.Write("blog/merged" + kHtml + "/wp-shell.php", std::string("<?php ") + kCertainMark);
     const std::string hostShell = web.Write("host/www/h.php", std::string("<?php ") + kCertainMark);
-    ASSERT_TRUE(env.engine().SendToTask(task.get(), new Engine::ContainerMessage(true, info)));
+    ASSERT_EQ(task->EnqueueMsg(std::make_shared<Engine::ContainerMessage>(true, info)), 1);
     ASSERT_TRUE(TestSupport::WaitFor([&] {
         Engine::ContainerCacheInfo c;
         return task->GetContainerCache("feed", c);

@@ -178,7 +178,7 @@ TEST(WebshellModule, RegisteredTasksStartAndStopThroughInitAndUnInit)
 
     auto watchRequested = [&] {
         for (auto& m : env.Sent<Engine::FileNotifyWatchMessage>(kFileNotify)) {
-            if (m->GetSender() == fileChange && m->GetPath() == web.Join("www") && m->GetOpt().addWatch == 1) {
+            if (m->GetSender() == fileChange->GetMailbox() && m->GetPath() == web.Join("www") && m->GetOpt().addWatch == 1) {
                 return true;
             }
         }

@@ -83,14 +83,15 @@ TEST(WebshellThreads, PassesNotificationsAndContainerEventsRunTogether)
         info->rootPath = web.Join(name + "/rootfs");
         const std::string shell = web.Write(name + "/rootfs" + kHtml + "/x.php", std::string("<?php ") + kCertainMark);
         containerShells.insert(shell);
-        ASSERT_TRUE(env.engine().SendToTask(fileChange.get(), new Engine::ContainerMessage(true, info)));
+        ASSERT_EQ(fileChange->EnqueueMsg(std::make_shared<Engine::ContainerMessage>(true, info)), 1);
         // The file-change task checks a changed file as a container file.
-        ASSERT_TRUE(env.engine().SendToTask(
-            fileChange.get(), new Engine::FileNotifyMessage(0x100, shell, static_cast<unsigned long>(i + 1))));
+        ASSERT_EQ(fileChange->EnqueueMsg(
+                      std::make_shared<Engine::FileNotifyMessage>(0x100, shell, static_cast<unsigned long>(i + 1))),
+                  1);
         if (i % 3 == 0) {
             auto stopped = std::make_shared<Engine::ContainerInfo>(*info);
             stopped->running = false;
-            ASSERT_TRUE(env.engine().SendToTask(fileChange.get(), new Engine::ContainerMessage(false, stopped)));
+            ASSERT_EQ(fileChange->EnqueueMsg(std::make_shared<Engine::ContainerMessage>(false, stopped)), 1);
         }
         if (i % 5 == 0) {
             // A new policy object under the running tasks.

@@ -64,7 +64,7 @@ protected:
 void ExpectRequest(const Engine::FileNotifyWatchMessage& msg, Framework::Task* sender, const std::string& path,
                    bool add, unsigned long extParm)
 {
-    EXPECT_EQ(msg.GetSender(), sender);
+    EXPECT_TRUE(msg.GetSender() == sender->GetMailbox());
     EXPECT_EQ(msg.GetPath(), path);
     EXPECT_EQ(msg.GetEvents(), (std::vector<unsigned int>{0x100, 0x2, 0xC0}));
     const Engine::_FileNotifyOpt& opt = msg.GetOpt();

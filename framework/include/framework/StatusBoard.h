@@ -1,7 +1,8 @@
 #pragma once
-// Process-wide figures that components publish for `ardent-agent ctl status`
-// and the `scan` summary (last pass statistics, discovered assets, followed
-// containers...). Keys are dotted component names.
+// Process-wide figures that components render for `ardent-agent ctl status`
+// (last pass statistics, discovered assets, followed containers...). Keys
+// are dotted component names. Nothing decides by reading them back: typed
+// outcomes travel on Topics (Topics.h).
 
 #include <string>
 

@@ -1,16 +1,18 @@
 #pragma once
-// A framework task: a Poco::Task with a name, a feature, a task type, an
-// inbound message queue and a wake-up event.
+// A framework task: a Poco::Task with a name, a feature, a task type and a
+// mailbox (its inbound queue and wake-up, see Mailbox.h).
 //
-// Registered tasks of type 1 and 4 each get their own thread (Engine). Their
-// inbound messages are handled on that thread: by a scheduled task while it
-// waits for its next fire, by a resident task inside its own
+// Registered tasks of type 1 and 4 each get their own thread (TaskRegistry).
+// Their inbound messages are handled on that thread: by a scheduled task
+// while it waits for its next fire, by a resident task inside its own
 // EventWaiter::WaitAndHandleEvent loop. On-demand tasks (type 3) have no
-// thread: the engine handles their messages on the caller's thread right
-// before it invokes a tasklet or policy callback, when they cannot be running.
+// thread: Init enrols them with the registry, which handles their messages on
+// the caller's thread right before it invokes a tasklet or policy callback,
+// when they cannot be running; UnInit (or the destructor) withdraws them.
 //
-// Shutdown order: cancel (state flag, then wake the event), join the thread,
-// drop the engine's reference; undelivered messages die with the queue.
+// Shutdown order: cancel (state flag, then wake the mailbox), join the
+// thread, drop the registry's reference; the mailbox closes with the task and
+// undelivered messages die with it.
 
 #include <atomic>
 #include <cstdint>
@@ -21,29 +23,18 @@
 #include <vector>
 
 #include <Poco/AutoPtr.h>
-#include <Poco/Event.h>
 #include <Poco/Mutex.h>
 #include <Poco/Task.h>
 
+#include "framework/Mailbox.h"
 #include "framework/Message.h"
 #include "framework/Policy.h"
 #include "framework/TaskCondition.h"
-#include "sdk/LocklessQueue.h"
 
 namespace Framework {
 
 class Task;
-
-// Auto-reset wake-up event of a task.
-class Event {
-public:
-    void Set() { m_event.set(); }
-    // true when set within timeoutMs (a negative timeout waits for ever).
-    bool Wait(long timeoutMs);
-
-private:
-    Poco::Event m_event{Poco::Event::EVENT_AUTORESET};
-};
+class OnDemandTasks;
 
 class EventWaiter {
 public:
@@ -74,7 +65,7 @@ public:
     };
     using ConsumerKey = std::pair<unsigned long, std::string>;
     // One (kind, name) key can have several consumers.
-    using ConsumerTable = std::multimap<ConsumerKey, Task*, MsgKeyCompare>;
+    using ConsumerTable = std::multimap<ConsumerKey, MailboxRef, MsgKeyCompare>;
 
     virtual ~MessageProductor() = default;
 
@@ -84,10 +75,11 @@ public:
 
 class MessageConsumer {
 public:
-    explicit MessageConsumer(unsigned int size) : m_queue(size) {}
-    virtual ~MessageConsumer() = default;
+    MessageConsumer(const std::string& name, unsigned int size, TaskCondition::TaskType type)
+        : m_mailbox(std::make_shared<Mailbox>(name, size, type)) {}
+    virtual ~MessageConsumer() { m_mailbox->Close(); }
 
-    SDK::LocklessQueue<std::shared_ptr<Message>> m_queue;
+    std::shared_ptr<Mailbox> m_mailbox;
 };
 
 class Task : public Poco::Task {
@@ -109,7 +101,7 @@ public:
     virtual int UnInit();
     virtual int Run() = 0;
 
-    // Queues a message for this task and wakes it. 1 if queued, 0 if full.
+    // Posts a message to this task's own mailbox. 1 if queued, 0 if not.
     virtual int EnqueueMsg(std::shared_ptr<Message> msg);
     // Non-zero swallows the message before HandleMsg.
     virtual int InterceptMsg(std::shared_ptr<Message>& msg)
@@ -124,16 +116,19 @@ public:
     // owns `msg` from here on. false (message freed, rate-limited warning)
     // for an unknown target or a full queue.
     bool SendDirectMsg(const std::string& target, Message* msg);
-    // The same for a task known by pointer (a consumer). A pointer that is
-    // no longer a live task is refused.
-    bool SendMsgToTask(Task* target, Message* msg);
+
+    // The handle others keep to send to this task.
+    MailboxRef GetMailbox() const { return MailboxRef(m_consumer.m_mailbox); }
 
     // Consumer table of this task as a producer. AddConsumer returns the
     // number of consumers of `kind` after the call; adding one twice is a
-    // no-op. DelConsumer returns the number removed.
+    // no-op. DelConsumer returns the number removed. The Task* forms take the
+    // consumer's handle at the call, so the consumer must be alive then.
+    int AddConsumer(unsigned long kind, const char* name, const MailboxRef& consumer);
     int AddConsumer(unsigned long kind, const char* name, Task* consumer);
+    int DelConsumer(unsigned long kind, const char* name, const MailboxRef& consumer);
     int DelConsumer(unsigned long kind, const char* name, const Task* consumer);
-    std::vector<Task*> GetConsumers(unsigned long kind);
+    std::vector<MailboxRef> GetConsumers(unsigned long kind);
 
     // Feature policy of the task; null until one is stored. The raw pointer
     // stays valid until the task's own thread reaches its next wait.
@@ -145,6 +140,8 @@ public:
 
     TaskCondition GetCondition();
     void SetCondition(const TaskCondition& condition);  // keeps the task type
+    // A held schedule never fires (a one-shot scan runs its one pass itself).
+    void HoldSchedule(bool held);
 
     const std::string& GetTaskName() const { return name(); }
     const std::string& GetFeatureName() const { return m_feature; }
@@ -154,43 +151,34 @@ public:
     bool IsCancelling() const { return GetState() == Poco::Task::TASK_CANCELLING; }
 
     EventWaiter& GetEventWaiter() { return m_eventWaiter; }
-    void Wake() { m_event.Set(); }
-    bool WaitWake(long timeoutMs) { return m_event.Wait(timeoutMs); }
-    bool DequeueMsg(std::shared_ptr<Message>& out) { return m_consumer.m_queue.Dequeue(out) == 1; }
+    void Wake() { m_consumer.m_mailbox->Wake(); }
+    bool WaitWake(long timeoutMs) { return m_consumer.m_mailbox->Wait(timeoutMs); }
+    bool DequeueMsg(std::shared_ptr<Message>& out) { return m_consumer.m_mailbox->Take(out); }
 
     // Figures for `ctl status`.
-    unsigned int QueueDepth() const { return m_consumer.m_queue.Size(); }
-    uint64_t DroppedMessages() const { return m_dropped.load(std::memory_order_relaxed); }
+    unsigned int QueueDepth() const { return m_consumer.m_mailbox->Depth(); }
+    uint64_t DroppedMessages() const { return m_consumer.m_mailbox->Dropped(); }
     uint64_t RunCount() const { return m_runs.load(std::memory_order_relaxed); }
     int64_t LastRunStartMs() const { return m_lastRunStartMs.load(std::memory_order_relaxed); }
     int64_t LastRunEndMs() const { return m_lastRunEndMs.load(std::memory_order_relaxed); }
     int64_t NextFireMs() const { return m_nextFireMs.load(std::memory_order_relaxed); }
 
-    // Queue without virtual dispatch (used for deliveries by pointer).
-    int Deliver(const std::shared_ptr<Message>& msg);
-    // Back to idle before the engine starts the task (again).
+    // Back to idle before the registry starts the task (again).
     void ResetForStart();
 
-    // Delivers to `target` only while it is a live task object.
-    static bool DeliverToLive(Task* target, const std::shared_ptr<Message>& msg);
-    static std::vector<Task*> LiveTasksOfType(TaskCondition::TaskType type);
-    // Type and state of `target` while it is a live task object; false when it is gone.
-    static bool DescribeLive(Task* target, TaskCondition::TaskType& type, Poco::Task::TaskState& state);
-    // Rate-limited warning for a message that could not be delivered.
-    static void WarnDropped(const std::string& target, const std::string& why);
-    // Marks every task object cancelling (shutdown: long loops stop early).
-    static void CancelAllLive();
-
 private:
+    friend class OnDemandTasks;
+
     void RunScheduled();
     void RunOnce();
     void SetState(Poco::Task::TaskState state);
+    int64_t FirstFire(const TaskCondition& condition) const;
+    void Withdraw();
 
-    // Members in the order the platform fixes: feature, condition, event,
-    // waiter, producer, consumer.
+    // Members in the order the platform fixes: feature, condition, waiter,
+    // producer, consumer (the mailbox holds the wake-up event).
     std::string m_feature;
     TaskCondition m_condition;
-    Event m_event;
     EventWaiter m_eventWaiter;
     MessageProductor m_productor;
     MessageConsumer m_consumer;
@@ -202,11 +190,13 @@ private:
     Poco::AutoPtr<FeaturePolicy> m_featurePolicy;
     std::vector<Poco::AutoPtr<Policy>> m_retiredPolicies;
     std::atomic<bool> m_conditionChanged{false};
-    std::atomic<uint64_t> m_dropped{0};
+    std::atomic<bool> m_scheduleHeld{false};
     std::atomic<uint64_t> m_runs{0};
     std::atomic<int64_t> m_lastRunStartMs{0};
     std::atomic<int64_t> m_lastRunEndMs{0};
     std::atomic<int64_t> m_nextFireMs{-1};
+    Poco::FastMutex m_enrolMutex;
+    std::weak_ptr<OnDemandTasks> m_enrolledIn;  // guarded by m_enrolMutex
 };
 
 }  // namespace Framework

@@ -34,14 +34,18 @@ public:
     }
 };
 
+// The subscriber's handle is taken when the (live) subscriber makes the
+// message; the collector keeps and uses only the handle.
 class ContainerRegisterMessage : public AbstructMessage<ContainerRegisterMessage> {
 public:
     ContainerRegisterMessage(Framework::Task* task, bool subscribe, bool option)
-        : task(task), subscribe(subscribe), option(option) {}
+        : task(task), subscribe(subscribe), option(option),
+          subscriber(task != nullptr ? task->GetMailbox() : Framework::MailboxRef()) {}
 
-    Framework::Task* task;
+    Framework::Task* task;  // identifies the subscriber; never dereferenced by the receiver
     bool subscribe;
     bool option;
+    Framework::MailboxRef subscriber;
 };
 
 }  // namespace Engine

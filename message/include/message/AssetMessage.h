@@ -16,22 +16,29 @@
 
 namespace Engine {
 
+// The consumer is named by the task that sends the message, which is alive
+// then: its handle is taken here, and only the handle is used later (the
+// consumer may be gone by the time the asset service handles it).
 class AssetRegisterMessage : public Framework::Message {
 public:
-    AssetRegisterMessage(unsigned int kind, Framework::Task* task) : kind(kind), task(task) {}
+    AssetRegisterMessage(unsigned int kind, Framework::Task* task)
+        : kind(kind), task(task), consumer(task != nullptr ? task->GetMailbox() : Framework::MailboxRef()) {}
     int MessageHandle(void* task) override;
 
     unsigned int kind;
-    Framework::Task* task;
+    Framework::Task* task;  // identifies the consumer; never dereferenced by the receiver
+    Framework::MailboxRef consumer;
 };
 
 class AssetUnRegisterMessage : public Framework::Message {
 public:
-    AssetUnRegisterMessage(unsigned int kind, Framework::Task* task) : kind(kind), task(task) {}
+    AssetUnRegisterMessage(unsigned int kind, Framework::Task* task)
+        : kind(kind), task(task), consumer(task != nullptr ? task->GetMailbox() : Framework::MailboxRef()) {}
     int MessageHandle(void* task) override;
 
     unsigned int kind;
-    Framework::Task* task;
+    Framework::Task* task;  // identifies the consumer; never dereferenced by the receiver
+    Framework::MailboxRef consumer;
 };
 
 class AssetMessage : public Framework::Message {

@@ -6,7 +6,9 @@
 #include <Poco/Util/PropertyFileConfiguration.h>
 
 #include "framework/Engine.h"
+#include "framework/PolicyStore.h"
 #include "framework/StatusBoard.h"
+#include "framework/Topics.h"
 #include "message/AssetMessage.h"
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
@@ -97,6 +99,9 @@ AssetSyncTask::AssetSyncTask(const Settings& settings)
     if (m_settings.intervalS < 1 || m_settings.intervalS > kMaxIntervalS) {
         m_settings.intervalS = ClampInterval(m_settings.intervalS, "the task settings");
     }
+    // A new policy changes what consumers make of the same assets. The
+    // subscription ends with the task's mailbox.
+    Framework::Topics::Subscribe(Framework::kPolicyAppliedTopic, GetMailbox());
 }
 
 int AssetSyncTask::Run()
@@ -130,12 +135,13 @@ int AssetSyncTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
         SDK_LOG(Logger(), Poco::Message::PRIO_INFORMATION, kSource,
                 "A consumer subscribed to assets of kind %u (%d consumers of that kind); sending it the %z current assets",
                 reg->kind, result, m_assets[reg->kind].size());
-        SendKind(reg->kind, reg->task);
+        SendKind(reg->kind, reg->consumer);
         Publish();
-    } else if (msg && msg->GetName() == Framework::kPolicyAppliedMessage) {
-        // A new policy changes what consumers make of the same assets.
+    } else if (dynamic_cast<Framework::PolicyAppliedMessage*>(msg.get()) != nullptr) {
+        // Consumers derive their directories from the policy and the assets
+        // together: they get the assets again to derive them anew.
         for (unsigned int kind : m_subscribedKinds) {
-            for (Framework::Task* consumer : GetConsumers(kind)) {
+            for (const Framework::MailboxRef& consumer : GetConsumers(kind)) {
                 SendKind(kind, consumer);
             }
         }
@@ -147,17 +153,17 @@ int AssetSyncTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
     return result;
 }
 
-void AssetSyncTask::SendKind(unsigned int kind, Framework::Task* consumer)
+void AssetSyncTask::SendKind(unsigned int kind, const Framework::MailboxRef& consumer)
 {
     AssetMessage::AssetMap map;
     const auto& list = m_assets[kind];
     for (size_t i = 0; i < list.size(); ++i) {
         map[static_cast<int>(i)] = list[i];
     }
-    if (!SendMsgToTask(consumer, new AssetMessage(kind, map))) {
+    if (!consumer.Post(std::make_shared<AssetMessage>(kind, map))) {
         SDK_LOG(Logger(), Poco::Message::PRIO_WARNING, kSource,
-                "Could not deliver the %z assets of kind %u to a consumer (its queue is full or it is gone); it gets them with the next change",
-                map.size(), kind);
+                "Could not deliver the %z assets of kind %u to task %s (its queue is full or it is gone); it gets them with the next change",
+                map.size(), kind, consumer.Name());
     }
 }
 
@@ -234,7 +240,7 @@ void AssetSyncTask::DiscoverNow()
         SDK_LOG(Logger(), Poco::Message::PRIO_INFORMATION, kSource,
                 "Assets of kind %u changed: %z servers, %z web directories; sending them to %z consumers",
                 kind, list.size(), dirs, consumers.size());
-        for (Framework::Task* consumer : consumers) {
+        for (const Framework::MailboxRef& consumer : consumers) {
             SendKind(kind, consumer);
         }
     }

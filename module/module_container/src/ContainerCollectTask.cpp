@@ -1,7 +1,6 @@
 #include "ContainerCollectTask.h"
 
 #include <algorithm>
-#include <cstdio>
 
 #include <Poco/Exception.h>
 #include <json/json.h>
@@ -100,19 +99,19 @@ int ContainerCollectTask::Run()
 
 int ContainerCollectTask::Receive(const Engine::ContainerRegisterMessage& message)
 {
-    if (message.task == nullptr) {
+    if (message.subscriber.Empty()) {
         SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
                 "%s: container (un)subscription without a task ignored", GetTaskName());
         return -1;
     }
     Poco::FastMutex::ScopedLock lock(m_mutex);
     auto it = std::find_if(m_subscribers.begin(), m_subscribers.end(),
-                           [&](const Subscriber& s) { return s.task == message.task; });
-    const std::string who = Describe(message.task);
+                           [&](const Subscriber& s) { return s.task == message.subscriber; });
+    const std::string who = message.subscriber.Name();
     if (message.subscribe) {
         if (it == m_subscribers.end()) {
             m_subscribers.push_back(Subscriber());
-            m_subscribers.back().task = message.task;
+            m_subscribers.back().task = message.subscriber;
             it = m_subscribers.end() - 1;
         }
         // A subscriber that asks again gets the running set again.
@@ -176,7 +175,7 @@ void ContainerCollectTask::Queue(Subscriber& sub, const std::shared_ptr<Engine::
             SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
                     "task %s does not take container events; keeping the newest %z, dropping "
                     "older ones",
-                    Describe(sub.task), kMaxPending);
+                    sub.task.Name(), kMaxPending);
         }
     }
 }
@@ -186,22 +185,22 @@ bool ContainerCollectTask::Flush(Subscriber& sub)
     while (!sub.pending.empty()) {
         const auto& info = sub.pending.front();
         // The framework owns the message from here, sent or not.
-        if (SendMsgToTask(sub.task, new Engine::ContainerMessage(info->running, info))) {
+        if (sub.task.Post(std::make_shared<Engine::ContainerMessage>(info->running, info))) {
             sub.pending.pop_front();
             sub.overflowLogged = false;
             continue;
         }
-        if (IsLive(sub.task)) {
+        if (sub.task.Alive()) {
             // Its queue is full: keep the events, in order, for the next poll.
             SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource,
                     "task %s has no room for container events; %z kept for the next poll",
-                    Describe(sub.task), sub.pending.size());
+                    sub.task.Name(), sub.pending.size());
             return true;
         }
         SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
                 "subscriber %s no longer exists and never unsubscribed; dropped with %z "
                 "undelivered container events",
-                Describe(sub.task), sub.pending.size());
+                sub.task.Name(), sub.pending.size());
         return false;
     }
     return true;
@@ -244,46 +243,6 @@ void ContainerCollectTask::PublishStatus()
     status["problems"] = problems;
     status["problems_total"] = static_cast<Json::UInt64>(m_collector.Problems().size());
     Framework::StatusBoard::Publish(kStatusKey, status);
-}
-
-std::string ContainerCollectTask::RegisteredName(const Framework::Task* task)
-{
-    Framework::Engine* engine = Framework::Engine::GetInstance();
-    if (engine == nullptr) {
-        return std::string();
-    }
-    for (const auto& name : engine->GetTaskNames()) {
-        if (engine->FindTask(name) == task) {
-            return name;
-        }
-    }
-    return std::string();
-}
-
-bool ContainerCollectTask::IsLive(const Framework::Task* task)
-{
-    for (auto type : {Framework::TaskCondition::TASK_TYPE_SCHEDULED,
-                      Framework::TaskCondition::TASK_TYPE_ONDEMAND,
-                      Framework::TaskCondition::TASK_TYPE_RESIDENT,
-                      Framework::TaskCondition::TASK_TYPE_NONE}) {
-        for (const Framework::Task* live : Framework::Task::LiveTasksOfType(type)) {
-            if (live == task) {
-                return true;
-            }
-        }
-    }
-    return false;
-}
-
-std::string ContainerCollectTask::Describe(const Framework::Task* task)
-{
-    std::string name = RegisteredName(task);
-    if (!name.empty()) {
-        return name;
-    }
-    char text[48];
-    std::snprintf(text, sizeof(text), "(unregistered task %p)", static_cast<const void*>(task));
-    return text;
 }
 
 }  // namespace Container

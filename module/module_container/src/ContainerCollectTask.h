@@ -66,7 +66,7 @@ public:
 
 private:
     struct Subscriber {
-        Framework::Task* task = nullptr;
+        Framework::MailboxRef task;
         std::deque<std::shared_ptr<Engine::ContainerInfo>> pending;
         bool overflowLogged = false;
     };
@@ -77,12 +77,6 @@ private:
     bool Flush(Subscriber& sub);
     void Queue(Subscriber& sub, const std::shared_ptr<Engine::ContainerInfo>& info);
     void PublishStatus();
-    // The registered name of `task`, found without touching the pointer
-    // (it may no longer be a live task); empty when it is not registered.
-    static std::string RegisteredName(const Framework::Task* task);
-    static std::string Describe(const Framework::Task* task);
-    // `task` is still a task object (compared, never dereferenced).
-    static bool IsLive(const Framework::Task* task);
 
     Poco::Logger* m_logger;
     const long m_pollMs;

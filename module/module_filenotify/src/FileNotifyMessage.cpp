@@ -7,7 +7,8 @@ namespace Engine {
 FileNotifyWatchMessage::FileNotifyWatchMessage(Framework::Task* sender, const std::string& path,
                                                std::vector<unsigned int> events,
                                                const _FileNotifyOpt& opt)
-    : Framework::Message("filenotify_watch_message"), m_sender(sender), m_path(path),
+    : Framework::Message("filenotify_watch_message"),
+      m_sender(sender != nullptr ? sender->GetMailbox() : Framework::MailboxRef()), m_path(path),
       m_events(std::move(events)), m_opt(opt)
 {
 }

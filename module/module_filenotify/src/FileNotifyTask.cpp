@@ -74,20 +74,16 @@ FileNotifyTask::FileNotifyTask(const Options& options, std::unique_ptr<Watcher> 
     }
     NotificationSink& sink = *this;
     m_service = std::make_unique<WatchService>(std::move(watcher), sink, options, m_logger);
+    // The thread waits in inotify's poll: a new request cuts that short.
+    WatchService* service = m_service.get();
+    GetMailbox().Lock()->SetWakeHook([service] { service->Interrupt(); });
 }
 
 FileNotifyTask::~FileNotifyTask()
 {
+    // Before the service goes: no sender reaches it from here on.
+    GetMailbox().Lock()->SetWakeHook(nullptr);
     Framework::StatusBoard::Remove(kStatusKey);
-}
-
-int FileNotifyTask::EnqueueMsg(std::shared_ptr<Framework::Message> msg)
-{
-    int queued = Framework::Task::EnqueueMsg(std::move(msg));
-    if (queued == 1) {
-        m_service->Interrupt();
-    }
-    return queued;
 }
 
 void FileNotifyTask::cancel()
@@ -128,30 +124,16 @@ int FileNotifyTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
         return 0;  // nothing else is addressed to this task
     }
     const Engine::_FileNotifyOpt& opt = watch->GetOpt();
-    Framework::Task* sender = watch->GetSender();
-    if (sender == nullptr) {
+    const Framework::MailboxRef& sender = watch->GetSender();
+    if (sender.Empty()) {
         SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
                 "Watch request for %s names no task to notify; ignored.", watch->GetPath());
         return -1;
     }
     if (opt.addWatch != 0) {
-        // Name the consumer through the engine when it is registered, so a
-        // task pointer is only followed while it is known to be alive.
-        std::string name;
-        if (Framework::Engine* engine = Framework::Engine::GetInstance()) {
-            for (const std::string& taskName : engine->GetTaskNames()) {
-                if (engine->FindTask(taskName) == sender) {
-                    name = taskName;
-                    break;
-                }
-            }
-        }
-        if (name.empty()) {
-            name = sender->GetTaskName();  // it sent the request just now
-        }
         WatchRequest req;
         req.consumer = sender;
-        req.consumerName = name;
+        req.consumerName = sender.Name();
         req.path = watch->GetPath();
         req.mask = watch->GetMask();
         req.extParm = static_cast<unsigned long>(opt.extParm);
@@ -168,44 +150,25 @@ int FileNotifyTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
     return 0;
 }
 
-bool FileNotifyTask::IsLiveTask(Framework::Task* consumer)
-{
-    // Only pointers are compared: a task object that is gone is never touched.
-    for (auto type : {Framework::TaskCondition::TASK_TYPE_NONE,
-                      Framework::TaskCondition::TASK_TYPE_SCHEDULED,
-                      Framework::TaskCondition::TASK_TYPE_ONDEMAND,
-                      Framework::TaskCondition::TASK_TYPE_RESIDENT}) {
-        for (Framework::Task* task : Framework::Task::LiveTasksOfType(type)) {
-            if (task == consumer) {
-                return true;
-            }
-        }
-    }
-    return false;
-}
-
-NotificationSink::Result FileNotifyTask::Send(Framework::Task* consumer,
-                                              const std::string& consumerName, uint32_t mask,
+NotificationSink::Result FileNotifyTask::Send(const Framework::MailboxRef& consumer,
+                                              const std::string& /*consumerName*/, uint32_t mask,
                                               const std::string& path, unsigned long extParm)
 {
+    std::shared_ptr<Framework::Mailbox> box = consumer.Lock();
+    if (!box || box->Closed()) {
+        return Result::Gone;
+    }
     // Notifications are for event loops: a scheduled or on-demand task that
     // asked for a watch (after an asset update) would only report the file a
     // second time, and a stopped one would let them pile up.
-    Framework::TaskCondition::TaskType type = Framework::TaskCondition::TASK_TYPE_NONE;
-    Poco::Task::TaskState state = Poco::Task::TASK_IDLE;
-    if (!Framework::Task::DescribeLive(consumer, type, state)) {
-        return Result::Gone;
-    }
-    if (type != Framework::TaskCondition::TASK_TYPE_RESIDENT || state == Poco::Task::TASK_FINISHED) {
+    if (box->OwnerType() != Framework::TaskCondition::TASK_TYPE_RESIDENT ||
+        box->OwnerState() == Poco::Task::TASK_FINISHED) {
         return Result::Skipped;
     }
-    // The framework frees a message it could not queue: a retry builds a new one.
-    if (SendMsgToTask(consumer, new Engine::FileNotifyMessage(mask, path, extParm))) {
-        return Result::Delivered;
-    }
-    // A live task that is not draining its queue (full, or not started yet)
-    // gets the notification later.
-    return IsLiveTask(consumer) ? Result::Full : Result::Gone;
+    // A task that is not draining its queue (full, or not started yet) gets
+    // the notification later; a retry builds a new message.
+    return box->Post(std::make_shared<Engine::FileNotifyMessage>(mask, path, extParm)) ? Result::Delivered
+                                                                                       : Result::Full;
 }
 
 void FileNotifyTask::PublishStatus(bool force)

@@ -39,7 +39,6 @@ public:
 
     int Run() override;
     int HandleMsg(std::shared_ptr<Framework::Message>& msg) override;
-    int EnqueueMsg(std::shared_ptr<Framework::Message> msg) override;
     void cancel() override;
 
     // Figures, readable from any thread. Published with release order, so a
@@ -51,9 +50,8 @@ public:
     uint64_t Registrations() const { return m_registrations.load(std::memory_order_acquire); }
 
 private:
-    Result Send(Framework::Task* consumer, const std::string& consumerName, uint32_t mask,
-                const std::string& path, unsigned long extParm) override;
-    static bool IsLiveTask(Framework::Task* consumer);
+    Result Send(const Framework::MailboxRef& consumer, const std::string& consumerName,
+                uint32_t mask, const std::string& path, unsigned long extParm) override;
     void PublishStatus(bool force);
     void UpdateFigures();
 

@@ -165,7 +165,7 @@ void WatchService::AddRegistration(const WatchRequest& request)
             std::string(req.recursive ? ", recursive" : ""), reg.dirs.size());
 }
 
-bool WatchService::RemoveRegistration(Framework::Task* consumer, const std::string& path,
+bool WatchService::RemoveRegistration(const Framework::MailboxRef& consumer, const std::string& path,
                                       unsigned long extParm)
 {
     for (auto it = m_regs.begin(); it != m_regs.end(); ++it) {
@@ -630,7 +630,7 @@ void WatchService::CancelPending(const Registration& reg, const std::string& pat
     m_pending.erase(PendingKey(reg.req.consumer, reg.req.extParm, path));
 }
 
-uint32_t WatchService::WantedMask(Framework::Task* consumer, unsigned long extParm, int wd,
+uint32_t WatchService::WantedMask(const Framework::MailboxRef& consumer, unsigned long extParm, int wd,
                                   RegId fallback) const
 {
     uint32_t wanted = 0;
@@ -654,7 +654,7 @@ uint32_t WatchService::WantedMask(Framework::Task* consumer, unsigned long extPa
 
 void WatchService::FlushPending(const PendingKey& key, const Pending& pending)
 {
-    Framework::Task* consumer = std::get<0>(key);
+    const Framework::MailboxRef& consumer = std::get<0>(key);
     unsigned long extParm = std::get<1>(key);
     // A released watch (directory gone or moved, registration removed)
     // leaves nothing to report.
@@ -715,7 +715,7 @@ void WatchService::Emit(const Registration& reg, uint32_t mask, const std::strin
     Emit(reg.req.consumer, reg.req.consumerName, reg.req.extParm, mask, path);
 }
 
-void WatchService::Emit(Framework::Task* consumer, const std::string& consumerName,
+void WatchService::Emit(const Framework::MailboxRef& consumer, const std::string& consumerName,
                         unsigned long extParm, uint32_t mask, const std::string& path)
 {
     if (m_goneConsumers.count(consumer) != 0) {
@@ -804,7 +804,7 @@ void WatchService::RetryOutboxes()
 void WatchService::ReleaseGoneConsumers()
 {
     for (const auto& gone : m_goneConsumers) {
-        Framework::Task* consumer = gone.first;
+        const Framework::MailboxRef& consumer = gone.first;
         size_t regs = 0;
         size_t before = m_dirs.size();
         for (auto it = m_regs.begin(); it != m_regs.end();) {
@@ -820,7 +820,6 @@ void WatchService::ReleaseGoneConsumers()
             it = std::get<0>(it->first) == consumer ? m_pending.erase(it) : std::next(it);
         }
         m_outboxes.erase(consumer);
-        // Its address may come back as another task: nothing of it is kept.
         SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
                 "Task %s no longer exists: its %z watch registrations are removed and %z "
                 "directory watches released; changes for it were not delivered.",

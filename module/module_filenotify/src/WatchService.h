@@ -32,10 +32,7 @@
 #include <json/json.h>
 
 #include "InotifyWatcher.h"
-
-namespace Framework {
-class Task;
-}
+#include "framework/Mailbox.h"
 
 namespace FileNotify {
 
@@ -57,12 +54,12 @@ class NotificationSink {
 public:
     enum class Result { Delivered, Full, Gone, Skipped };
     virtual ~NotificationSink() = default;
-    virtual Result Send(Framework::Task* consumer, const std::string& consumerName, uint32_t mask,
+    virtual Result Send(const Framework::MailboxRef& consumer, const std::string& consumerName, uint32_t mask,
                         const std::string& path, unsigned long extParm) = 0;
 };
 
 struct WatchRequest {
-    Framework::Task* consumer = nullptr;
+    Framework::MailboxRef consumer;
     std::string consumerName;
     std::string path;
     uint32_t mask = 0;  // events the consumer wants
@@ -84,7 +81,7 @@ public:
     void AddRegistration(const WatchRequest& request);
     // Stops the registration and the watches of its subtree that no other
     // registration uses. false when nothing matched.
-    bool RemoveRegistration(Framework::Task* consumer, const std::string& path,
+    bool RemoveRegistration(const Framework::MailboxRef& consumer, const std::string& path,
                             unsigned long extParm);
 
     // Waits up to timeoutMs for inotify events and handles up to maxEvents.
@@ -125,7 +122,7 @@ private:
     };
 
     // Coalesced change of one file for one consumer.
-    using PendingKey = std::tuple<Framework::Task*, unsigned long, std::string>;
+    using PendingKey = std::tuple<Framework::MailboxRef, unsigned long, std::string>;
     struct Pending {
         int wd = -1;  // directory watch the file was seen through
         RegId reg = 0;
@@ -176,9 +173,9 @@ private:
     void CancelPending(const Registration& reg, const std::string& path);
     void FlushPending(const PendingKey& key, const Pending& pending);
     void FlushDue(int64_t nowMs);
-    uint32_t WantedMask(Framework::Task* consumer, unsigned long extParm, int wd, RegId fallback) const;
+    uint32_t WantedMask(const Framework::MailboxRef& consumer, unsigned long extParm, int wd, RegId fallback) const;
     void Emit(const Registration& reg, uint32_t mask, const std::string& path);
-    void Emit(Framework::Task* consumer, const std::string& consumerName, unsigned long extParm,
+    void Emit(const Framework::MailboxRef& consumer, const std::string& consumerName, unsigned long extParm,
               uint32_t mask, const std::string& path);
     void RetryOutboxes();
     void ReleaseGoneConsumers();
@@ -196,7 +193,7 @@ private:
     std::map<int, DirWatch> m_dirs;  // wd -> users
     std::map<PendingKey, Pending> m_pending;
     int64_t m_nextFlushMs = -1;
-    std::map<Framework::Task*, Outbox> m_outboxes;
+    std::map<Framework::MailboxRef, Outbox> m_outboxes;
     std::vector<WatchEvent> m_events;
 
     int64_t m_lastDrainNs = 0;  // wall clock when the inotify queue was last seen empty
@@ -206,7 +203,7 @@ private:
     uint64_t m_skipped = 0;  // for consumers that are not running event loops
     // Consumers found gone since the last Tick; released there, outside any
     // walk that still holds a registration.
-    std::map<Framework::Task*, std::string> m_goneConsumers;
+    std::map<Framework::MailboxRef, std::string> m_goneConsumers;
     int64_t m_lastReadErrorLogMs = 0;
 };
 

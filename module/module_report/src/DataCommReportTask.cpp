@@ -3,6 +3,8 @@
 #include <json/json.h>
 
 #include "framework/StatusBoard.h"
+#include "framework/Topics.h"
+#include "message/Outcomes.h"
 #include "sdk/JsonUtils.h"
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
@@ -105,6 +107,14 @@ void DataCommReportTask::Publish()
     v["last_error"] = s.lastError;
     v["last_error_ms"] = static_cast<Json::Int64>(s.lastErrorMs);
     Framework::StatusBoard::Publish(kStatusKey, v);
+    EventSinkFigures figures;
+    figures.sink = m_sink.Path();
+    figures.received = Received();
+    figures.written = s.written;
+    figures.held = s.held;
+    figures.dropped = s.dropped;
+    figures.lastError = s.lastError;
+    Framework::Topics::Post(kEventSinkTopic, std::make_shared<EventSinkMessage>(figures));
 }
 
 }  // namespace Engine

@@ -6,6 +6,8 @@
 
 #include "framework/Message.h"
 #include "framework/StatusBoard.h"
+#include "framework/Topics.h"
+#include "message/Outcomes.h"
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/TimeUtils.h"
@@ -166,6 +168,9 @@ void FileCommReportTask::HandleDownload(const Request& request)
         status["finished_ms"] = static_cast<Json::Int64>(NowMs());
         status["coalesced"] = 0;
         SetDownloadStatus(target, status);
+        Framework::Topics::Post(kDownloadTopic,
+                                std::make_shared<DownloadMessage>(target, url, false,
+                                                                  status["error"].asString(), 0));
         return;
     }
     ReapJobs();  // a finished download must not swallow a new request
@@ -219,6 +224,9 @@ void FileCommReportTask::StartJob(const Request& request)
         status["error"] = "cannot start a thread: " + e.displayText();
         status["finished_ms"] = static_cast<Json::Int64>(NowMs());
         SetDownloadStatus(target, status);
+        Framework::Topics::Post(kDownloadTopic,
+                                std::make_shared<DownloadMessage>(target, url, false,
+                                                                  status["error"].asString(), 0));
         return;
     }
     m_jobs[target] = job;
@@ -246,6 +254,8 @@ void FileCommReportTask::JobFinished(Job& job)
     status["finished_ms"] = static_cast<Json::Int64>(NowMs());
     status["coalesced"] = static_cast<Json::UInt64>(job.coalesced.load());
     SetDownloadStatus(target, status);
+    Framework::Topics::Post(kDownloadTopic, std::make_shared<DownloadMessage>(
+                                                target, job.Download().Url(), r.ok, r.error, r.bytes));
 }
 
 void FileCommReportTask::ReapJobs()
@@ -382,6 +392,16 @@ void FileCommReportTask::PublishUploads()
     v["bytes"] = static_cast<Json::UInt64>(m_uploadCounters.bytes);
     v["last_error"] = m_uploadCounters.lastError;
     Framework::StatusBoard::Publish(kUploadsKey, v);
+    UploadFigures figures;
+    figures.dir = m_uploads.Dir();
+    figures.received = m_uploadCounters.received;
+    figures.stored = m_uploadCounters.stored;
+    figures.duplicates = m_uploadCounters.duplicates;
+    figures.refused = m_uploadCounters.refused;
+    figures.failed = m_uploadCounters.failed;
+    figures.bytes = m_uploadCounters.bytes;
+    figures.lastError = m_uploadCounters.lastError;
+    Framework::Topics::Post(kUploadTopic, std::make_shared<UploadMessage>(figures));
 }
 
 }  // namespace Engine

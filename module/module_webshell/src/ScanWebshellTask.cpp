@@ -21,6 +21,8 @@
 #include "framework/Engine.h"
 #include "framework/Message.h"
 #include "framework/StatusBoard.h"
+#include "framework/Topics.h"
+#include "message/Outcomes.h"
 #include "message/AssetMessage.h"
 #include "sdk/CryptoCodeUtils.h"
 #include "sdk/FileUtils.h"
@@ -75,89 +77,105 @@ const uint32_t kEventIsDir = 0x40000000;
 const unsigned int kAssetKinds[] = {AssetMessage::KIND_WEB_SERVER, AssetMessage::KIND_JAVA_APP_SERVER};
 
 // ------------------------------------------------------------------------
-// Figures of the running pass for operators ("webshell.last_pass") and of
-// the rule library ("webshell.rules"). A pass belongs to the thread that
-// runs Check; file checks outside a pass (notifications) are not counted.
+// Figures of the running pass, rendered for operators ("webshell.last_pass")
+// and announced when the pass ends (kScanPassTopic), and the state of the
+// rule library ("webshell.rules"). A pass belongs to the thread that runs
+// Check; file checks outside a pass (notifications) are not counted.
 
 std::atomic<uint64_t> g_passCounter{0};
 
-struct PassFigures {
+struct PassState : PassFigures {
     std::string task;
     uint64_t passId = 0;
     int64_t startedMs = 0;
-    uint64_t filesSeen = 0;
-    uint64_t filesChecked = 0;
-    uint64_t filesMatched = 0;
-    uint64_t certain = 0;
-    uint64_t uncertain = 0;
-    uint64_t events = 0;
-    uint64_t uploads = 0;
-    uint64_t bytesChecked = 0;
     Json::Value roots{Json::arrayValue};
     // When the running figures were last published, for status during a pass.
     unsigned long publishedTick = 0;
     uint64_t publishedSeen = 0;
-
-    Json::Value ToJson(const char* state, const char* reason, int64_t finishedMs) const
-    {
-        Json::Value v(Json::objectValue);
-        v["task"] = task;
-        v["pass_id"] = Json::UInt64(passId);
-        v["state"] = state;
-        v["reason"] = reason;
-        v["started_ms"] = Json::Int64(startedMs);
-        v["finished_ms"] = Json::Int64(finishedMs);
-        v["seconds"] = finishedMs > 0 ? static_cast<double>(finishedMs - startedMs) / 1000.0 : 0.0;
-        v["files_seen"] = Json::UInt64(filesSeen);
-        v["files_checked"] = Json::UInt64(filesChecked);
-        v["files_matched"] = Json::UInt64(filesMatched);
-        v["certain"] = Json::UInt64(certain);
-        v["uncertain"] = Json::UInt64(uncertain);
-        v["events"] = Json::UInt64(events);
-        v["uploads"] = Json::UInt64(uploads);
-        v["bytes_checked"] = Json::UInt64(bytesChecked);
-        v["roots"] = roots;
-        return v;
-    }
 };
 
-thread_local PassFigures* t_pass = nullptr;
-// Why the last ParsePolicyContent on this thread refused to go on.
-thread_local const char* t_parseRefusal = "";
+const char* SkipText(PassSkip skip)
+{
+    switch (skip) {
+    case PassSkip::None:
+        return "";
+    case PassSkip::NoPolicy:
+        return "no policy";
+    case PassSkip::NoScanPath:
+        return "scan path empty";
+    default:
+        return "rules not ready";
+    }
+}
+
+Json::Value RenderPass(const PassState& pass, const char* state, PassSkip skip, int64_t finishedMs)
+{
+    Json::Value v(Json::objectValue);
+    v["task"] = pass.task;
+    v["pass_id"] = Json::UInt64(pass.passId);
+    v["state"] = state;
+    v["reason"] = SkipText(skip);
+    v["started_ms"] = Json::Int64(pass.startedMs);
+    v["finished_ms"] = Json::Int64(finishedMs);
+    v["seconds"] = finishedMs > 0 ? static_cast<double>(finishedMs - pass.startedMs) / 1000.0 : 0.0;
+    v["files_seen"] = Json::UInt64(pass.filesSeen);
+    v["files_checked"] = Json::UInt64(pass.filesChecked);
+    v["files_matched"] = Json::UInt64(pass.filesMatched);
+    v["certain"] = Json::UInt64(pass.certain);
+    v["uncertain"] = Json::UInt64(pass.uncertain);
+    v["events"] = Json::UInt64(pass.events);
+    v["uploads"] = Json::UInt64(pass.uploads);
+    v["bytes_checked"] = Json::UInt64(pass.bytesChecked);
+    v["roots"] = pass.roots;
+    return v;
+}
+
+thread_local PassState* t_pass = nullptr;
 
 class PassScope {
 public:
     explicit PassScope(const std::string& task) : m_previous(t_pass)
     {
-        m_figures.task = task;
-        m_figures.passId = g_passCounter.fetch_add(1, std::memory_order_relaxed) + 1;
-        m_figures.startedMs = SDK::TimeUtils::GetCurrentTimestampMS();
-        t_pass = &m_figures;
-        m_figures.publishedTick = SDK::TimeUtils::GetCurrentSystemTickUsed();
-        Framework::StatusBoard::Publish("webshell.last_pass", m_figures.ToJson("running", "", 0));
+        m_pass.task = task;
+        m_pass.passId = g_passCounter.fetch_add(1, std::memory_order_relaxed) + 1;
+        m_pass.startedMs = SDK::TimeUtils::GetCurrentTimestampMS();
+        t_pass = &m_pass;
+        Framework::StatusBoard::Publish("webshell.last_pass", RenderPass(m_pass, "running", PassSkip::None, 0));
+        m_pass.publishedTick = SDK::TimeUtils::GetCurrentSystemTickUsed();
     }
     ~PassScope()
     {
         t_pass = m_previous;
-        if (!m_published) {
-            Publish("finished", "");
+        if (!m_ended) {
+            End(PassSkip::None, SDK::Status::Ok());
         }
     }
     PassScope(const PassScope&) = delete;
     PassScope& operator=(const PassScope&) = delete;
 
-    void Publish(const char* state, const char* reason)
+    void End(PassSkip skip, const SDK::Status& why)
     {
-        m_published = true;
+        m_ended = true;
+        const int64_t now = SDK::TimeUtils::GetCurrentTimestampMS();
         Framework::StatusBoard::Publish(
-            "webshell.last_pass", m_figures.ToJson(state, reason, SDK::TimeUtils::GetCurrentTimestampMS()));
+            "webshell.last_pass",
+            RenderPass(m_pass, skip == PassSkip::None ? "finished" : "skipped", skip, now));
+        auto outcome = std::make_shared<ScanPassMessage>();
+        outcome->task = m_pass.task;
+        outcome->passId = m_pass.passId;
+        outcome->skip = skip;
+        outcome->reason = why.message();
+        outcome->startedMs = m_pass.startedMs;
+        outcome->finishedMs = now;
+        outcome->figures = m_pass;
+        Framework::Topics::Post(kScanPassTopic, outcome);
     }
-    PassFigures& Figures() { return m_figures; }
+    PassState& Figures() { return m_pass; }
 
 private:
-    PassFigures m_figures;
-    PassFigures* m_previous;
-    bool m_published = false;
+    PassState m_pass;
+    PassState* m_previous;
+    bool m_ended = false;
 };
 
 // The figures of the running pass, every second or every hundred files
@@ -167,7 +185,7 @@ const uint64_t kProgressFiles = 100;
 
 void PublishProgress()
 {
-    PassFigures* figures = t_pass;
+    PassState* figures = t_pass;
     if (figures == nullptr) {
         return;
     }
@@ -178,8 +196,11 @@ void PublishProgress()
     }
     figures->publishedTick = now;
     figures->publishedSeen = figures->filesSeen;
-    Framework::StatusBoard::Publish("webshell.last_pass", figures->ToJson("running", "", 0));
+    Framework::StatusBoard::Publish("webshell.last_pass", RenderPass(*figures, "running", PassSkip::None, 0));
 }
+
+// Whether any task said anything about the rule library yet.
+std::atomic<bool> g_rulesPublished{false};
 
 void PublishRules(const std::string& path, const char* state, const std::string& loaded,
                   const std::string& wanted, const std::string& hash, const std::string& url)
@@ -192,6 +213,7 @@ void PublishRules(const std::string& path, const char* state, const std::string&
     v["wanted_hash"] = hash;
     v["url"] = url;
     Framework::StatusBoard::Publish("webshell.rules", v);
+    g_rulesPublished.store(true);
 }
 
 // The admission test of a scan root: status with links followed, then the
@@ -361,7 +383,7 @@ int ScanWebshellTask::Init()
         return -1;
     }
     m_webshellLibPath = installDir + kLibRelativePath;
-    if (Framework::StatusBoard::Get("webshell.rules").isNull()) {
+    if (!g_rulesPublished.load()) {
         PublishRules(m_webshellLibPath, "none", "", "", "", "");
     }
     for (unsigned int kind : kAssetKinds) {
@@ -405,10 +427,16 @@ bool ScanWebshellTask::GetTime(long& now)
 
 bool ScanWebshellTask::ParsePolicyContent()
 {
+    PassSkip skip = PassSkip::None;
+    return PreparePolicy(skip).ok();
+}
+
+SDK::Status ScanWebshellTask::PreparePolicy(PassSkip& skip)
+{
     DetectWebshellPolicy* policy = GetDetectPolicy();
     if (policy == nullptr) {
-        t_parseRefusal = "no policy";
-        return false;
+        skip = PassSkip::NoPolicy;
+        return SDK::Status::Error("no policy");
     }
     const std::string fileType = policy->GetFileType();
     m_fileTypeList.clear();
@@ -422,23 +450,30 @@ bool ScanWebshellTask::ParsePolicyContent()
         GetWebHomePath(policy->IsMonitorContainer());
         if (m_scanPathSet.empty()) {
             SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "Scan path is empty.");
-            t_parseRefusal = "scan path empty";
-            return false;
+            skip = PassSkip::NoScanPath;
+            return SDK::Status::Error("none of the scan paths is an existing directory");
         }
     }
 
     m_uploadFileCountPerDay = policy->GetUploadFileCountPerDay();
     WebshellFileUploadRecorder::GetInstance().SetUploadFileCountPerDay(m_uploadFileCountPerDay);
-    if (!CheckLocalWebshellLib(policy->GetLibVersion(), policy->GetLibUrl(), policy->GetLibHash())) {
-        t_parseRefusal = "rules not ready";
-        return false;
+    if (!CheckLocalWebshellLib(policy->GetLibVersion(), policy->GetLibUrl(), policy->GetLibHash(), &skip)) {
+        switch (skip) {
+        case PassSkip::RulesMissing:
+            return SDK::Status::Error("the rule library " + m_webshellLibPath + " is missing");
+        case PassSkip::RulesMismatch:
+            return SDK::Status::Error("the rule library at " + m_webshellLibPath +
+                                      " does not match the policy's lib_hash");
+        default:
+            return SDK::Status::Error("the rule library " + m_webshellLibPath + " cannot be loaded");
+        }
     }
-    t_parseRefusal = "";
-    return true;
+    skip = PassSkip::None;
+    return SDK::Status::Ok();
 }
 
 bool ScanWebshellTask::CheckLocalWebshellLib(const std::string& libVersion, const std::string& libUrl,
-                                             const std::string& libHash)
+                                             const std::string& libHash, PassSkip* why)
 {
     bool flag = true;
     std::string digest;
@@ -446,6 +481,9 @@ bool ScanWebshellTask::CheckLocalWebshellLib(const std::string& libVersion, cons
     if (hashResult == -1 || digest != libHash) {
         PublishRules(m_webshellLibPath, hashResult == -1 ? "missing" : "hash_mismatch", m_loadedLibVersion,
                      libVersion, libHash, libUrl);
+        if (why != nullptr) {
+            *why = hashResult == -1 ? PassSkip::RulesMissing : PassSkip::RulesMismatch;
+        }
         SendFileDownloadMsg(m_webshellLibPath, libUrl, libHash);
         return false;
     }
@@ -455,6 +493,9 @@ bool ScanWebshellTask::CheckLocalWebshellLib(const std::string& libVersion, cons
     m_yara.CleanUsedRules();
     if (!m_yara.LoadRuleFromFile(m_webshellLibPath)) {
         PublishRules(m_webshellLibPath, "load_failed", m_loadedLibVersion, libVersion, libHash, libUrl);
+        if (why != nullptr) {
+            *why = PassSkip::RulesUnloadable;
+        }
         return false;
     }
     m_loadedLibVersion = libVersion;
@@ -504,8 +545,10 @@ void ScanWebshellTask::GetWebHomePath(bool includeContainer)
 void ScanWebshellTask::Check()
 {
     PassScope pass(GetTaskName());
-    if (!ParsePolicyContent()) {
-        pass.Publish("skipped", t_parseRefusal);
+    PassSkip skip = PassSkip::None;
+    const SDK::Status prepared = PreparePolicy(skip);
+    if (!prepared) {
+        pass.End(skip, prepared);
         return;
     }
     SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "Webshell task check OS web directory. ");
@@ -530,7 +573,6 @@ void ScanWebshellTask::Check()
         dynamic_cast<ScanWebshellTask*>(engine != nullptr ? engine->FindTask(kFileChangeTaskName) : nullptr);
     if (fileChangeTask == nullptr) {
         SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "Webshell task get scan task failed.");
-        pass.Publish("finished", "");
         return;
     }
     std::map<std::string, ContainerCacheInfo> containers;
@@ -546,7 +588,6 @@ void ScanWebshellTask::Check()
             ScanFromDir(path, walk, entry.second);
         }
     }
-    pass.Publish("finished", "");
 }
 
 void ScanWebshellTask::ScanFromDir(const std::string& dir, WalkState& walk, const ContainerCacheInfo& cache)

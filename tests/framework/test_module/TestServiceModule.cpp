@@ -1,7 +1,5 @@
-// Test-only module: one task of each type, messages both ways, a policy
-// callback and a tasklet, each step logged so a test can follow it.
-
-#include <atomic>
+// Test-only module: a scheduled and a resident task, a policy callback and a
+// tasklet, each step logged so a test can follow it through the real agent.
 
 #include "framework/Export.h"
 #include "framework/Module.h"
@@ -13,21 +11,11 @@ namespace {
 
 const char* const kSource = "tests/framework/test_module/TestServiceModule";
 
-Poco::Logger* Log()
+void Say(const std::string& text)
 {
-    return SDK::LoggerUtils::GetInstance()->GetModuleLogger("test_service_module", false);
+    SDK_LOG(SDK::LoggerUtils::GetInstance()->GetModuleLogger("test_service_module", false),
+            Poco::Message::PRIO_INFORMATION, kSource, "test module: %s", text);
 }
-
-class PingMessage : public Framework::Message {
-public:
-    explicit PingMessage(Framework::Task* from) : Framework::Message("ping"), from(from) {}
-    Framework::Task* from;
-};
-
-class PongMessage : public Framework::Message {
-public:
-    PongMessage() : Framework::Message("pong") {}
-};
 
 class TestPolicy : public Framework::FeaturePolicy {
 public:
@@ -39,11 +27,8 @@ public:
             return false;
         }
         auto* schedule = new Framework::TaskPolicy("test_scheduled_task");
-        if (schedule->ParseCondition(R"({"type":"interval","interval_s":1,"delay_s":0})")) {
-            Add(schedule);
-        } else {
-            delete schedule;
-        }
+        schedule->ParseCondition(R"({"type":"interval","interval_s":1,"delay_s":0})");
+        Add(schedule);
         return true;
     }
 };
@@ -53,16 +38,7 @@ public:
     ScheduledTask() : Framework::Task("test_scheduled_task", "test_feature", Framework::TaskCondition::TASK_TYPE_SCHEDULED, 64) {}
     int Run() override
     {
-        SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "test module: scheduled run %d, policy %s",
-                ++m_runs, std::string(GetFeaturePolicy() ? "present" : "absent"));
-        return 0;
-    }
-    int HandleMsg(std::shared_ptr<Framework::Message>& msg) override
-    {
-        if (auto ping = std::dynamic_pointer_cast<PingMessage>(msg)) {
-            SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "test module: ping received by %s", GetTaskName());
-            SendMsgToTask(ping->from, new PongMessage());
-        }
+        Say("scheduled run " + std::to_string(++m_runs) + ", policy " + (GetFeaturePolicy() ? "present" : "absent"));
         return 0;
     }
 
@@ -75,32 +51,11 @@ public:
     ResidentTask() : Framework::Task("test_resident_task", "test_feature", Framework::TaskCondition::TASK_TYPE_RESIDENT, 64) {}
     int Run() override
     {
-        SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "test module: resident task running");
-        bool sent = false;
+        Say("resident task running");
         while (!IsCancelling()) {
-            if (!sent) {
-                sent = SendDirectMsg("test_scheduled_task", new PingMessage(this));
-            }
-            GetEventWaiter().WaitAndHandleEvent(100, 16);
+            GetEventWaiter().WaitAndHandleEvent(60000, 16);
         }
-        SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "test module: resident task stopped");
-        return 0;
-    }
-    int HandleMsg(std::shared_ptr<Framework::Message>& msg) override
-    {
-        if (std::dynamic_pointer_cast<PongMessage>(msg)) {
-            SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "test module: pong received by %s", GetTaskName());
-        }
-        return 0;
-    }
-};
-
-class OnDemandTask : public Framework::Task {
-public:
-    OnDemandTask() : Framework::Task("test_ondemand_task", "test_feature", Framework::TaskCondition::TASK_TYPE_ONDEMAND, 64) {}
-    int Run() override
-    {
-        SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "test module: on-demand run");
+        Say("resident task stopped");
         return 0;
     }
 };
@@ -108,12 +63,6 @@ public:
 class TestServiceModule : public Framework::Module {
 public:
     TestServiceModule() : Framework::Module("test_service_module") {}
-    ~TestServiceModule() override
-    {
-        if (m_scheduled) m_scheduled->release();
-        if (m_resident) m_resident->release();
-        if (m_ondemand) m_ondemand->release();
-    }
 
     int Init() override
     {
@@ -121,14 +70,14 @@ public:
             new Framework::TaskletCallback<TestServiceModule>(this, &TestServiceModule::Tasklet, true));
         RegisterPolicyCallback("20001",
             new Framework::PolicyCallback<TestServiceModule>(this, &TestServiceModule::OnPolicy));
-        SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "test module: Init");
+        Say("Init");
         return Framework::Module::Init();
     }
 
     int UnInit() override
     {
         const int removed = UnRegisterTask("test_resident_task") + UnRegisterTask("test_scheduled_task");
-        SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "test module: UnInit, %d task(s) unregistered", removed);
+        Say("UnInit, " + std::to_string(removed) + " task(s) unregistered");
         return Framework::Module::UnInit();
     }
 
@@ -137,36 +86,30 @@ public:
         auto* policy = new TestPolicy(feature);
         if (!policy->Parse(content)) {
             delete policy;
-            SDK_LOG(Log(), Poco::Message::PRIO_ERROR, kSource, "test module: policy rejected");
             return nullptr;
         }
         if (current != nullptr) {
             current->SetExpired();
         }
-        if (m_scheduled == nullptr) {
+        if (!m_scheduled) {
             m_scheduled = new ScheduledTask();
             m_resident = new ResidentTask();
-            m_ondemand = new OnDemandTask();
-            RegisterTask(m_scheduled, false);
-            RegisterTask(m_resident, false);
+            RegisterTask(m_scheduled.get(), false);
+            RegisterTask(m_resident.get(), false);
         }
-        SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "test module: policy accepted for feature %s", feature);
+        Say("policy accepted for feature " + feature);
         return policy;
     }
 
-    int Tasklet(const std::string& argument)
+    int Tasklet(const std::string&)
     {
-        SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "test module: tasklet invoked");
-        if (m_ondemand != nullptr) {
-            m_ondemand->Run();
-        }
+        Say("tasklet invoked");
         return 0;
     }
 
 private:
-    ScheduledTask* m_scheduled = nullptr;
-    ResidentTask* m_resident = nullptr;
-    OnDemandTask* m_ondemand = nullptr;
+    Poco::AutoPtr<ScheduledTask> m_scheduled;
+    Poco::AutoPtr<ResidentTask> m_resident;
 };
 
 }  // namespace

@@ -140,7 +140,7 @@ std::string TempDir::Socket(const std::string& rel)
     return path;
 }
 
-bool WaitFor(const std::function<bool()>& pred, int timeoutMs)
+bool WaitFor(const std::function<bool()>& pred, int timeoutMs, int periodMs)
 {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
@@ -150,7 +150,7 @@ bool WaitFor(const std::function<bool()>& pred, int timeoutMs)
         if (std::chrono::steady_clock::now() >= deadline) {
             return pred();
         }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        std::this_thread::sleep_for(std::chrono::milliseconds(periodMs));
     }
 }
 
@@ -207,6 +207,68 @@ std::string Sha256Sum(const std::string& path)
     return out.substr(0, 64);
 }
 
+Json::Value ParseJson(const std::string& text)
+{
+    Json::CharReaderBuilder builder;
+    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value value;
+    std::string errors;
+    return reader->parse(text.data(), text.data() + text.size(), &value, &errors) ? value : Json::Value();
+}
+
+std::vector<Json::Value> ReadEvents(const std::string& sink)
+{
+    std::vector<Json::Value> events;
+    for (const auto& line : ReadLines(sink)) {
+        Json::Value event = ParseJson(line);
+        if (event.isObject()) {
+            events.push_back(event);
+        }
+    }
+    return events;
+}
+
+Json::Value CtlStatus(const std::string& install)
+{
+    std::string text;
+    const std::string ctl = AgentBinary() + " ctl status --install-dir " + install + " 2>/dev/null";
+    return RunCommand(ctl, &text) == 0 ? ParseJson(text) : Json::Value();
+}
+
+std::set<std::string> WatchedRoots(const Json::Value& status, const std::string& task)
+{
+    std::set<std::string> roots;
+    for (const auto& reg : status["components"]["filenotify"]["registrations"]) {
+        if (reg["task"].asString() == task && reg["watching"].asBool()) {
+            roots.insert(reg["path"].asString());
+        }
+    }
+    return roots;
+}
+
+Json::Value WebshellPolicy(const std::vector<std::string>& paths, const std::string& rules)
+{
+    Json::Value policy;
+    policy["feature_name"] = "detect_webshell";
+    policy["hash"] = "test-" + Sha256Sum(rules).substr(0, 8);
+    Json::Value& content = policy["content"];
+    content["default_scan_paths"] = Json::Value(Json::arrayValue);
+    content["customize_scan_paths"] = Json::Value(Json::arrayValue);
+    for (const auto& path : paths) {
+        content["customize_scan_paths"].append(path);
+    }
+    content["lib_version"] = "1";
+    content["lib_url"] = "file://" + rules;
+    content["lib_hash"] = Sha256Sum(rules);
+    content["monitor_file_change"] = false;
+    content["monitor_container"] = false;
+    content["file_type"] = "php";
+    content["auto_scan_task"]["task_condition"]["type"] = "interval";
+    content["auto_scan_task"]["task_condition"]["interval_s"] = 86400;
+    content["auto_scan_task"]["task_condition"]["delay_s"] = 86400;
+    return policy;
+}
+
 std::string StageDir()
 {
     return Env("ARDENT_STAGE", Env("ARDENT_BUILD", "build") + "/stage");
@@ -215,11 +277,6 @@ std::string StageDir()
 std::string SourceDir()
 {
     return Env("ARDENT_SOURCE", ".");
-}
-
-std::string BuildDir()
-{
-    return Env("ARDENT_BUILD", "build");
 }
 
 std::string AgentBinary()
@@ -317,6 +374,49 @@ void CaptureTask::Clear()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_messages.clear();
+}
+
+class LogCapture::Channel : public Poco::Channel {
+public:
+    void log(const Poco::Message& msg) override
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        records.push_back({msg.getPriority(), msg.getText()});
+    }
+    std::mutex mutex;
+    std::vector<Record> records;
+};
+
+LogCapture::LogCapture(const std::string& logger, Poco::Message::Priority level)
+    : m_logger(logger), m_channel(new Channel)
+{
+    Poco::Logger& target = Poco::Logger::get(m_logger);
+    m_previousChannel = target.getChannel();
+    m_previousLevel = target.getLevel();
+    target.setChannel(Poco::Channel::Ptr(m_channel.get(), true));
+    target.setLevel(level);
+}
+
+LogCapture::~LogCapture()
+{
+    Poco::Logger& target = Poco::Logger::get(m_logger);
+    target.setChannel(m_previousChannel);
+    target.setLevel(m_previousLevel);
+}
+
+std::vector<LogCapture::Record> LogCapture::Records()
+{
+    std::lock_guard<std::mutex> lock(m_channel->mutex);
+    return m_channel->records;
+}
+
+size_t LogCapture::Count(const std::string& needle, Poco::Message::Priority atMost)
+{
+    size_t n = 0;
+    for (const auto& r : Records()) {
+        n += r.priority <= atMost && r.text.find(needle) != std::string::npos ? 1 : 0;
+    }
+    return n;
 }
 
 TestEngine::TestEngine(const std::vector<std::string>& modules) : m_dir("ardent-engine")

@@ -56,7 +56,7 @@ public:
     const Settings& GetSettings() const { return m_settings; }
 
 private:
-    void SendKind(unsigned int kind, Framework::Task* consumer);
+    void SendKind(unsigned int kind, const Framework::MailboxRef& consumer);
     void LogIssues(const Asset::DiscoveryResult& result);
     void Publish();
 

@@ -30,13 +30,15 @@ struct _FileNotifyOpt {
     uint8_t coalesce = 1;         // merge repeated modifications of one file
 };
 
+// The task that asks is alive when it makes the request: its handle is taken
+// here, and notifications go to that handle only.
 class ARDENT_EXPORT FileNotifyWatchMessage : public Framework::Message {
 public:
     FileNotifyWatchMessage(Framework::Task* sender, const std::string& path,
                            std::vector<unsigned int> events, const _FileNotifyOpt& opt);
     ~FileNotifyWatchMessage() override;
 
-    Framework::Task* GetSender() const { return m_sender; }
+    const Framework::MailboxRef& GetSender() const { return m_sender; }
     const std::string& GetPath() const { return m_path; }
     const std::vector<unsigned int>& GetEvents() const { return m_events; }
     const _FileNotifyOpt& GetOpt() const { return m_opt; }
@@ -44,7 +46,7 @@ public:
     uint32_t GetMask() const;
 
 private:
-    Framework::Task* m_sender;
+    Framework::MailboxRef m_sender;
     std::string m_path;
     std::vector<unsigned int> m_events;
     _FileNotifyOpt m_opt;

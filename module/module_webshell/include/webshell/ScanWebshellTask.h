@@ -33,6 +33,8 @@
 #include "message/AbstractMessageReceiver.h"
 #include "message/AbstructMessage.h"
 #include "message/AssetMessage.h"
+#include "message/Outcomes.h"
+#include "sdk/Status.h"
 #include "sdk/YaraUtils.h"
 #include "webshell/ContainerCacheInfo.h"
 #include "webshell/DetectResult.h"
@@ -72,10 +74,12 @@ public:
     void ReceiveMsg();
     bool GetTime(long& now);
 
-    // Rule library and policy.
+    // Rule library and policy. PreparePolicy is ParsePolicyContent with the
+    // reason of a refusal: the Status an operator reads and the typed skip.
     bool ParsePolicyContent();
+    SDK::Status PreparePolicy(PassSkip& skip);
     bool CheckLocalWebshellLib(const std::string& libVersion, const std::string& libUrl,
-                               const std::string& libHash);
+                               const std::string& libHash, PassSkip* why = nullptr);
     void SendFileDownloadMsg(const std::string& path, const std::string& url, const std::string& sha256);
 
     // Scan directories.

@@ -7,8 +7,14 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
+
+#include <Poco/AutoPtr.h>
+#include <Poco/Channel.h>
+#include <Poco/Message.h>
+#include <json/json.h>
 
 #include "framework/Engine.h"
 #include "framework/Task.h"
@@ -37,8 +43,9 @@ private:
     std::string m_path;
 };
 
-// Polls `pred` every few milliseconds until it holds or the deadline passes.
-bool WaitFor(const std::function<bool()>& pred, int timeoutMs = 5000);
+// Polls `pred` every `periodMs` until it holds or the deadline passes (a
+// longer period for checks that cost a process start each).
+bool WaitFor(const std::function<bool()>& pred, int timeoutMs = 5000, int periodMs = 5);
 
 std::string ReadFile(const std::string& path);
 std::vector<std::string> ReadLines(const std::string& path);
@@ -48,10 +55,23 @@ std::string Sha256Sum(const std::string& path);
 // Runs a shell command; returns its exit status and fills `out` with stdout.
 int RunCommand(const std::string& command, std::string* out = nullptr);
 
+// The JSON value of `text`; null when it is not JSON.
+Json::Value ParseJson(const std::string& text);
+// Every line of an event sink that is a JSON object (none for a missing file).
+std::vector<Json::Value> ReadEvents(const std::string& sink);
+// `ardent-agent ctl status` of the agent of `install`; null without an answer.
+Json::Value CtlStatus(const std::string& install);
+// The roots the file-notify service watches for `task`, from a status.
+std::set<std::string> WatchedRoots(const Json::Value& status,
+                                   const std::string& task = "detect_file_change_wehshell_task");
+// A "detect_webshell" policy for `paths` and the rule library `rules` (its
+// file:// URL and hash): suffix php, no monitoring, and a periodic pass that
+// never fires during a test. Tests change what they need.
+Json::Value WebshellPolicy(const std::vector<std::string>& paths, const std::string& rules);
+
 // Build locations (from the environment ctest sets).
 std::string StageDir();   // build/stage
 std::string SourceDir();  // repository root
-std::string BuildDir();   // build/
 std::string AgentBinary();
 
 // Makes an install tree for one test (bin, lib, module, data/webshell,
@@ -91,6 +111,35 @@ public:
 private:
     std::mutex m_mutex;
     std::vector<std::shared_ptr<Framework::Message>> m_messages;
+};
+
+// Records what one logger says while it lives (at `level` and above). Make
+// it after any Engine: a new engine hands every logger the root's channel.
+class LogCapture {
+public:
+    struct Record {
+        Poco::Message::Priority priority;
+        std::string text;
+    };
+
+    explicit LogCapture(const std::string& logger,
+                        Poco::Message::Priority level = Poco::Message::PRIO_INFORMATION);
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<Record> Records();
+    // Records at least as severe as `atMost` whose text contains `needle`.
+    size_t Count(const std::string& needle,
+                 Poco::Message::Priority atMost = Poco::Message::PRIO_WARNING);
+
+    class Channel;
+
+private:
+    std::string m_logger;
+    Poco::AutoPtr<Channel> m_channel;
+    Poco::Channel::Ptr m_previousChannel;
+    int m_previousLevel = 0;
 };
 
 // An engine for in-process tests, its install dir a fresh tree.

@@ -15,11 +15,11 @@
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
 
-namespace Framework {
+namespace Agent {
 
 namespace {
 
-const char* const kSource = "framework/src/ControlServer";
+const char* const kSource = "agent/src/ControlServer";
 const int kIoTimeoutMs = 5000;
 
 Poco::Logger* Log()
@@ -58,7 +58,7 @@ bool WaitFd(int fd, short events, int timeoutMs)
 
 }  // namespace
 
-ControlServer::ControlServer(Engine& engine, const std::string& socketPath)
+ControlServer::ControlServer(Framework::Engine& engine, const std::string& socketPath)
     : m_engine(engine), m_path(socketPath) {}
 
 ControlServer::~ControlServer()
@@ -113,35 +113,57 @@ void ControlServer::Stop()
     if (m_acceptThread.joinable()) {
         m_acceptThread.join();
     }
-    std::list<std::thread> clients;
-    {
-        Poco::FastMutex::ScopedLock lock(m_clientsMutex);
-        clients.swap(m_clients);
-    }
-    for (auto& t : clients) {
-        if (t.joinable()) {
-            t.join();
-        }
-    }
+    Reap(true);
     close(m_listenFd);
     m_listenFd = -1;
     unlink(m_path.c_str());
 }
 
+void ControlServer::Reap(bool all)
+{
+    for (auto it = m_clients.begin(); it != m_clients.end();) {
+        if (all || it->done->load()) {
+            it->thread.join();
+            it = m_clients.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
 void ControlServer::AcceptLoop()
 {
     while (!m_stop) {
-        if (!WaitFd(m_listenFd, POLLIN, 200)) {
+        const bool ready = WaitFd(m_listenFd, POLLIN, 200);
+        Reap(false);
+        if (!ready) {
             continue;
         }
         int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) {
             continue;
         }
-        // Each request on its own thread: a policy change waiting for a
-        // running scan must not hold up `status`.
-        Poco::FastMutex::ScopedLock lock(m_clientsMutex);
-        m_clients.emplace_back([this, fd] { Serve(fd); });
+        if (m_clients.size() >= kMaxClients) {
+            if (!m_busyWarned) {
+                m_busyWarned = true;
+                SDK_LOG(Log(), Poco::Message::PRIO_WARNING, kSource,
+                        "Control socket: %z requests in progress; further ones are answered 'busy' until they end",
+                        m_clients.size());
+            }
+            const std::string reply = ErrorReply("busy: too many requests at once, try again") + "\n";
+            if (WaitFd(fd, POLLOUT, 100)) {
+                (void)send(fd, reply.data(), reply.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+            }
+            close(fd);
+            continue;
+        }
+        m_busyWarned = false;
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        m_clients.push_back(Client{std::thread([this, fd, done] {
+                                       Serve(fd);
+                                       done->store(true);
+                                   }),
+                                   done});
     }
 }
 
@@ -205,9 +227,9 @@ std::string ControlServer::Handle(const std::string& request)
         reply["ok"] = true;
         reply["tasklets"] = Json::Value(Json::objectValue);
         for (auto& result : m_engine.InvokeAllTasklets(false)) {
-            const char* text = result.second == Engine::TASKLET_ALREADY_RUNNING ? "already running"
-                               : result.second == Engine::TASKLET_STARTED        ? "started"
-                                                                                 : "done";
+            const char* text = result.second == Framework::TASKLET_ALREADY_RUNNING ? "already running"
+                               : result.second == Framework::TASKLET_STARTED        ? "started"
+                                                                                    : "done";
             reply["tasklets"][result.first] = text;
         }
         if (reply["tasklets"].empty()) {
@@ -239,4 +261,4 @@ std::string ControlServer::Handle(const std::string& request)
     return SDK::JsonUtils::JsonToString(reply);
 }
 
-}  // namespace Framework
+}  // namespace Agent

@@ -1,0 +1,98 @@
+// Engine::Status: the figures of the whole agent for `ctl status`. Typed
+// figures of the engine's parts are rendered here; components add theirs
+// under "components" through the StatusBoard.
+
+#include <unistd.h>
+
+#include "framework/Engine.h"
+#include "framework/StatusBoard.h"
+#include "sdk/TimeUtils.h"
+
+namespace Framework {
+
+namespace {
+
+const char* TypeName(TaskCondition::TaskType type)
+{
+    switch (type) {
+    case TaskCondition::TASK_TYPE_SCHEDULED:
+        return "scheduled";
+    case TaskCondition::TASK_TYPE_ONDEMAND:
+        return "on demand";
+    case TaskCondition::TASK_TYPE_RESIDENT:
+        return "resident";
+    default:
+        return "none";
+    }
+}
+
+const char* StateName(Poco::Task::TaskState state)
+{
+    switch (state) {
+    case Poco::Task::TASK_IDLE:
+        return "idle";
+    case Poco::Task::TASK_STARTING:
+        return "starting";
+    case Poco::Task::TASK_RUNNING:
+        return "running";
+    case Poco::Task::TASK_CANCELLING:
+        return "cancelling";
+    case Poco::Task::TASK_FINISHED:
+        return "finished";
+    }
+    return "unknown";
+}
+
+Json::Value RenderTask(Task& task)
+{
+    Json::Value t(Json::objectValue);
+    t["name"] = task.GetTaskName();
+    t["feature"] = task.GetFeatureName();
+    t["type"] = TypeName(task.GetTaskType());
+    t["state"] = StateName(task.GetState());
+    t["queue_depth"] = task.QueueDepth();
+    t["dropped_messages"] = static_cast<Json::UInt64>(task.DroppedMessages());
+    t["runs"] = static_cast<Json::UInt64>(task.RunCount());
+    t["last_run_start_ms"] = static_cast<Json::Int64>(task.LastRunStartMs());
+    t["last_run_end_ms"] = static_cast<Json::Int64>(task.LastRunEndMs());
+    if (task.GetTaskType() == TaskCondition::TASK_TYPE_SCHEDULED) {
+        t["schedule"] = task.GetCondition().Describe();
+        t["next_fire_ms"] = static_cast<Json::Int64>(task.NextFireMs());
+    }
+    t["has_policy"] = task.GetFeaturePolicy() != nullptr;
+    return t;
+}
+
+}  // namespace
+
+Json::Value Engine::Status()
+{
+    Json::Value status(Json::objectValue);
+    status["agent"]["pid"] = static_cast<int>(getpid());
+    status["agent"]["install_dir"] = InstallDir();
+    status["agent"]["uptime_s"] =
+        static_cast<Json::Int64>((SDK::TimeUtils::GetCurrentTimestampMS() - m_startMs) / 1000);
+    status["modules"] = Json::Value(Json::arrayValue);
+    for (auto& name : m_modules.Names()) {
+        status["modules"].append(name);
+    }
+    status["tasks"] = Json::Value(Json::arrayValue);
+    for (auto& task : m_tasks.Tasks()) {
+        status["tasks"].append(RenderTask(*task));
+    }
+    status["policies"] = Json::Value(Json::objectValue);
+    for (const auto& entry : m_policies.Current()) {
+        Json::Value& p = status["policies"][entry.id];
+        p["feature"] = entry.feature;
+        p["hash"] = entry.hash;
+        p["enabled"] = entry.enabled;
+    }
+    status["tasklets_running"] = Json::Value(Json::arrayValue);
+    for (auto& id : m_tasklets.Running()) {
+        status["tasklets_running"].append(id);
+    }
+    status["components"] = StatusBoard::Snapshot();
+    return status;
+}
+
+}  // namespace Framework
