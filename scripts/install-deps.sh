@@ -9,6 +9,7 @@ PACKAGES=(
   libpoco-dev libjsoncpp-dev libyara-dev yara zlib1g-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   nginx-light apache2 curl python3 procps util-linux iproute2 time
+  docker.io containerd runc podman busybox-static
 )
 
 missing=()
@@ -26,7 +27,8 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "install-deps: installing ${missing[*]}" >&2
 export DEBIAN_FRONTEND=noninteractive
-# Web servers are test tools here: keep their packages from starting services.
+# Web servers and container runtimes are test tools here: keep their packages
+# from starting services (invoke-rc.d and deb-systemd-invoke ask policy-rc.d).
 if [ ! -e /usr/sbin/policy-rc.d ]; then
   printf '#!/bin/sh\nexit 101\n' | $SUDO tee /usr/sbin/policy-rc.d >/dev/null
   $SUDO chmod +x /usr/sbin/policy-rc.d

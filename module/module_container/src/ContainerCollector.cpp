@@ -44,6 +44,7 @@ ContainerCollector::ContainerCollector(const std::string& hostRoot,
 std::vector<std::shared_ptr<Engine::ContainerInfo>> ContainerCollector::Poll()
 {
     Discovery found;
+    found.where = FindStateLocations(m_host, found.problems);
     for (auto& runtime : m_runtimes) {
         runtime->Discover(m_host, found);
     }
