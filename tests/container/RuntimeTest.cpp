@@ -306,6 +306,13 @@ TEST(ContainerRuntime, StateIsFoundWhereTheDaemonsCommandLinesAndConfigurationPu
     EXPECT_EQ(collector.Problems().size(), 2u);
     EXPECT_EQ(log.Count({gone, "not a directory"}), 1u);
     EXPECT_EQ(log.Count({index, "not valid JSON"}), 1u);
+
+    // The daemons die; their containers live on and stay followed.
+    for (long pid : {900, 910, 920}) {
+        host.StopProcess(pid);
+    }
+    EXPECT_TRUE(collector.Poll().empty());
+    EXPECT_EQ(collector.Running().size(), 3u);
 }
 
 TEST(ContainerRuntime, UnusableStateIsSkippedLoggedOnceAndNeverStopsTheOthers)

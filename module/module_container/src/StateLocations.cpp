@@ -285,6 +285,21 @@ std::string TomlString(const std::string& text, const std::string& table, const 
     return std::string();
 }
 
+void KeepEarlierLocations(const SDK::HostRoot& host, const StateLocations& earlier,
+                          StateLocations& now)
+{
+    auto keep = [&](const std::vector<std::string>& from, std::vector<std::string>& into) {
+        for (const auto& dir : from) {
+            if (host.IsDirectory(dir)) {
+                Add(into, dir);
+            }
+        }
+    };
+    keep(earlier.taskRoots, now.taskRoots);
+    keep(earlier.dockerDataRoots, now.dockerDataRoots);
+    keep(earlier.storageRoots, now.storageRoots);
+}
+
 StateLocations FindStateLocations(const SDK::HostRoot& host, std::vector<Problem>& problems)
 {
     StateLocations where;

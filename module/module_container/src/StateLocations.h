@@ -32,6 +32,11 @@ struct StateLocations {
 // Paths in the host root's namespace, the standard ones first, no duplicates.
 StateLocations FindStateLocations(const SDK::HostRoot& host, std::vector<Problem>& problems);
 
+// Adds to `now` the directories of `earlier` that still exist: a daemon that
+// died or restarts leaves its containers running, and they stay followed.
+void KeepEarlierLocations(const SDK::HostRoot& host, const StateLocations& earlier,
+                          StateLocations& now);
+
 // The value of flag `name` ("data-root", "b") in a command line: "--name V",
 // "--name=V", "-name V" and "-name=V" alike. The last one given wins; "" when
 // absent.
