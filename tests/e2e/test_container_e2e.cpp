@@ -162,7 +162,8 @@ private:
     pid_t m_pid = -1;
 };
 
-// `command`'s exit status; its output (stdout and stderr) into `out`.
+// `command`'s exit status; its output (stdout and stderr) into `out`. Every
+// runtime command is run under `timeout`: a hung runtime fails the test.
 int Shell(const std::string& command, std::string* out = nullptr)
 {
     std::string text;
@@ -289,7 +290,7 @@ protected:
         const std::string log = m_dir.Join("cd/log");
         if (!StartDaemon("containerd --root '" + m_dir.Join("cd/root") + "' --state '" +
                              m_dir.Join("cd/state") + "' --address '" + m_containerdSock + "'",
-                         "ctr -a '" + m_containerdSock + "' version", log)) {
+                         "timeout 10 ctr -a '" + m_containerdSock + "' version", log)) {
             why = "containerd did not start:\n" + Tail(log);
             return false;
         }
@@ -304,7 +305,7 @@ protected:
         const std::string sock = m_dir.Join("dd/sock");
         m_dir.MkDir("dd");
         const std::string log = m_dir.Join("dd/log");
-        m_docker = "/usr/bin/docker -H unix://" + sock;
+        m_docker = "timeout 60 /usr/bin/docker -H unix://" + sock;
         if (!StartDaemon("dockerd -H unix://" + sock + " --data-root '" + m_dir.Join("dd/data") +
                              "' --exec-root '" + m_dir.Join("dd/exec") + "' --pidfile '" +
                              m_dir.Join("dd/pid") + "' --containerd '" + m_containerdSock +
@@ -561,7 +562,7 @@ TEST_F(ContainerE2E, RealContainerdContainerIsFollowedThroughTheDeathOfItsDaemon
     if (!StartDocker(why)) {
         GTEST_SKIP() << why;
     }
-    const std::string ctr = "ctr -a '" + m_containerdSock + "' -n e2e";
+    const std::string ctr = "timeout 60 ctr -a '" + m_containerdSock + "' -n e2e";
     std::string out;
     ASSERT_EQ(0, Shell(m_docker + " save webimg:1 | " + ctr + " images import -", &out)) << out;
     const std::string image = "docker.io/library/webimg:1";
@@ -594,7 +595,7 @@ TEST_F(ContainerE2E, RealContainerdContainerIsFollowedThroughTheDeathOfItsDaemon
     // Back up on the same state, it removes the container.
     ASSERT_TRUE(StartDaemon("containerd --root '" + m_dir.Join("cd/root") + "' --state '" +
                                 m_dir.Join("cd/state") + "' --address '" + m_containerdSock + "'",
-                            "ctr -a '" + m_containerdSock + "' version", m_dir.Join("cd/log2")));
+                            "timeout 10 ctr -a '" + m_containerdSock + "' version", m_dir.Join("cd/log2")));
     Shell(m_cleanup.back());
     ExpectGone("plain");
     EXPECT_EQ(ContainerEvents(m_events, "plain", "/var/www/html/x.php").size(), 1u) << Diagnostics();
@@ -608,7 +609,7 @@ TEST_F(ContainerE2E, RealPodmanContainersAreNamedFromTheirStorageAndScanned)
     }
     const std::string conf = m_dir.Write("containers.conf", "[containers]\ndefault_ulimits = []\n");
     const std::string podman = "CONTAINERS_CONF='" + conf +
-                               "' podman --cgroup-manager cgroupfs --runtime /usr/sbin/runc --root '" +
+                               "' timeout 60 podman --cgroup-manager cgroupfs --runtime /usr/sbin/runc --root '" +
                                m_dir.Join("p/root") + "' --runroot '" + m_dir.Join("p/run") +
                                "' --tmpdir '" + m_dir.Join("p/tmp") + "'";
     std::string out;
