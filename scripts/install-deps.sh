@@ -12,6 +12,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   nginx-light apache2 curl python3 procps util-linux iproute2 time
   clang-14 libclang-rt-14-dev llvm-14
+  docker.io containerd runc podman busybox-static
 )
 
 missing=()
@@ -29,7 +30,8 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 echo "install-deps: installing ${missing[*]}" >&2
 export DEBIAN_FRONTEND=noninteractive
-# Web servers are test tools here: keep their packages from starting services.
+# Web servers and container runtimes are test tools here: keep their packages
+# from starting services (invoke-rc.d and deb-systemd-invoke ask policy-rc.d).
 if [ ! -e /usr/sbin/policy-rc.d ]; then
   printf '#!/bin/sh\nexit 101\n' | $SUDO tee /usr/sbin/policy-rc.d >/dev/null
   $SUDO chmod +x /usr/sbin/policy-rc.d

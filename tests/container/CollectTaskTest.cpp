@@ -168,10 +168,12 @@ TEST_F(CollectTaskTest, StatusShowsFollowedContainersAndSubscribers)
 
     Json::Value status;
     ASSERT_TRUE(WaitFor([&] {
-        // The board is process-wide: wait for this test's own poll.
+        // The board is process-wide: wait for this test's own poll, one
+        // that saw the broken bundle too (the task polls while it is written).
         status = Framework::StatusBoard::Get("container");
         return status.isObject() && status["subscribers"].asUInt() == 1 &&
-               status["host_root"].asString() == m_host.Root() && status["containers"].size() == 1;
+               status["host_root"].asString() == m_host.Root() && status["containers"].size() == 1 &&
+               status["problems"].size() == 1;
     }));
     const Json::Value& c = status["containers"][0];
     std::vector<std::string> shown;

@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include <Poco/File.h>
 #include <json/json.h>
@@ -88,6 +89,17 @@ public:
     }
 
     void StartProcess(long pid) { m_dir.MkDir("proc/" + std::to_string(pid)); }
+    // A runtime daemon's /proc entry: its name and command line.
+    void Daemon(long pid, const std::string& comm, const std::vector<std::string>& args)
+    {
+        std::string cmdline;
+        for (const auto& a : args) {
+            cmdline += a + '\0';
+        }
+        m_dir.Write("proc/" + std::to_string(pid) + "/comm", comm + "\n");
+        m_dir.Write("proc/" + std::to_string(pid) + "/cmdline", cmdline);
+    }
+
     void StopProcess(long pid) { Poco::File(m_dir.Join("proc/" + std::to_string(pid))).remove(true); }
     void Remove(const std::string& rel) { Poco::File(m_dir.Join(rel)).remove(true); }
 
@@ -150,6 +162,8 @@ public:
         const std::string layer = "overlay/" + HexId(7) + "/merged";
         Json::Value config = OciConfig("/var/lib/containers/storage/" + layer);
         config["annotations"]["io.container.manager"] = "libpod";
+        // Podman writes this one too, for tools that read CRI-O's.
+        config["annotations"]["io.kubernetes.cri-o.TTY"] = "false";
         const std::string userdata = StorageRel("run", id);
         m_dir.Write(userdata + "/config.json", ToJson(config));
         m_dir.Write(userdata + "/pidfile", std::to_string(pid) + "\n");

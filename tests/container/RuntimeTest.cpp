@@ -237,6 +237,84 @@ TEST(ContainerRuntime, PodmanAndCrioContainersFromContainersStorage)
     EXPECT_FALSE(changes[crioId]->running);
 }
 
+TEST(ContainerRuntime, StateIsFoundWhereTheDaemonsCommandLinesAndConfigurationPutIt)
+{
+    LogCapture log;
+    FakeHost host;
+    const std::string dockerId = HexId(50);
+    const std::string ctdId = HexId(51);
+    const std::string podId = HexId(52);
+    auto config = [](const char* key, const char* value) {
+        Json::Value c = OciConfig();
+        c["annotations"][key] = value;
+        return ToJson(c);
+    };
+    // dockerd with its own data and exec roots; its containerd keeps the
+    // bundles under the exec root.
+    host.Daemon(900, "dockerd", {"/usr/sbin/dockerd", "--data-root=/srv/docker/", "--exec-root", "/srv/exec"});
+    const std::string dockerBundle = "srv/exec/containerd/daemon/io.containerd.runtime.v2.task/moby/" + dockerId;
+    host.Dir().Write(dockerBundle + "/config.json", ToJson(OciConfig()));
+    host.Dir().Write(dockerBundle + "/init.pid", "901");
+    host.Dir().MkDir(dockerBundle + "/rootfs");
+    host.Dir().Write("srv/docker/containers/" + dockerId + "/config.v2.json",
+                     R"({"Name": "/moved", "Config": {"Image": "nginx:moved"}, "State": {"Running": true}})");
+    // containerd whose state directory is set in its configuration file.
+    host.Daemon(910, "containerd", {"containerd", "-c", "/etc/ctd.toml"});
+    host.Dir().Write("etc/ctd.toml", "version = 2\nstate = \"/srv/ctd-state\"  # moved\n[grpc]\n  state = \"/no\"\n");
+    const std::string ctdBundle = "srv/ctd-state/io.containerd.runtime.v2.task/default/" + ctdId;
+    host.Dir().Write(ctdBundle + "/config.json", config("nerdctl/name", "plain"));
+    host.Dir().Write(ctdBundle + "/init.pid", "911");
+    host.Dir().MkDir(ctdBundle + "/rootfs");
+    // Podman with --root and --runroot of its own, seen through conmon; the
+    // image is named in images.json only.
+    host.Daemon(920, "conmon", {"conmon", "-b", "/srv/pod/overlay-containers/" + podId + "/userdata",
+                                "--exit-command-arg", "--root", "--exit-command-arg", "/srv/pod",
+                                "--exit-command-arg", "--runroot", "--exit-command-arg", "/srv/pod-run"});
+    host.Dir().Write("srv/pod/overlay-containers/" + podId + "/userdata/config.json",
+                     config("io.container.manager", "libpod"));
+    host.Dir().MkDir("srv/pod/overlay-containers/" + podId + "/userdata/rootfs");
+    host.Dir().Write("srv/pod-run/overlay-containers/" + podId + "/userdata/pidfile", "921");
+    host.Dir().Write("srv/pod/overlay-containers/containers.json",
+                     R"([{"id": ")" + podId + R"(", "names": ["blog"], "image": "i1"}, 7])");
+    host.Dir().Write("srv/pod/overlay-images/images.json", R"([{"id": "i1", "names": ["localhost/blog:2"]}])");
+    for (long pid : {901, 911, 921}) {
+        host.StartProcess(pid);
+    }
+    // What cannot be used: a daemon naming a directory that is not there, a
+    // malformed index of Podman's.
+    host.Daemon(930, "dockerd", {"dockerd", "--data-root", "/srv/gone"});
+    host.Dir().Write("var/lib/containers/storage/vfs-containers/containers.json", "[{\"id\": ");
+
+    ContainerCollector collector(host.Root(), Poco::Logger::has("container_module"));
+    auto found = ById(collector.Poll());
+    ASSERT_EQ(found.size(), 3u);
+    auto brief = [&](const std::string& id) {
+        const auto& i = *found[id];
+        return std::vector<std::string>{i.name, i.imageName, i.text1, i.rootPath};
+    };
+    EXPECT_EQ(brief(dockerId), (std::vector<std::string>{"moved", "nginx:moved", "docker",
+                                                         host.Path(dockerBundle + "/rootfs")}));
+    EXPECT_EQ(brief(ctdId), (std::vector<std::string>{"plain", "", "containerd",
+                                                      host.Path(ctdBundle + "/rootfs")}));
+    EXPECT_EQ(brief(podId),
+              (std::vector<std::string>{"blog", "localhost/blog:2", "podman",
+                                        host.Path("srv/pod/overlay-containers/" + podId + "/userdata/rootfs")}));
+    const std::string gone = host.Path("srv/gone");
+    const std::string index = host.Path("var/lib/containers/storage/vfs-containers/containers.json");
+    EXPECT_TRUE(HasProblem(collector, gone, "--data-root of dockerd (pid 930)"));
+    EXPECT_TRUE(HasProblem(collector, index, "not valid JSON; Podman names and images unknown"));
+    EXPECT_EQ(collector.Problems().size(), 2u);
+    EXPECT_EQ(log.Count({gone, "not a directory"}), 1u);
+    EXPECT_EQ(log.Count({index, "not valid JSON"}), 1u);
+
+    // The daemons die; their containers live on and stay followed.
+    for (long pid : {900, 910, 920}) {
+        host.StopProcess(pid);
+    }
+    EXPECT_TRUE(collector.Poll().empty());
+    EXPECT_EQ(collector.Running().size(), 3u);
+}
+
 TEST(ContainerRuntime, UnusableStateIsSkippedLoggedOnceAndNeverStopsTheOthers)
 {
     LogCapture log;

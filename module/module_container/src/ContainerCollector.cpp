@@ -44,6 +44,9 @@ ContainerCollector::ContainerCollector(const std::string& hostRoot,
 std::vector<std::shared_ptr<Engine::ContainerInfo>> ContainerCollector::Poll()
 {
     Discovery found;
+    found.where = FindStateLocations(m_host, found.problems);
+    KeepEarlierLocations(m_host, m_where, found.where);
+    m_where = found.where;
     for (auto& runtime : m_runtimes) {
         runtime->Discover(m_host, found);
     }

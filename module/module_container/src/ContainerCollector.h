@@ -45,6 +45,7 @@ private:
     Poco::Logger* m_logger;
     std::map<std::string, std::shared_ptr<Engine::ContainerInfo>> m_reported;  // by id
     std::vector<Problem> m_problems;
+    StateLocations m_where;  // where state was found so far
 };
 
 }  // namespace Container

@@ -11,12 +11,15 @@
 #include <vector>
 
 #include "container/ContainerMessage.h"
+#include "StateLocations.h"
 #include "container/RuntimeState.h"
 #include "sdk/HostRoot.h"
 
 namespace Container {
 
 struct Discovery {
+    // Where the runtimes keep their state, found at the start of the poll.
+    StateLocations where;
     // Containers running now, each with every field the runtime knows.
     std::vector<std::shared_ptr<Engine::ContainerInfo>> running;
     // Containers whose state exists but could not be read this time (being

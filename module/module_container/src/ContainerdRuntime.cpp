@@ -17,20 +17,9 @@ const char* const kNerdctlName = "nerdctl/name";
 
 }  // namespace
 
-ContainerdRuntime::ContainerdRuntime()
-    : m_taskRoots{
-          "/run/containerd/io.containerd.runtime.v2.task",
-          "/run/containerd/io.containerd.runtime.v1.linux",
-          "/run/docker/containerd/daemon/io.containerd.runtime.v2.task",
-          "/run/docker/containerd/daemon/io.containerd.runtime.v1.linux",
-      }
-{
-}
-
 void ContainerdRuntime::Discover(const SDK::HostRoot& host, Discovery& out)
 {
-    std::string dockerRoot;  // read once, only when a bundle needs it
-    for (const auto& taskRoot : m_taskRoots) {
+    for (const auto& taskRoot : out.where.taskRoots) {
         for (const auto& ns : Subdirectories(host, taskRoot, out)) {
             const std::string nsDir = taskRoot + "/" + ns;
             if (!IsPlainName(ns)) {
@@ -43,10 +32,7 @@ void ContainerdRuntime::Discover(const SDK::HostRoot& host, Discovery& out)
                     out.AddProblem(host, bundleDir, "container id is not a plain name, skipped");
                     continue;
                 }
-                if (dockerRoot.empty()) {
-                    dockerRoot = DockerDataRoot(host, out.problems);
-                }
-                ReadBundle(host, ns, id, bundleDir, dockerRoot, out);
+                ReadBundle(host, ns, id, bundleDir, out);
             }
         }
     }
@@ -54,7 +40,7 @@ void ContainerdRuntime::Discover(const SDK::HostRoot& host, Discovery& out)
 
 void ContainerdRuntime::ReadBundle(const SDK::HostRoot& host, const std::string& ns,
                                    const std::string& id, const std::string& bundleDir,
-                                   const std::string& dockerRoot, Discovery& out)
+                                   Discovery& out)
 {
     const std::string configPath = bundleDir + "/config.json";
     Json::Value doc;
@@ -91,9 +77,16 @@ void ContainerdRuntime::ReadBundle(const SDK::HostRoot& host, const std::string&
         }
     }
 
+    // Docker's record, from the first data root that has one.
     DockerState docker;
-    const bool isDocker =
-        ReadDockerState(host, dockerRoot, id, docker, out.problems) == SDK::ReadError::None;
+    bool isDocker = false;
+    for (const auto& dataRoot : out.where.dockerDataRoots) {
+        const SDK::ReadError e = ReadDockerState(host, dataRoot, id, docker, out.problems);
+        if (e != SDK::ReadError::Missing) {
+            isDocker = e == SDK::ReadError::None;
+            break;
+        }
+    }
     if (isDocker && docker.stateKnown && !docker.running) {
         return;  // Docker says it stopped; the bundle is on its way out
     }

@@ -5,7 +5,8 @@
 // Docker runs its containers in the namespace "moby" (its own record adds
 // name, image and state), the Kubernetes CRI plugin in "k8s.io" (the
 // bundle's annotations name pod and container); every namespace is read.
-// Older layouts (the v1 shim, Docker's private containerd) are read too.
+// Older layouts (the v1 shim, Docker's private containerd) are read too, and
+// every state directory a running containerd or dockerd names.
 
 #include <string>
 #include <vector>
@@ -16,15 +17,12 @@ namespace Container {
 
 class ContainerdRuntime : public ContainerRuntime {
 public:
-    ContainerdRuntime();
     std::string Name() const override { return "containerd"; }
     void Discover(const SDK::HostRoot& host, Discovery& out) override;
 
 private:
     void ReadBundle(const SDK::HostRoot& host, const std::string& ns, const std::string& id,
-                    const std::string& bundleDir, const std::string& dockerRoot, Discovery& out);
-
-    std::vector<std::string> m_taskRoots;
+                    const std::string& bundleDir, Discovery& out);
 };
 
 }  // namespace Container

@@ -6,8 +6,8 @@ namespace Container {
 
 namespace {
 
-const char* const kStorageRoots[] = {"/run/containers/storage", "/var/lib/containers/storage"};
 const char* const kContainersSuffix = "-containers";  // overlay-containers, vfs-containers, ...
+const char* const kManager = "io.container.manager";  // "libpod" in every Podman bundle
 
 const char* const kCrioPrefix = "io.kubernetes.cri-o.";
 const char* const kCrioContainerType = "io.kubernetes.cri-o.ContainerType";
@@ -32,10 +32,10 @@ std::vector<std::string> ContainersStorageRuntime::StorageContainerDirs(const SD
                                                                        Discovery& out)
 {
     std::vector<std::string> dirs;
-    for (const char* root : kStorageRoots) {
+    for (const auto& root : out.where.storageRoots) {
         for (const auto& name : Subdirectories(host, root, out)) {
             if (EndsWith(name, kContainersSuffix) && IsPlainName(name)) {
-                dirs.push_back(std::string(root) + "/" + name);
+                dirs.push_back(root + "/" + name);
             }
         }
     }
@@ -147,14 +147,23 @@ void PodmanRuntime::BeginPoll(const SDK::HostRoot& host, Discovery& out)
     for (const auto& dir : StorageContainerDirs(host, out)) {
         const std::string path = dir + "/containers.json";
         Json::Value doc;
-        const SDK::ReadResult r = ReadStateJson(host, path, kIndexFileCap, doc);
+        SDK::ReadResult r = ReadStateJson(host, path, kIndexFileCap, doc);
+        if (r.ok() && !doc.isArray()) {
+            r = SDK::ReadResult::Failure(SDK::ReadError::Failed, host.Path(path),
+                                         "not a JSON array");
+        }
         if (!r.ok() && r.error != SDK::ReadError::Missing) {
             out.AddProblem(host, path, r.reason + "; Podman names and images unknown");
             continue;
         }
-        if (!r.ok() || !doc.isArray()) {
+        if (!r.ok()) {
             continue;
         }
+        // <driver>-containers/containers.json names the image by id; its
+        // names are in <driver>-images/images.json.
+        const std::string driver =
+            dir.substr(0, dir.size() - std::string(kContainersSuffix).size());
+        const std::map<std::string, std::string> images = ImageNames(host, driver + "-images", out);
         for (const auto& c : doc) {
             if (!c.isObject() || !c["id"].isString()) {
                 continue;
@@ -174,9 +183,38 @@ void PodmanRuntime::BeginPoll(const SDK::HostRoot& host, Discovery& out)
                     record.name = SDK::JsonUtils::GetStringValue(metadata, "name", "");
                 }
             }
+            if (record.imageName.empty()) {
+                record.imageName = Lookup(images, record.imageId);
+            }
             m_records.emplace(c["id"].asString(), record);
         }
     }
+}
+
+std::map<std::string, std::string> PodmanRuntime::ImageNames(const SDK::HostRoot& host,
+                                                              const std::string& dir,
+                                                              Discovery& out)
+{
+    std::map<std::string, std::string> names;
+    const std::string path = dir + "/images.json";
+    Json::Value doc;
+    SDK::ReadResult r = ReadStateJson(host, path, kIndexFileCap, doc);
+    if (r.ok() && !doc.isArray()) {
+        r = SDK::ReadResult::Failure(SDK::ReadError::Failed, host.Path(path), "not a JSON array");
+    }
+    if (!r.ok()) {
+        if (r.error != SDK::ReadError::Missing) {
+            out.AddProblem(host, path, r.reason + "; Podman image names unknown");
+        }
+        return names;
+    }
+    for (const auto& image : doc) {
+        if (image.isObject() && image["id"].isString() && image["names"].isArray() &&
+            !image["names"].empty() && image["names"][0].isString()) {
+            names[image["id"].asString()] = image["names"][0].asString();
+        }
+    }
+    return names;
 }
 
 bool PodmanRuntime::Owns(const OciConfig& oci) const
@@ -200,6 +238,10 @@ void PodmanRuntime::Describe(const OciConfig& oci, Engine::ContainerInfo& info)
 
 bool CrioRuntime::IsCrioBundle(const OciConfig& oci)
 {
+    // Podman writes some CRI-O annotations too, for tools that read them.
+    if (Lookup(oci.annotations, kManager) == "libpod") {
+        return false;
+    }
     auto it = oci.annotations.lower_bound(kCrioPrefix);
     return it != oci.annotations.end() && it->first.compare(0, std::string(kCrioPrefix).size(),
                                                             kCrioPrefix) == 0;

@@ -3,9 +3,12 @@
 // directory per container under <storage>/<driver>-containers/<id>/userdata/
 // holding the OCI config.json and the pidfile of the container's process,
 // with <storage> /run/containers/storage (run-time state) and
-// /var/lib/containers/storage (persistent). The two runtimes share the
+// /var/lib/containers/storage (persistent), or where storage.conf, conmon's
+// bundle or podman's --root/--runroot put them (see StateLocations.h).
+// Podman marks its bundles "io.container.manager": "libpod". The two runtimes share the
 // layout and tell their containers apart by the bundle's annotations.
-// Rootless containers (under a user's home) are not read.
+// Rootless containers (under a user's home) are read only while their conmon
+// runs.
 
 #include <map>
 #include <string>
@@ -53,6 +56,10 @@ private:
         std::string imageId;
         std::string imageName;
     };
+    // Image id -> first name, from <dir>/images.json.
+    static std::map<std::string, std::string> ImageNames(const SDK::HostRoot& host,
+                                                         const std::string& dir, Discovery& out);
+
     std::map<std::string, Record> m_records;  // containers.json, by id
 };
 
