@@ -60,6 +60,10 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     // Rounds every second instead of every minute.
     dir.Write("install/etc/agent.properties", "asset.interval_s = 1\n");
     const std::string rules = TestSupport::WriteRules(dir, "rules/test.yar", kRules);
+    // The rule library is in place before the start, as on a host that has
+    // run before: a watch is registered when assets arrive only once the
+    // library is there, and an unchanged asset set is not sent again.
+    dir.Write("install/data/webshell/webshell.dat", kRules);
     const std::string policyOnly = dir.MkDir("policy-only");
     const std::string root = dir.MkDir("www/site");
     dir.MkDir("nginx/tmp");
