@@ -139,7 +139,7 @@ bool Installed(const std::vector<std::string>& tools, std::string& missing)
 // The container `name` as `ctl status` lists it, or null.
 Json::Value Listed(const std::string& install, const std::string& name)
 {
-    const Json::Value status = Status(install);
+    const Json::Value status = TestSupport::CtlStatus(install);
     for (const auto& c : status["components"]["container"]["containers"]) {
         if (c["name"].asString() == name) {
             return c;
@@ -318,7 +318,7 @@ protected:
                 return c.isObject() && IsWatched(m_install, c["rootPath"].asString() + "/var/www/html");
             },
             30000))
-            << name << "\n" << Status(m_install)["components"]["container"] << Diagnostics();
+            << name << "\n" << TestSupport::CtlStatus(m_install)["components"]["container"] << Diagnostics();
         EXPECT_EQ(c["runtime"].asString(), runtime);
         if (!image.empty()) {
             EXPECT_EQ(c["image"].asString(), image);
@@ -532,9 +532,9 @@ TEST_F(ContainerE2E, RealContainerdContainerIsFollowedThroughTheDeathOfItsDaemon
     // containerd dies; its shim and the container live on and stay followed.
     const Json::Value before = Listed(m_install, "plain");
     m_daemons.front()->Stop(SIGKILL);
-    const Json::Int64 polls = Status(m_install)["components"]["container"]["polls"].asInt64();
+    const Json::Int64 polls = TestSupport::CtlStatus(m_install)["components"]["container"]["polls"].asInt64();
     ASSERT_TRUE(WaitFor(
-        [&] { return Status(m_install)["components"]["container"]["polls"].asInt64() > polls + 1; },
+        [&] { return TestSupport::CtlStatus(m_install)["components"]["container"]["polls"].asInt64() > polls + 1; },
         15000));
     EXPECT_EQ(Listed(m_install, "plain"), before);
     std::ofstream(before["rootPath"].asString() + "/var/www/html/y.php") << kShell;
