@@ -12,20 +12,6 @@ namespace Framework {
 
 namespace {
 
-const char* TypeName(TaskCondition::TaskType type)
-{
-    switch (type) {
-    case TaskCondition::TASK_TYPE_SCHEDULED:
-        return "scheduled";
-    case TaskCondition::TASK_TYPE_ONDEMAND:
-        return "on demand";
-    case TaskCondition::TASK_TYPE_RESIDENT:
-        return "resident";
-    default:
-        return "none";
-    }
-}
-
 const char* StateName(Poco::Task::TaskState state)
 {
     switch (state) {
@@ -48,7 +34,7 @@ Json::Value RenderTask(Task& task)
     Json::Value t(Json::objectValue);
     t["name"] = task.GetTaskName();
     t["feature"] = task.GetFeatureName();
-    t["type"] = TypeName(task.GetTaskType());
+    t["type"] = TaskCondition::TypeName(task.GetTaskType());
     t["state"] = StateName(task.GetState());
     t["queue_depth"] = task.QueueDepth();
     t["dropped_messages"] = static_cast<Json::UInt64>(task.DroppedMessages());

@@ -133,4 +133,18 @@ std::string TaskCondition::Describe() const
     }
 }
 
+const char* TaskCondition::TypeName(TaskType type)
+{
+    switch (type) {
+    case TaskCondition::TASK_TYPE_SCHEDULED:
+        return "scheduled";
+    case TaskCondition::TASK_TYPE_ONDEMAND:
+        return "on demand";
+    case TaskCondition::TASK_TYPE_RESIDENT:
+        return "resident";
+    default:
+        return "none";
+    }
+}
+
 }  // namespace Framework

@@ -18,20 +18,6 @@ Poco::Logger* Log()
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", false);
 }
 
-const char* TypeName(TaskCondition::TaskType type)
-{
-    switch (type) {
-    case TaskCondition::TASK_TYPE_SCHEDULED:
-        return "scheduled";
-    case TaskCondition::TASK_TYPE_ONDEMAND:
-        return "on demand";
-    case TaskCondition::TASK_TYPE_RESIDENT:
-        return "resident";
-    default:
-        return "none";
-    }
-}
-
 }  // namespace
 
 // ----------------------------------------------------------- on-demand tasks
@@ -112,7 +98,7 @@ int TaskRegistry::Register(Task* task, Module* owner)
         task->Init();
     }
     SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "Registered task %s (%s, feature %s)",
-            name, std::string(TypeName(type)), task->GetFeatureName());
+            name, std::string(TaskCondition::TypeName(type)), task->GetFeatureName());
     return 0;
 }
 

@@ -19,6 +19,9 @@ public:
         TASK_TYPE_ONDEMAND = 3,
         TASK_TYPE_RESIDENT = 4,
     };
+    // "scheduled", "on demand", "resident" or "none", for logs and status.
+    static const char* TypeName(TaskType type);
+
     enum ScheduleKind { SCHEDULE_NONE = 0, SCHEDULE_INTERVAL, SCHEDULE_DAILY };
 
     TaskCondition() = default;
