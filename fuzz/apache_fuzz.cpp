@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const std::string text(reinterpret_cast<const char*>(data), size);
-    Asset::RootedFs fs(g_root);
+    SDK::HostRoot fs(g_root);
     Asset::ApacheConfigParser parser(fs, "/etc/apache2", Asset::ApacheConfigParser::ParseEnvVars(text));
     parser.Define("FUZZ");
     std::istringstream in(text);

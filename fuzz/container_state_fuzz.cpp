@@ -11,7 +11,7 @@
 
 #include "ContainerRuntime.h"
 #include "FuzzSupport.h"
-#include "HostFs.h"
+#include "sdk/HostRoot.h"
 #include "OciBundle.h"
 
 namespace {
@@ -51,7 +51,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     for (size_t i = 0; i < g_files.size(); ++i) {
         Fuzz::WriteFile(g_files[i], parts[i]);
     }
-    Container::HostFs host(g_root);
+    SDK::HostRoot host(g_root);
     for (auto& runtime : Container::MakeDefaultRuntimes()) {
         Container::Discovery out;
         runtime->Discover(host, out);

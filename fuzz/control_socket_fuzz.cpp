@@ -21,24 +21,11 @@
 
 namespace {
 
-// The server runs each request on a thread of its own that it joins only
-// when it stops; it is restarted now and then so that the finished threads
-// of a million requests do not pile up.
-const int kRequestsPerServer = 500;
-
+// One server for the whole run: it reaps its finished request threads, so
+// a million requests must not pile them up.
 std::unique_ptr<Framework::Engine> g_engine;
-std::unique_ptr<Framework::ControlServer> g_server;
+std::unique_ptr<Agent::ControlServer> g_server;
 std::string g_socket;
-int g_served = 0;
-
-void StartServer()
-{
-    g_server.reset();
-    g_server = std::make_unique<Framework::ControlServer>(*g_engine, g_socket);
-    std::string error;
-    FUZZ_CHECK(g_server->Start(error), error.c_str());
-    g_served = 0;
-}
 
 // libFuzzer's timeout alarm interrupts poll now and then: wait on.
 bool WaitFd(int fd, short events)
@@ -63,15 +50,14 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     g_engine = std::make_unique<Framework::Engine>();
     g_engine->config().setString("agent.install_dir", install);
     g_socket = install + "run/agent.sock";
-    StartServer();
+    g_server = std::make_unique<Agent::ControlServer>(*g_engine, g_socket);
+    std::string error;
+    FUZZ_CHECK(g_server->Start(error), error.c_str());
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    if (++g_served > kRequestsPerServer) {
-        StartServer();
-    }
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     FUZZ_CHECK(fd >= 0, "socket");
     sockaddr_un addr{};

@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    Asset::RootedFs fs(g_root);
+    SDK::HostRoot fs(g_root);
     Asset::TomcatConfigParser parser(fs, "/opt/tomcat", {{"catalina.home", "/opt/tomcat"}});
     std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
     parser.ParseServerXml(in, "/opt/tomcat/conf/server.xml");

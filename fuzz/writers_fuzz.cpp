@@ -231,7 +231,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
     g_sink = new Report::EventSink(sinkOptions, &Poco::Logger::get("fuzz"));
     Report::UploadOptions uploadOptions;
     uploadOptions.dir = Fuzz::ScratchDir() + "/upload";
-    g_store = new Report::UploadStore(uploadOptions, &Poco::Logger::get("fuzz"));
+    g_store = new Report::UploadStore(uploadOptions);
     g_sources = Fuzz::ScratchDir() + "/www";
     Fuzz::MakeDirs(g_sources);
     return 0;

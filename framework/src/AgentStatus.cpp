@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "framework/Engine.h"
+#include "framework/Health.h"
 #include "framework/StatusBoard.h"
 #include "sdk/TimeUtils.h"
 
@@ -77,6 +78,7 @@ Json::Value Engine::Status()
     for (auto& id : m_tasklets.Running()) {
         status["tasklets_running"].append(id);
     }
+    status["health"] = Health::Render();
     status["components"] = StatusBoard::Snapshot();
     return status;
 }
