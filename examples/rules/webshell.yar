@@ -55,9 +55,11 @@ rule php_eval_of_request : certain extra_php
         $preg_all = /\b(preg_replace|preg_filter)\s*\(\s*["'][\/|#~!@%]\(?\.\*\)?[\/|#~!@%][imsxu]{0,3}e[imsxu]{0,3}["']\s*,/ nocase
         // an /e pattern whose replacement is code
         $preg_code = /\b(preg_replace|preg_filter)\s*\(\s*["'][^"'\n]{1,60}[imsxuADSUXJ]{0,6}e[imsxuADSUXJ]{0,6}["']\s*,\s*["']@?(eval|assert|system|passthru|shell_exec|base64_decode|gzinflate|gzuncompress)\s*\(/ nocase
+        // eval('$x=' . $_POST['x'] . ';'): request input spliced into code
+        $splice = /\b(eval|assert)\s*\(\s*('([^'\n\\]|\\.){0,80}'|"([^"\n\\]|\\.){0,80}")\s*\.\s*(@?\s*[a-z_0-9]{2,24}\s*\(\s*){0,2}@?\s*\$_(POST|GET|REQUEST|COOKIE)\s*\[/ nocase
         $mbereg = /\bmb_eregi?_replace\s*\([^;]{0,120}\$_(POST|GET|REQUEST|COOKIE)[^;]{0,120}["']e["']/ nocase
     condition:
-        is_php and (any of ($direct, $input, $include_input, $create, $preg, $mbereg, $preg_all, $preg_code) or ($any_e and $request))
+        is_php and (any of ($direct, $input, $include_input, $create, $preg, $mbereg, $preg_all, $preg_code, $splice) or ($any_e and $request))
 }
 
 rule php_command_of_request : certain extra_php
@@ -72,6 +74,8 @@ rule php_command_of_request : certain extra_php
         // that quote `$_POST['x']` have none of these before the backtick
         $backtick = /(=|echo|print|\(|\.|return)\s*`[^`\n]{0,60}\$_(POST|GET|REQUEST|COOKIE)\b[^`\n]{0,60}`/ nocase
         $com = /(WScript\.Shell|Shell\.Application)["'][^;]{0,200}\$_(POST|GET|REQUEST|COOKIE)/ nocase
+        // a statement that is only a backtick command: `$_GET[c]`;
+        $backtick_stmt = /(<\?php|<\?|;|\{)\s*`[^`\n]{0,60}\$_(POST|GET|REQUEST|COOKIE)\b[^`\n]{0,60}`\s*;/ nocase
     condition:
         is_php and any of them
 }
@@ -97,7 +101,7 @@ rule php_code_function_as_callback : certain extra_php
         description = "PHP hands assert, eval-like or shell functions to a callback API, a way to run code without naming eval"
         score = 95
     strings:
-        $callback = /\b(call_user_func|call_user_func_array|array_map|array_filter|array_walk|array_walk_recursive|usort|uasort|uksort|register_shutdown_function|register_tick_function|forward_static_call|forward_static_call_array|iterator_apply|array_reduce|ob_start|preg_replace_callback|array_diff_ukey|array_intersect_ukey|array_udiff|set_error_handler|ReflectionFunction)\s*\(\s*([^;]{0,80},\s*)?["'](assert|system|exec|shell_exec|passthru|popen|proc_open|pcntl_exec|create_function)["']\s*[,)]/ nocase
+        $callback = /\b(call_user_func|call_user_func_array|array_map|array_filter|array_walk|array_walk_recursive|usort|uasort|uksort|register_shutdown_function|register_tick_function|forward_static_call|forward_static_call_array|iterator_apply|array_reduce|ob_start|preg_replace_callback|array_diff_ukey|array_intersect_ukey|array_udiff|array_udiff_assoc|array_udiff_uassoc|array_uintersect|array_uintersect_assoc|array_uintersect_uassoc|array_diff_uassoc|array_intersect_uassoc|set_error_handler|set_exception_handler|ReflectionFunction)\s*\(\s*([^;]{0,80},\s*)?["'](assert|system|exec|shell_exec|passthru|popen|proc_open|pcntl_exec|create_function)["']\s*[,)]/ nocase
         // an unquoted name is read as a string by old PHP versions
         $bare = /\b(call_user_func|call_user_func_array|array_map|array_filter|array_walk|register_shutdown_function|forward_static_call_array)\s*\(\s*(assert|system|passthru|shell_exec|create_function)\s*,/ nocase
         // a callback name written with escapes: "ass\\x65rt"
@@ -122,6 +126,8 @@ rule php_variable_function_on_request : certain extra_php
         $expr = /\)\s*\)\s*\(\s*@?\s*\$_(POST|GET|REQUEST|COOKIE)\s*\[/
         // ${$x}['a'](${$x}['b']): a superglobal reached through a computed name
         $varvar = /\$\{\s*\$\w{1,20}\s*\}\s*\[[^\]\n]{1,20}\]\s*\(/
+        // ${c}($_POST[4]): a variable named by a bare word
+        $brace = /\$\{\s*['"]?\w{1,20}['"]?\s*\}\s*\(\s*@?\s*\$_(POST|GET|REQUEST|COOKIE)/
     condition:
         is_php and any of them
 }
@@ -149,12 +155,20 @@ rule php_small_script_runs_request : certain extra_php
         $split = /(\$\w{1,30}\s*\.\s*["'](ert|sert|ssert)["']|["'](as|ass|asse|asser)["']\s*\.\s*\$\w)/
         // a callback held in a variable: last argument, or first one
         $var_cb = /\b(uksort|uasort|usort|array_udiff|array_uintersect|array_diff_ukey|array_intersect_ukey|array_diff_uassoc|array_intersect_uassoc|array_walk|array_filter)\s*\([^;]{1,80},\s*\$\w{1,30}\s*(,\s*["'][^"'\n]{0,10}["']\s*)?\)/ nocase
-        $var_cb1 = /\b(call_user_func|call_user_func_array|register_shutdown_function|forward_static_call|forward_static_call_array|array_map)\s*\(\s*\$\w{1,30}\s*[,?]/ nocase
-        $computed_cb = /\b(call_user_func|call_user_func_array|array_map|array_filter|array_walk|usort|uasort|uksort|register_shutdown_function|forward_static_call|forward_static_call_array|iterator_apply|array_intersect_uassoc|array_diff_uassoc|array_udiff|array_uintersect)\s*\([^;]{0,80}(base64_decode|str_rot13|strrev|hex2bin|gzinflate|pack|chr)\s*\(/ nocase
+        $var_cb1 = /\b(call_user_func|call_user_func_array|register_shutdown_function|forward_static_call|forward_static_call_array|array_map|ob_start)\s*\(\s*\$\w{1,30}\s*[,?]/ nocase
+        // the page ends calling a variable on a variable: $f($a); ?>
+        $var_call = /\$\w{1,30}\s*\(\s*(\$\w{1,30}\s*\(\s*)?\$\w{1,30}(\s*\[[^\]\n]{1,20}\])?\s*\)\s*\)?\s*;\s*\?>/
+        $reduce = /\barray_reduce\s*\([^;,]{1,60},\s*\$\w{1,30}\s*[,)]/ nocase
+        // preg_replace with the /e modifier and a replacement held in a variable
+        $preg_e = /\bpreg_replace\s*\(\s*["'][\/#|~!@%][^"'\n]{0,60}[\/#|~!@%][a-zA-Z]{0,5}e[a-zA-Z]{0,5}["']\s*,\s*@?\$/ nocase
+        // a page that includes whatever file the request names
+        $include = /\b(include|require)(_once)?\s*\(?\s*@?\$_(GET|POST|REQUEST|COOKIE)\s*\[[^\]\n]{1,40}\]\s*\)?\s*;/ nocase
+        $computed_cb = /\b(call_user_func|call_user_func_array|array_map|array_filter|array_walk|usort|uasort|uksort|register_shutdown_function|forward_static_call|forward_static_call_array|iterator_apply|array_intersect_uassoc|array_diff_uassoc|array_udiff|array_uintersect)\s*\([^;]{0,80}(base64_decode|str_rot13|strrev|hex2bin|gzinflate|pack|chr|substr_replace|str_replace|implode|join|trim|ltrim|strtolower)\s*\(/ nocase
     condition:
         is_php and filesize < 8KB and ($request or $varvar) and
         ($code or $cmd or $com or $com_split or $perl or $name or $strrep or $tick or $computed_cb or $reflect or $split or
-         (any of ($var_cb*) and filesize < 1KB))
+         $preg_e or $reduce or
+         ((any of ($var_cb*) or $var_call or $include) and filesize < 1KB))
 }
 
 rule php_command_runner_fallbacks : certain extra_php
@@ -270,6 +284,66 @@ rule php_interpreter_over_pipes : certain extra_php
         is_php and any of them
 }
 
+rule php_request_decoded_into_code : certain extra_php
+{
+    meta:
+        description = "PHP decodes or inflates request input and makes a function of it (cookie-driven packed shells)"
+        score = 90
+    strings:
+        $request = /\$_(POST|GET|REQUEST|COOKIE)\s*\[/
+        $lambda = /\bcreate_function\s*\(\s*(''|"")\s*,\s*\$\w{1,30}\s*\)/ nocase
+        $decode = /\b(gzinflate|gzuncompress|gzdecode|base64_decode|str_rot13)\s*\(\s*\$\w{1,30}\s*\)/ nocase
+    condition:
+        is_php and $request and $lambda and $decode
+}
+
+rule php_eval_of_fetched_code : certain extra_php
+{
+    meta:
+        description = "small PHP file evaluates code it fetches from a URL, an image's metadata or a socket"
+        score = 90
+    strings:
+        $fetch = /\b(file_get_contents|exif_read_data|fopen|readfile|file)\s*\(\s*["'](https?|ftp):\/\// nocase
+        $socket = /\b(socket_read|socket_recv|stream_socket_recvfrom|curl_exec)\s*\(/ nocase
+        $eval = /[^\w>:$\\](eval|assert|create_function)\s*\(\s*(@?\s*[a-z_0-9]{2,24}\s*\(\s*){0,5}@?\s*\$/ nocase
+    condition:
+        is_php and filesize < 4KB and ($fetch or $socket) and $eval
+}
+
+rule php_name_builders : certain extra_php
+{
+    meta:
+        description = "PHP assembles function names out of single characters (an aliased chr(), string indexes, junk stripped by an aliased str_replace) and then runs what it built"
+        score = 85
+    strings:
+        // $c(101).$c(118).$c(97).$c(108): chr() called through a variable
+        $chr_alias = /(\$\w{1,20}\(\d{2,3}\)\.){5}\$\w{1,20}\(\d{2,3}\)/
+        // $s[4].$s[5].$s[9].$s[10].$s[6]: a name picked out of an alphabet
+        $index = /(\$\w{1,20}(\[\d{1,3}\]|\{\d{1,3}\})\.){5}/
+        // $f("k", "", "kbakske6k4k_kdkekckokdke"): str_replace through a variable
+        $strip = /\$\w{1,30}\(\s*["'][^"'\n]{1,4}["']\s*,\s*(""|'')\s*,\s*["'][^"'\n]{10,80}["']\s*\)/
+        $run_code = /\b(eval|assert|create_function)\s*\(/ nocase
+        $run_varvar = /\$\{\s*(strtoupper|strtolower|\$\w)/ nocase
+        $run_call = /\$\w{1,30}\(\);\s*\?>/
+        $run_nested = /\$\w{1,30}\(\$\w{1,30}\(\$\w{1,30}\)\)/
+    condition:
+        is_php and filesize < 64KB and ($chr_alias or $index or #strip >= 2) and any of ($run_*)
+}
+
+rule php_self_decoding_packer : certain extra_php
+{
+    meta:
+        description = "PHP packers seen around shells that decode their payload at run time from their own file or a substituted alphabet (a shuffled base64 alphabet, the $_X loader, FOPO)"
+        score = 85
+    strings:
+        $eval = /[^\w>:$\\](eval|assert)\s*\(/ nocase
+        $x_loader = /strtr\s*\(\s*\$_X\s*,\s*['"]123456aouie['"]/
+        $fopo = "Obfuscation provided by FOPO"
+        $b64_alphabet = /strtr\s*\([^;]{1,120}["'][A-Za-z0-9+\/=]{64,65}["']\s*,\s*["']ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789\+\/=?["']/
+    condition:
+        is_php and $eval and ($x_loader or $fopo or $b64_alphabet)
+}
+
 rule php_webshell_family : certain extra_php
 {
     meta:
@@ -288,6 +362,8 @@ rule php_webshell_family : certain extra_php
         $jak = "jak3fr0z" nocase
         $pas = "P.A.S. v" nocase
         $webadmin = "Web Shell by" nocase
+        // the back-connect form of the c99/Locus family
+        $backconnect = /\$_(POST|GET|REQUEST)\s*\[\s*['"](backconnect|bind)(port|ip)['"]/ nocase
         // names and code spelled with junk that str_replace strips (Weevely and its imitators)
         $weevely = /str_replace\s*\(\s*["'][a-zA-Z0-9]{1,6}["']\s*,\s*["']["']\s*,\s*["'][a-zA-Z_0-9]{6,80}["']\s*\)/
         $weevely3 = /str_replace\s*\(\s*["'][^"'\n]{1,6}["']\s*,\s*["']["']\s*,\s*\$\w{1,20}\s*\.\s*\$\w{1,20}\s*\.\s*\$\w{1,20}\s*\.\s*\$\w{1,20}/
@@ -298,7 +374,7 @@ rule php_webshell_family : certain extra_php
         // a name alone is a fragment or a quote; the page must also run code
         is_php and
         ((($exec or $varcall or $hidden) and
-          (any of ($c99, $c99b, $r57, $b374k, $indox, $filesman, $jak, $phpspy, $pas, $webadmin) or ($wso and $wso_action))) or
+          (any of ($c99, $c99b, $r57, $b374k, $indox, $filesman, $jak, $phpspy, $pas, $webadmin, $backconnect) or ($wso and $wso_action))) or
          #weevely >= 2 or $weevely3)
 }
 

