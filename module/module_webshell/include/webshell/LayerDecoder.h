@@ -48,9 +48,11 @@ namespace Engine {
 enum class ScriptDialect { CLike, Basic };
 
 struct DecodeLimits {
-    int maxDepth = 64;  // onion-packed scripts nest eval(gzinflate(base64_decode(...))) 30 times
-    std::size_t maxBytes = 4u << 20;
-    std::size_t maxLayers = 64;
+    // Onion-packed shells nest eval(gzinflate(str_rot13(base64_decode(...))))
+    // fifty times and more, three steps and some 60 KiB a layer.
+    int maxDepth = 256;
+    std::size_t maxBytes = 16u << 20;
+    std::size_t maxLayers = 256;
     std::chrono::milliseconds budget{1000};
 };
 
