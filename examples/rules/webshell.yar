@@ -138,7 +138,7 @@ rule php_small_script_runs_request : certain extra_php
         description = "small PHP script that reads request input and hands computed values to eval, assert or a shell function"
         score = 90
     strings:
-        $request = /\$_(POST|GET|REQUEST|COOKIE)\b|\$_SERVER\s*\[\s*['"]HTTP_|php:\/\/input|getallheaders\s*\(|array_values\s*\(\s*\$_SERVER\b/ nocase
+        $request = /\$_(POST|GET|REQUEST|COOKIE)\b|\$_SERVER\s*\[\s*['"]HTTP_|php:\/\/input|getallheaders\s*\(|array_values\s*\(\s*\$_SERVER\b|["']HTTP_(REFERER|ACCEPT_LANGUAGE|USER_AGENT|COOKIE)["']/ nocase
         // the argument is computed: a variable, a call, an interpolated or
         // concatenated string, never a plain literal such as exec('whoami')
         $code = /[^\w>:$\\](eval|assert|create_function)\s*\(\s*(@\s*)?(\$|[a-z_]\w{0,30}\s*\(|"[^"\n]{0,60}\$|"[^"\n]{0,60}"\s*\.|'[^'\n]{0,60}'\s*\.)/ nocase
@@ -157,17 +157,21 @@ rule php_small_script_runs_request : certain extra_php
         $var_cb = /\b(uksort|uasort|usort|array_udiff|array_uintersect|array_diff_ukey|array_intersect_ukey|array_diff_uassoc|array_intersect_uassoc|array_walk|array_filter)\s*\([^;]{1,80},\s*\$\w{1,30}\s*(,\s*["'][^"'\n]{0,10}["']\s*)?\)/ nocase
         $var_cb1 = /\b(call_user_func|call_user_func_array|register_shutdown_function|forward_static_call|forward_static_call_array|array_map|ob_start)\s*\(\s*\$\w{1,30}\s*[,?]/ nocase
         // the page ends calling a variable on a variable: $f($a); ?>
-        $var_call = /\$\w{1,30}\s*\(\s*(\$\w{1,30}\s*\(\s*)?\$\w{1,30}(\s*\[[^\]\n]{1,20}\])?\s*\)\s*\)?\s*;\s*\?>/
+        $var_call = /\$\w{1,30}\s*\(\s*(\$\w{1,30}\s*\(\s*)?\$\w{1,30}(\s*\[[^\]\n]{1,20}\])?\s*\)\s*\)?\s*;\s*(exit\s*;\s*)?\?>/
         $reduce = /\barray_reduce\s*\([^;,]{1,60},\s*\$\w{1,30}\s*[,)]/ nocase
-        // preg_replace with the /e modifier and a replacement held in a variable
-        $preg_e = /\bpreg_replace\s*\(\s*["'][\/#|~!@%][^"'\n]{0,60}[\/#|~!@%][a-zA-Z]{0,5}e[a-zA-Z]{0,5}["']\s*,\s*@?\$/ nocase
+        // preg_replace with the /e modifier and a computed replacement (a
+        // variable, a call, a short literal joined to more); template
+        // compilers of old applications pass plain literals
+        $preg_e = /\bpreg_replace\s*\(\s*["'][\/#|~!@%][^"'\n]{0,60}[\/#|~!@%][a-zA-Z]{0,5}e[a-zA-Z]{0,5}["']\s*,\s*(@?\$|@?[a-z_]\w{0,30}\s*\(|["'][^"'\n]{0,10}["']\s*\.)/ nocase
+        // the pattern (and its /e) spelled with chr()
+        $preg_chr = /\bpreg_replace\s*\(\s*chr\s*\(/ nocase
         // a page that includes whatever file the request names
-        $include = /\b(include|require)(_once)?\s*\(?\s*@?\$_(GET|POST|REQUEST|COOKIE)\s*\[[^\]\n]{1,40}\]\s*\)?\s*;/ nocase
+        $include = /\b(include|require)(_once)?\s*\(?\s*@?\$(_(GET|POST|REQUEST|COOKIE)\s*\[[^\]\n]{1,40}\]|\w{1,30})\s*\)?\s*;/ nocase
         $computed_cb = /\b(call_user_func|call_user_func_array|array_map|array_filter|array_walk|usort|uasort|uksort|register_shutdown_function|forward_static_call|forward_static_call_array|iterator_apply|array_intersect_uassoc|array_diff_uassoc|array_udiff|array_uintersect)\s*\([^;]{0,80}(base64_decode|str_rot13|strrev|hex2bin|gzinflate|pack|chr|substr_replace|str_replace|implode|join|trim|ltrim|strtolower)\s*\(/ nocase
     condition:
         is_php and filesize < 8KB and ($request or $varvar) and
         ($code or $cmd or $com or $com_split or $perl or $name or $strrep or $tick or $computed_cb or $reflect or $split or
-         $preg_e or $reduce or
+         $preg_e or $preg_chr or $reduce or
          ((any of ($var_cb*) or $var_call or $include) and filesize < 1KB))
 }
 
@@ -364,6 +368,9 @@ rule php_webshell_family : certain extra_php
         $webadmin = "Web Shell by" nocase
         // the back-connect form of the c99/Locus family
         $backconnect = /\$_(POST|GET|REQUEST)\s*\[\s*['"](backconnect|bind)(port|ip)['"]/ nocase
+        // C source of a bind or back-connect shell, compiled on the server
+        $c_socket = "#include <sys/socket.h>"
+        $c_compile = /\bgcc\s[^\n'"]{0,80}-o\s/
         // names and code spelled with junk that str_replace strips (Weevely and its imitators)
         $weevely = /str_replace\s*\(\s*["'][a-zA-Z0-9]{1,6}["']\s*,\s*["']["']\s*,\s*["'][a-zA-Z_0-9]{6,80}["']\s*\)/
         $weevely3 = /str_replace\s*\(\s*["'][^"'\n]{1,6}["']\s*,\s*["']["']\s*,\s*\$\w{1,20}\s*\.\s*\$\w{1,20}\s*\.\s*\$\w{1,20}\s*\.\s*\$\w{1,20}/
@@ -375,7 +382,7 @@ rule php_webshell_family : certain extra_php
         is_php and
         ((($exec or $varcall or $hidden) and
           (any of ($c99, $c99b, $r57, $b374k, $indox, $filesman, $jak, $phpspy, $pas, $webadmin, $backconnect) or ($wso and $wso_action))) or
-         #weevely >= 2 or $weevely3)
+         #weevely >= 2 or $weevely3 or ($c_socket and $c_compile))
 }
 
 rule php_shell_console : certain extra_php
