@@ -576,6 +576,21 @@ rule asp_shell_of_request : certain
         is_asp and $wscript and ($run or $cmdreq or (filesize < 16KB and $exec_any and $request))
 }
 
+rule asp_small_script_runs_request : certain
+{
+    meta:
+        description = "small classic ASP page that reads the request and executes or evaluates a variable, or drives WScript.Shell from JScript"
+        score = 90
+    strings:
+        $request = /request\s*(\.\s*(form|querystring|item)\s*)?[(\[]/ nocase
+        // Execute x, Execute(x), eval(x): the statement, not conn.Execute(sql)
+        $exec_var = /[^.\w](eval|execute|executeglobal)\b[ \t(]{1,6}[a-z_]\w{0,30}[ \t)]*(%>|:|\r?\n)/ nocase
+        $activex = /ActiveXObject\s*\(\s*["']WScript\.Shell["']\s*\)\s*\.\s*(Exec|Run)\s*\(/ nocase
+    condition:
+        (is_asp or filetype == "ASPX") and $request and
+        (($exec_var and filesize < 4KB) or $activex)
+}
+
 rule asp_webshell_family : certain
 {
     meta:
