@@ -5,7 +5,7 @@ PREFIX  ?= /usr/local/ardent
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?=
 
-.PHONY: all deps build demo test test-asan test-tsan bench fuzz install clean
+.PHONY: all deps build demo test test-asan test-tsan bench fuzz package install clean
 
 all: build
 
@@ -18,8 +18,10 @@ $(BUILD)/CMakeCache.txt: | deps
 build: deps $(BUILD)/CMakeCache.txt
 	cmake --build $(BUILD) -j $(JOBS)
 
-# Scans the bundled demo web root with the starter rules and prints the events.
-demo: build
+# Scans the bundled demo web root with the starter rules and prints the
+# events. Builds only the agent, its modules and the staged examples.
+demo: deps $(BUILD)/CMakeCache.txt
+	cmake --build $(BUILD) -j $(JOBS) --target ardent_runtime
 	@bash scripts/demo.sh $(BUILD)
 
 test: build
@@ -49,8 +51,15 @@ fuzz: deps
 	cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
 	bash fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
 
+# A Debian package of a Release build: build-package/ardent-agent_<version>_<arch>.deb.
+package: deps
+	cmake -S . -B build-package -G Ninja -DCMAKE_BUILD_TYPE=Release -DARDENT_BUILD_TESTS=OFF \
+	  -DCMAKE_INSTALL_PREFIX=$(PREFIX)
+	cmake --build build-package -j $(JOBS) --target ardent_runtime
+	cd build-package && cpack -G DEB
+
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	rm -rf build build-asan build-tsan build-bench build-fuzz
+	rm -rf build build-asan build-tsan build-bench build-fuzz build-package
