@@ -13,6 +13,7 @@ PACKAGES=(
   nginx-light apache2 curl python3 procps util-linux iproute2 time
   clang-14 libclang-rt-14-dev llvm-14
   docker.io containerd runc podman busybox-static
+  dpkg-dev
 )
 
 missing=()
