@@ -106,7 +106,8 @@ class PrivateFileChannel : public Poco::FileChannel {
 public:
     explicit PrivateFileChannel(const std::string& path) : Poco::FileChannel(path), m_path(path) {}
 
-    void open() override
+    // Opens the file now (throws when it cannot be) and notes which it is.
+    void OpenNow()
     {
         Poco::FileChannel::open();
         Remember();
@@ -197,15 +198,15 @@ Poco::AutoPtr<Poco::Channel> MakeFileChannel(const std::string& logFile)
     for (int i = 0; i < kArchives; ++i) {
         RestrictLogFile(logFile + "." + std::to_string(i), false);
     }
-    Poco::AutoPtr<Poco::FileChannel> file(new PrivateFileChannel(logFile));
+    Poco::AutoPtr<PrivateFileChannel> file(new PrivateFileChannel(logFile));
     // agent.log, agent.log.0 (newest) ... agent.log.4: at most ~60 MB on disk.
     file->setProperty(Poco::FileChannel::PROP_ROTATION, "10 M");
     file->setProperty(Poco::FileChannel::PROP_ARCHIVE, "number");
     file->setProperty(Poco::FileChannel::PROP_PURGECOUNT, std::to_string(kArchives));
     file->setProperty(Poco::FileChannel::PROP_TIMES, "local");
     file->setProperty(Poco::FileChannel::PROP_FLUSH, "true");
-    file->open();  // throws when the file cannot be created or opened
-    return file;
+    file->OpenNow();
+    return Poco::AutoPtr<Poco::Channel>(file.duplicate());
 }
 
 // Length of the well-formed UTF-8 character at `p` (at most `left` bytes),

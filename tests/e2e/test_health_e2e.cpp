@@ -133,11 +133,13 @@ public:
     {
         return WaitFor([&] { return pred(last = Status()); }, timeoutMs, 100);
     }
+    // Applies `text` through `ctl policy`, once the agent answers.
     void Policy(const std::string& text)
     {
         const std::string file = m_dir.Write("policy-" + std::to_string(++m_policies) + ".json", text);
-        ASSERT_EQ(0, TestSupport::RunCommand(TestSupport::AgentBinary() + " ctl policy " + file +
-                                             " --install-dir " + install + " >/dev/null"));
+        const std::string ctl =
+            TestSupport::AgentBinary() + " ctl policy " + file + " --install-dir " + install + " >/dev/null 2>&1";
+        ASSERT_TRUE(WaitFor([&] { return TestSupport::RunCommand(ctl) == 0; }, 20000, 100)) << Diagnostics();
     }
     std::string Log() const { return TestSupport::ReadFile(install + "log/agent.log"); }
     std::string Diagnostics() const
