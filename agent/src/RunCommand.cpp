@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <iostream>
 #include <memory>
+#include <set>
 
 #include <Poco/File.h>
 #include <Poco/Path.h>
@@ -81,7 +82,9 @@ bool MakeOwnedDir(const std::string& install, const OwnedDir& dir, std::string& 
     return true;
 }
 
-void RecreateOwnedDirs(const std::string& install)
+// Run loop only. `failing` holds the directories whose re-creation failed
+// and was logged, so a lasting failure is said once.
+void RecreateOwnedDirs(const std::string& install, std::set<std::string>& failing)
 {
     for (const OwnedDir& dir : kOwnedDirs) {
         struct stat st;
@@ -90,13 +93,15 @@ void RecreateOwnedDirs(const std::string& install)
         }
         std::string error;
         if (MakeOwnedDir(install, dir, error) && error.empty()) {
+            failing.erase(dir.sub);
             SDK_LOG(Log(), Poco::Message::PRIO_WARNING, kSource,
                     "Directory %s%s was removed while the agent runs; created it again", install,
                     std::string(dir.sub));
-        } else {
+        } else if (failing.insert(dir.sub).second) {
             SDK_LOG(Log(), Poco::Message::PRIO_ERROR, kSource,
-                    "Directory %s%s was removed while the agent runs: %s", install, std::string(dir.sub),
-                    error);
+                    "Directory %s%s was removed while the agent runs and cannot be made again: %s; "
+                    "trying every second",
+                    install, std::string(dir.sub), error);
         }
     }
 }
@@ -146,6 +151,7 @@ int RunAgent(Framework::Engine& engine)
 
     const long pollMs = engine.config().getInt("agent.policy_poll_ms", 1000);
     int64_t lastPoll = SDK::TimeUtils::GetCurrentTimestampMS();
+    std::set<std::string> failingDirs;
     const timespec tick{0, kSignalTickMs * 1000 * 1000};
     for (;;) {
         const int sig = sigtimedwait(&set, nullptr, &tick);
@@ -166,7 +172,7 @@ int RunAgent(Framework::Engine& engine)
         const int64_t now = SDK::TimeUtils::GetCurrentTimestampMS();
         if (now - lastPoll >= pollMs) {
             lastPoll = now;
-            RecreateOwnedDirs(engine.InstallDir());
+            RecreateOwnedDirs(engine.InstallDir(), failingDirs);
             struct stat st;
             if (control && ::stat(socketPath.c_str(), &st) != 0 && errno == ENOENT) {
                 SDK_LOG(Log(), Poco::Message::PRIO_WARNING, kSource,

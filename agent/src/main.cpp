@@ -29,6 +29,7 @@ const char* const kUsage =
     "         1: web shells found, 2: error)\n"
     "         [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [PATH...]\n"
     "  ctl    talk to the running agent: status | scan-now | reload | policy F\n"
+    "         (status exits 0 ok, 1 degraded, 2 failing, 3 no agent answers)\n"
     "\n"
     "options of every command:\n"
     "  --install-dir D   installation directory (default: the parent of the\n"
