@@ -16,6 +16,7 @@ struct AgentOptions {
     std::string eventsSink;          // --events: file or "-"; empty: the command's default
     int cpuLimit = 0;                // --cpu-limit, percent of one core, 0 = off
     std::string hostRoot = "/";      // --host-root
+    bool logStderr = false;          // --log-stderr (run)
     std::vector<std::string> args;   // scan: paths; ctl: the request and its argument
 };
 

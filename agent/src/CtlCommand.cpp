@@ -18,6 +18,9 @@ namespace Agent {
 namespace {
 
 const int kReplyTimeoutMs = 30000;
+// `status` exits with the verdict (0 ok, 1 degraded, 2 failing), so it
+// needs a code of its own for "no answer".
+const int kStatusUnknown = 3;
 // What the agent takes in one request, less the command line.
 const size_t kMaxPolicyBytes = 16 * 1024 * 1024 - 64;
 
@@ -62,12 +65,13 @@ int CtlCommandMain(const AgentOptions& options)
         return 2;
     }
 
+    const int failed = verb == "status" ? kStatusUnknown : 2;
     const std::string path = options.installDir + "run/agent.sock";
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     if (path.size() >= sizeof(addr.sun_path)) {
         std::cerr << "ardent-agent ctl: socket path too long: " << path << "\n";
-        return 2;
+        return failed;
     }
     memcpy(addr.sun_path, path.c_str(), path.size() + 1);
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -77,14 +81,14 @@ int CtlCommandMain(const AgentOptions& options)
         if (fd >= 0) {
             close(fd);
         }
-        return 2;
+        return failed;
     }
     // An agent that refuses this user answers and closes before reading:
     // the reply is still there to read after a broken pipe.
     if (!SendAll(fd, request) && errno != EPIPE && errno != ECONNRESET) {
         std::cerr << "ardent-agent ctl: sending the request failed: " << strerror(errno) << "\n";
         close(fd);
-        return 2;
+        return failed;
     }
     shutdown(fd, SHUT_WR);
     std::string reply;
@@ -94,7 +98,7 @@ int CtlCommandMain(const AgentOptions& options)
         if (poll(&p, 1, kReplyTimeoutMs) <= 0) {
             std::cerr << "ardent-agent ctl: no reply within " << kReplyTimeoutMs / 1000 << " s\n";
             close(fd);
-            return 2;
+            return failed;
         }
         ssize_t n = read(fd, buf, sizeof(buf));
         if (n <= 0) {
@@ -107,12 +111,25 @@ int CtlCommandMain(const AgentOptions& options)
     Json::Value root;
     if (SDK::JsonUtils::ParseJsonStr(reply, root) != 0 || !root.isObject()) {
         std::cerr << "ardent-agent ctl: the agent's reply is not JSON: " << reply.substr(0, 200) << "\n";
-        return 2;
+        return failed;
     }
     if (verb == "status") {
         Json::StreamWriterBuilder pretty;
         pretty["indentation"] = "  ";
         std::cout << Json::writeString(pretty, root) << "\n";
+        if (!root["ok"].asBool()) {
+            return failed;
+        }
+        const std::string verdict = root["verdict"].asString();
+        if (verdict == "ok") {
+            return 0;
+        }
+        std::cerr << "ardent-agent ctl: health is " << verdict << "\n";
+        for (const auto& reason : root["health"]["reasons"]) {
+            std::cerr << "  " << reason["severity"].asString() << " " << reason["key"].asString() << ": "
+                      << reason["reason"].asString() << "\n";
+        }
+        return verdict == "degraded" ? 1 : verdict == "failing" ? 2 : failed;
     } else {
         std::cout << reply;
     }

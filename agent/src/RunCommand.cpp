@@ -8,7 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <iostream>
+#include <memory>
+#include <set>
 
 #include <Poco/File.h>
 #include <Poco/Path.h>
@@ -50,6 +53,72 @@ void ReadSettings(Framework::Engine& engine)
     }
 }
 
+// Directories the agent owns under its install dir; one removed while the
+// agent runs is made again (log/ also by the log channel and the event
+// sink themselves, which reopen their files).
+struct OwnedDir {
+    const char* sub;
+    bool isPrivate;
+};
+const OwnedDir kOwnedDirs[] = {
+    {"log", false}, {"run", false}, {"policy", false}, {"data/webshell", true}, {"data/upload", true}};
+
+bool MakeOwnedDir(const std::string& install, const OwnedDir& dir, std::string& error)
+{
+    try {
+        Poco::File(install + dir.sub).createDirectories();
+    } catch (const Poco::Exception& e) {
+        error = "cannot create " + install + dir.sub + ": " + e.displayText();
+        return false;
+    }
+    if (dir.isPrivate) {
+        // Kept samples and the rule library are private; a link planted in
+        // place of either directory is refused, never followed.
+        const SDK::Status made = SDK::MakePrivateDir(install + dir.sub);
+        if (!made) {
+            error = made.message() + "; left as it is";
+        }
+    }
+    return true;
+}
+
+// Run loop only. `failing` holds the directories whose re-creation failed
+// and was logged, so a lasting failure is said once.
+void RecreateOwnedDirs(const std::string& install, std::set<std::string>& failing)
+{
+    for (const OwnedDir& dir : kOwnedDirs) {
+        struct stat st;
+        if (::lstat((install + dir.sub).c_str(), &st) == 0 || errno != ENOENT) {
+            continue;
+        }
+        std::string error;
+        if (MakeOwnedDir(install, dir, error) && error.empty()) {
+            failing.erase(dir.sub);
+            SDK_LOG(Log(), Poco::Message::PRIO_WARNING, kSource,
+                    "Directory %s%s was removed while the agent runs; created it again", install,
+                    std::string(dir.sub));
+        } else if (failing.insert(dir.sub).second) {
+            SDK_LOG(Log(), Poco::Message::PRIO_ERROR, kSource,
+                    "Directory %s%s was removed while the agent runs and cannot be made again: %s; "
+                    "trying every second",
+                    install, std::string(dir.sub), error);
+        }
+    }
+}
+
+std::unique_ptr<ControlServer> StartControl(Framework::Engine& engine, const std::string& path)
+{
+    auto control = std::make_unique<ControlServer>(engine, path);
+    std::string error;
+    if (!control->Start(error)) {
+        SDK_LOG(Log(), Poco::Message::PRIO_ERROR, kSource,
+                "Control socket not available: %s; `ardent-agent ctl` will not reach this agent",
+                error);
+        control.reset();
+    }
+    return control;
+}
+
 int RunAgent(Framework::Engine& engine)
 {
     // Signals are taken by sigtimedwait below; block them before any thread
@@ -74,20 +143,15 @@ int RunAgent(Framework::Engine& engine)
     }
     engine.ApplyPolicyDirectory(true);
 
-    auto control =
-        std::make_unique<ControlServer>(engine, engine.DirFor("agent.run_dir", "run") + "agent.sock");
-    std::string error;
-    if (!control->Start(error)) {
-        SDK_LOG(Log(), Poco::Message::PRIO_ERROR, kSource,
-                "Control socket not available: %s; `ardent-agent ctl` will not reach this agent",
-                error);
-        control.reset();
-    }
+    const std::string socketPath = engine.DirFor("agent.run_dir", "run") + "agent.sock";
+    std::unique_ptr<ControlServer> control = StartControl(engine, socketPath);
+    engine.CheckHealth();
     SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource,
             "Agent running with %d module(s); stop with SIGTERM or SIGINT", loaded);
 
     const long pollMs = engine.config().getInt("agent.policy_poll_ms", 1000);
     int64_t lastPoll = SDK::TimeUtils::GetCurrentTimestampMS();
+    std::set<std::string> failingDirs;
     const timespec tick{0, kSignalTickMs * 1000 * 1000};
     for (;;) {
         const int sig = sigtimedwait(&set, nullptr, &tick);
@@ -108,7 +172,18 @@ int RunAgent(Framework::Engine& engine)
         const int64_t now = SDK::TimeUtils::GetCurrentTimestampMS();
         if (now - lastPoll >= pollMs) {
             lastPoll = now;
+            RecreateOwnedDirs(engine.InstallDir(), failingDirs);
+            struct stat st;
+            if (control && ::stat(socketPath.c_str(), &st) != 0 && errno == ENOENT) {
+                SDK_LOG(Log(), Poco::Message::PRIO_WARNING, kSource,
+                        "Control socket %s was removed while the agent runs; listening on it again",
+                        socketPath);
+                control.reset();
+                Poco::File(Poco::Path(socketPath).parent()).createDirectories();
+                control = StartControl(engine, socketPath);
+            }
             engine.ApplyPolicyDirectory(false);
+            engine.CheckHealth();
         }
     }
 
@@ -125,23 +200,20 @@ int RunAgent(Framework::Engine& engine)
 int RunCommandMain(const AgentOptions& options)
 {
     const std::string install = options.installDir;
-    for (const char* sub : {"log", "run", "policy", "data/webshell", "data/upload"}) {
-        try {
-            Poco::File(install + sub).createDirectories();
-        } catch (const Poco::Exception& e) {
-            std::cerr << "ardent-agent: cannot create " << install << sub << ": " << e.displayText() << "\n";
+    for (const OwnedDir& dir : kOwnedDirs) {
+        std::string error;
+        if (!MakeOwnedDir(install, dir, error)) {
+            std::cerr << "ardent-agent: " << error << "\n";
             return 2;
         }
-    }
-    // Kept samples and the rule library are private; a link planted in
-    // place of either directory is refused, never followed.
-    for (const char* sub : {"data/webshell", "data/upload"}) {
-        const SDK::Status made = SDK::MakePrivateDir(install + sub);
-        if (!made) {
-            std::cerr << "ardent-agent: " << made.message() << "; left as it is\n";
+        if (!error.empty()) {
+            std::cerr << "ardent-agent: " << error << "\n";
         }
     }
-    if (!SDK::LoggerUtils::GetInstance()->Configure(install + "log/agent.log", true, options.logLevel)) {
+    // Under systemd stderr goes to the journal, which has the log file's
+    // lines already: copy them there only when asked or for a person.
+    const bool toStderr = options.logStderr || ::isatty(STDERR_FILENO) == 1;
+    if (!SDK::LoggerUtils::GetInstance()->Configure(install + "log/agent.log", toStderr, options.logLevel)) {
         std::cerr << "ardent-agent: cannot write " << install << "log/agent.log; logging to stderr only\n";
     }
     if (!options.policyFile.empty()) {

@@ -1,5 +1,5 @@
 // ardent-agent: the host of the agent's modules.
-//   ardent-agent run  [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR]
+//   ardent-agent run  [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR] [--log-stderr]
 //   ardent-agent scan [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [PATH...]
 //   ardent-agent ctl  status|scan-now|reload|policy F
 // Every subcommand takes --install-dir D and --log-level L.
@@ -23,10 +23,13 @@ const char* const kUsage =
     "commands:\n"
     "  run    run the agent in the foreground until SIGTERM or SIGINT\n"
     "         [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR]\n"
+    "         [--log-stderr]  (the log is copied to stderr when it is a terminal\n"
+    "                          or with this option)\n"
     "  scan   one full web-shell scan pass, then exit (0: nothing certain found,\n"
     "         1: web shells found, 2: error)\n"
     "         [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [PATH...]\n"
     "  ctl    talk to the running agent: status | scan-now | reload | policy F\n"
+    "         (status exits 0 ok, 1 degraded, 2 failing, 3 no agent answers)\n"
     "\n"
     "options of every command:\n"
     "  --install-dir D   installation directory (default: the parent of the\n"
@@ -97,6 +100,8 @@ int main(int argc, char** argv)
             if (end == cpu.c_str() || *end != '\0' || percent < 0 || percent > 100)
                 return Fail("--cpu-limit takes a whole number from 0 (off) to 100");
             options.cpuLimit = static_cast<int>(percent);
+        } else if (arg == "--log-stderr" && options.command == "run") {
+            options.logStderr = true;
         } else if (arg == "--host-root" && options.command == "run") {
             if (!value(options.hostRoot)) return Fail("--host-root needs a directory");
         } else if (arg.size() > 1 && arg[0] == '-' && arg != "-") {

@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+#include <set>
+
 #include "framework/Engine.h"
 #include "framework/Health.h"
 #include "framework/StatusBoard.h"
@@ -52,8 +54,55 @@ Json::Value RenderTask(Task& task)
 
 }  // namespace
 
+void Engine::CheckHealth()
+{
+    if (!m_controlMutex.tryLock()) {
+        return;
+    }
+    std::vector<std::pair<std::string, std::vector<std::string>>> modules;
+    try {
+        modules = m_modules.PolicyIdsByModule();
+    } catch (...) {
+        m_controlMutex.unlock();
+        throw;
+    }
+    m_controlMutex.unlock();
+    Poco::FastMutex::ScopedLock lock(m_healthMutex);
+    std::set<std::string> applied;
+    for (const auto& entry : m_policies.Current()) {
+        applied.insert(entry.id);
+    }
+    std::set<std::string> keys;
+    for (const auto& module : modules) {
+        const std::string key = "framework.policy." + module.first;
+        keys.insert(key);
+        std::string ids;
+        bool any = false;
+        for (const auto& id : module.second) {
+            any = any || applied.count(id) != 0;
+            ids += (ids.empty() ? "" : ", ") + id;
+        }
+        if (any) {
+            Health::Clear(key);
+        } else {
+            // Without its policy a feature module runs no pass and watches nothing.
+            Health::Raise(key, Health::Severity::Failing,
+                          "module " + module.first + " is loaded but no policy is applied to it (policy id " +
+                              ids + ")");
+        }
+    }
+    // A module unloaded since the last round leaves no stale reason behind.
+    for (const auto& key : m_healthPolicyKeys) {
+        if (keys.count(key) == 0) {
+            Health::Clear(key);
+        }
+    }
+    m_healthPolicyKeys = keys;
+}
+
 Json::Value Engine::Status()
 {
+    CheckHealth();
     Json::Value status(Json::objectValue);
     status["agent"]["pid"] = static_cast<int>(getpid());
     status["agent"]["install_dir"] = InstallDir();
@@ -79,6 +128,7 @@ Json::Value Engine::Status()
         status["tasklets_running"].append(id);
     }
     status["health"] = Health::Render();
+    status["verdict"] = status["health"]["verdict"];
     status["components"] = StatusBoard::Snapshot();
     return status;
 }

@@ -114,6 +114,19 @@ std::vector<std::string> ModuleLoader::Names()
     return names;
 }
 
+std::vector<std::pair<std::string, std::vector<std::string>>> ModuleLoader::PolicyIdsByModule()
+{
+    Poco::FastMutex::ScopedLock lock(m_mutex);
+    std::vector<std::pair<std::string, std::vector<std::string>>> out;
+    for (auto& m : m_modules) {
+        std::vector<std::string> ids = m.module->GetPolicyIds();
+        if (!ids.empty()) {
+            out.emplace_back(m.module->name(), std::move(ids));
+        }
+    }
+    return out;
+}
+
 Module* ModuleLoader::ForPolicy(const std::string& policyId)
 {
     Poco::FastMutex::ScopedLock lock(m_mutex);

@@ -1,6 +1,7 @@
 #include "framework/Task.h"
 
 #include "framework/Engine.h"
+#include "framework/Health.h"
 #include "framework/TaskRegistry.h"
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
@@ -102,6 +103,7 @@ void Task::SetState(Poco::Task::TaskState state)
 void Task::run()
 {
     SetState(TASK_RUNNING);
+    std::string ended = "its thread ended";
     try {
         // A registered task starts and stops its own side on its own thread,
         // so Init, the messages it handles and UnInit never overlap.
@@ -109,16 +111,25 @@ void Task::run()
         if (rc == 0) {
             runTask();
         } else {
+            ended = "Init returned " + std::to_string(rc);
             SDK_LOG(FrameworkLogger(), Poco::Message::PRIO_ERROR, kSource,
                     "Task %s: Init returned %d; the task does not run", GetTaskName(), rc);
         }
         UnInit();
     } catch (const std::exception& e) {
+        ended = std::string("stopped by an exception: ") + e.what();
         SDK_LOG(FrameworkLogger(), Poco::Message::PRIO_ERROR, kSource,
                 "Task %s stopped by an exception: %s", GetTaskName(), std::string(e.what()));
     } catch (...) {
+        ended = "stopped by an unknown exception";
         SDK_LOG(FrameworkLogger(), Poco::Message::PRIO_ERROR, kSource,
                 "Task %s stopped by an unknown exception", GetTaskName());
+    }
+    // Only a cancel ends a registered task on purpose; anything else leaves
+    // its service missing until it is registered again.
+    if (!IsCancelling()) {
+        Health::Raise(HealthKey(), Health::Severity::Degraded,
+                      "task " + GetTaskName() + " is not running: " + ended);
     }
     SetState(TASK_FINISHED);
 }

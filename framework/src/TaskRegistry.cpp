@@ -1,6 +1,11 @@
 #include "framework/TaskRegistry.h"
 
 #include <algorithm>
+#include <set>
+
+#include <Poco/Exception.h>
+
+#include "framework/Health.h"
 
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
@@ -16,6 +21,37 @@ const long kJoinWarnMs = 5000;
 Poco::Logger* Log()
 {
     return SDK::LoggerUtils::GetInstance()->GetModuleLogger("framework", false);
+}
+
+// Names of every task registered in this process, and of the unknown
+// targets already mentioned. A message for a task that was never registered
+// is for a service this command does not load (`scan` has no asset or
+// file-notify service): said once, not warned about on every pass.
+Poco::FastMutex g_namesMutex;
+std::set<std::string> g_everRegistered;
+std::set<std::string> g_absentNoted;
+
+void NoteRegistered(const std::string& name)
+{
+    Poco::FastMutex::ScopedLock lock(g_namesMutex);
+    g_everRegistered.insert(name);
+}
+
+// true when a message for `target` should be warned about as a drop.
+bool WarnAboutDrop(const std::string& target)
+{
+    {
+        Poco::FastMutex::ScopedLock lock(g_namesMutex);
+        if (g_everRegistered.count(target) != 0) {
+            return true;
+        }
+        if (!g_absentNoted.insert(target).second) {
+            return false;
+        }
+    }
+    SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource,
+            "Messages for task %s are not delivered: no loaded module provides it", target);
+    return false;
 }
 
 }  // namespace
@@ -88,12 +124,23 @@ int TaskRegistry::Register(Task* task, Module* owner)
     entry.task = Poco::AutoPtr<Task>(task, true);
     entry.owner = owner;
     task->ResetForStart();
+    NoteRegistered(name);
+    Health::Clear(task->HealthKey());
     task->HoldSchedule(m_holdSchedules.load());
     const TaskCondition::TaskType type = task->GetTaskType();
     if (type == TaskCondition::TASK_TYPE_SCHEDULED || type == TaskCondition::TASK_TYPE_RESIDENT) {
         // Init, the runs and UnInit happen on the task's own thread (Task::run).
         entry.thread = std::make_unique<Poco::Thread>(name.substr(0, 15));
-        entry.thread->start(*task);
+        try {
+            entry.thread->start(*task);
+        } catch (const Poco::Exception& e) {
+            SDK_LOG(Log(), Poco::Message::PRIO_ERROR, kSource,
+                    "Task %s not started: cannot create its thread (%s)", name, e.displayText());
+            Health::Raise(task->HealthKey(), Health::Severity::Degraded,
+                          "task " + name + " never started: " + e.displayText());
+            m_tasks.erase(name);
+            return -1;
+        }
     } else {
         task->Init();
     }
@@ -116,6 +163,7 @@ void TaskRegistry::Stop(const std::string& name, Registered& entry)
                     "Task %s has not stopped 5 s after it was cancelled; still waiting", name);
         }
     }
+    Health::Clear(entry.task->HealthKey());
     SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "Unregistered task %s", name);
 }
 
@@ -200,7 +248,9 @@ bool TaskRegistry::Send(const std::string& target, const std::shared_ptr<Message
         }
     }
     if (mailbox.Empty()) {
-        Mailbox::WarnDropped(target, "no task of that name is registered");
+        if (WarnAboutDrop(target)) {
+            Mailbox::WarnDropped(target, "no task of that name is registered");
+        }
         return false;
     }
     return mailbox.Post(msg);

@@ -269,6 +269,33 @@ bool JsonUtils::GetArrayValue(const Json::Value& value, const std::string& key,
     return true;
 }
 
+std::string JsonUtils::EscapeNonUtf8(const std::string& text, bool& escaped)
+{
+    escaped = !IsValidUtf8(text);
+    if (!escaped) {
+        return text;
+    }
+    static const char kHex[] = "0123456789abcdef";
+    std::string out;
+    for (size_t i = 0; i < text.size();) {
+        const size_t n = Utf8SequenceLength(text, i);
+        if (n == 0) {
+            const auto b = static_cast<unsigned char>(text[i]);
+            out += "\\x";
+            out += kHex[b >> 4];
+            out += kHex[b & 0x0F];
+            ++i;
+        } else if (text[i] == '\\') {
+            out += "\\\\";
+            ++i;
+        } else {
+            out.append(text, i, n);
+            i += n;
+        }
+    }
+    return out;
+}
+
 std::string JsonUtils::JsonToString(const Json::Value& value)
 {
     // JsonCpp 1.9.5 either copies bytes that are not UTF-8 into its output

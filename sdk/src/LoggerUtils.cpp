@@ -47,7 +47,7 @@ const int kArchives = 5;
 class RecordFormatter : public Poco::Formatter {
 public:
     RecordFormatter()
-        : m_pattern(new Poco::PatternFormatter("%Y-%m-%d %H:%M:%S.%i [%p] <%I> %s: "))
+        : m_pattern(new Poco::PatternFormatter("%Y-%m-%d %H:%M:%S.%i [%p] <%I> "))
     {
         m_pattern->setProperty(Poco::PatternFormatter::PROP_TIMES, "local");
     }
@@ -55,6 +55,8 @@ public:
     void format(const Poco::Message& msg, std::string& text) override
     {
         m_pattern->format(msg, text);
+        text += ModuleName(msg);
+        text += ": ";
         const std::string& body = msg.getText();
         const std::size_t length = !body.empty() && body.back() == '\n' ? body.size() - 1 : body.size();
         text += LogSafe(length == body.size() ? body : body.substr(0, length), kMaxLogRecordBytes);
@@ -68,6 +70,27 @@ public:
     }
 
 private:
+    // The logger's name; a record of the root logger (shared helpers) is
+    // named after the part of the tree its source lives in
+    // ("sdk/src/YaraUtils" -> "sdk", "module/module_report/..." ->
+    // "module_report"), so every line says who wrote it.
+    static std::string ModuleName(const Poco::Message& msg)
+    {
+        if (!msg.getSource().empty()) {
+            return msg.getSource();
+        }
+        const char* file = msg.getSourceFile();
+        if (file == nullptr || file[0] == '\0') {
+            return "agent";
+        }
+        std::string path(file);
+        if (path.compare(0, 7, "module/") == 0) {
+            path = path.substr(7);
+        }
+        const std::size_t slash = path.find('/');
+        return slash == std::string::npos || slash == 0 ? std::string("agent") : path.substr(0, slash);
+    }
+
     Poco::AutoPtr<Poco::PatternFormatter> m_pattern;
 };
 
@@ -77,13 +100,23 @@ private:
 // the process's, so it is narrowed only around the one record that rotates
 // (once per 10 MB): files other threads create in that instant get fewer
 // permissions, never more.
+void RestrictLogFile(const std::string& path, bool create);
+
 class PrivateFileChannel : public Poco::FileChannel {
 public:
-    explicit PrivateFileChannel(const std::string& path) : Poco::FileChannel(path) {}
+    explicit PrivateFileChannel(const std::string& path) : Poco::FileChannel(path), m_path(path) {}
+
+    // Opens the file now (throws when it cannot be) and notes which it is.
+    void OpenNow()
+    {
+        Poco::FileChannel::open();
+        Remember();
+    }
 
     void log(const Poco::Message& msg) override
     {
         std::lock_guard<std::mutex> lock(m_mutex);
+        ReopenIfGone();
         if (size() < kRotateBytes) {
             Poco::FileChannel::log(msg);
             return;
@@ -97,10 +130,45 @@ public:
             throw;
         }
         ::umask(old);
+        Remember();  // a rotation opens a new file
     }
 
 private:
+    void Remember()
+    {
+        struct stat st;
+        m_known = ::stat(m_path.c_str(), &st) == 0;
+        m_dev = m_known ? st.st_dev : 0;
+        m_ino = m_known ? st.st_ino : 0;
+    }
+
+    // The file (or log/ itself) removed or replaced by hand: without this
+    // every later line would go to a file nobody can open any more.
+    void ReopenIfGone()
+    {
+        struct stat st;
+        if (m_known && ::stat(m_path.c_str(), &st) == 0 && st.st_dev == m_dev && st.st_ino == m_ino) {
+            return;
+        }
+        try {
+            Poco::FileChannel::close();
+            const Poco::Path parent = Poco::Path(m_path).parent();
+            if (!parent.toString().empty()) {
+                Poco::File(parent).createDirectories();
+            }
+            RestrictLogFile(m_path, true);
+            Poco::FileChannel::open();
+        } catch (const Poco::Exception&) {
+            // Poco's log() opens it again itself and names the problem.
+        }
+        Remember();
+    }
+
+    std::string m_path;
     std::mutex m_mutex;
+    bool m_known = false;
+    dev_t m_dev = 0;
+    ino_t m_ino = 0;
 };
 
 // Creates `path` 0640 when missing; takes group write and all other access
@@ -130,15 +198,15 @@ Poco::AutoPtr<Poco::Channel> MakeFileChannel(const std::string& logFile)
     for (int i = 0; i < kArchives; ++i) {
         RestrictLogFile(logFile + "." + std::to_string(i), false);
     }
-    Poco::AutoPtr<Poco::FileChannel> file(new PrivateFileChannel(logFile));
+    Poco::AutoPtr<PrivateFileChannel> file(new PrivateFileChannel(logFile));
     // agent.log, agent.log.0 (newest) ... agent.log.4: at most ~60 MB on disk.
     file->setProperty(Poco::FileChannel::PROP_ROTATION, "10 M");
     file->setProperty(Poco::FileChannel::PROP_ARCHIVE, "number");
     file->setProperty(Poco::FileChannel::PROP_PURGECOUNT, std::to_string(kArchives));
     file->setProperty(Poco::FileChannel::PROP_TIMES, "local");
     file->setProperty(Poco::FileChannel::PROP_FLUSH, "true");
-    file->open();  // throws when the file cannot be created or opened
-    return file;
+    file->OpenNow();
+    return Poco::AutoPtr<Poco::Channel>(file.duplicate());
 }
 
 // Length of the well-formed UTF-8 character at `p` (at most `left` bytes),

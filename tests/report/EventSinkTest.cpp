@@ -127,10 +127,11 @@ TEST(EventSink, FullDiskIsReportedHeldAndBounded)
     EXPECT_NE(texts[0].find("space"), std::string::npos);
 }
 
-TEST(EventSink, MissingDirectoryThenRecoveryWritesHeldEventsInOrder)
+TEST(EventSink, UnusableDirectoryThenRecoveryWritesHeldEventsInOrder)
 {
     ReportTest::LogCapture log("report_sink_test");
     TempDir dir;
+    dir.Write("later", "a file where the directory belongs");
     const std::string path = dir.Join("later/events.jsonl");
     EventSink sink(FileSink(path), &Poco::Logger::get("report_sink_test"));
 
@@ -139,6 +140,7 @@ TEST(EventSink, MissingDirectoryThenRecoveryWritesHeldEventsInOrder)
     EXPECT_EQ(sink.Stats().held, 2u);
     EXPECT_NE(sink.Stats().lastError.find(path), std::string::npos);
 
+    ASSERT_EQ(unlink(dir.Join("later").c_str()), 0);
     dir.MkDir("later");
     EXPECT_EQ(sink.Retry(), 0u);
     ASSERT_TRUE(sink.Write(Event(3)));

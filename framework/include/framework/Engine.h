@@ -22,6 +22,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -118,8 +119,13 @@ public:
     }
     void WaitForTasklets() { m_tasklets.WaitAll(); }
 
-    // Figures of the whole agent for `ctl status` (AgentStatus.cpp).
+    // Figures of the whole agent for `ctl status` (AgentStatus.cpp); checks
+    // health first.
     Json::Value Status();
+    // Raises or clears what the engine itself can see: a loaded module that
+    // takes policies but has none applied. The run loop calls it every
+    // second; it skips a round while a tasklet or policy callback runs.
+    void CheckHealth();
 
     // The installation directory (config agent.install_dir), ending with "/".
     std::string InstallDir();
@@ -136,6 +142,8 @@ private:
     PolicyStore m_policies;
     Tasklets m_tasklets;
     int64_t m_startMs = 0;
+    std::set<std::string> m_healthPolicyKeys;  // under m_healthMutex
+    Poco::FastMutex m_healthMutex;
 };
 
 }  // namespace Framework

@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <Poco/Mutex.h>
@@ -37,6 +38,9 @@ public:
 
     std::vector<std::string> Names();
     Module* ForPolicy(const std::string& policyId);
+    // Module name -> the policy ids it takes, for every module that takes
+    // one. Call under the control mutex (callbacks change in Init/UnInit).
+    std::vector<std::pair<std::string, std::vector<std::string>>> PolicyIdsByModule();
     AbstractTaskletCallback* TaskletCallback(const std::string& id);
     std::vector<std::string> TaskletIds();
 

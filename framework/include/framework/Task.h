@@ -165,6 +165,8 @@ public:
 
     // Back to idle before the registry starts the task (again).
     void ResetForStart();
+    // Where the health register keeps "this task is not running".
+    std::string HealthKey() const { return "framework.task." + GetTaskName(); }
 
 private:
     friend class OnDemandTasks;

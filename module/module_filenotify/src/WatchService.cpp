@@ -13,6 +13,7 @@
 
 #include <Poco/Message.h>
 
+#include "framework/Health.h"
 #include "sdk/LogMacros.h"
 #include "sdk/Posix.h"
 #include "sdk/TimeUtils.h"
@@ -93,7 +94,14 @@ WatchService::WatchService(std::unique_ptr<Watcher> watcher, NotificationSink& s
     }
 }
 
-WatchService::~WatchService() = default;
+WatchService::~WatchService()
+{
+    for (const auto& entry : m_healthRaised) {
+        if (!entry.second.empty()) {
+            Framework::Health::Clear(entry.first);
+        }
+    }
+}
 
 std::string WatchService::FullPath(const Registration& reg, const std::string& rel) const
 {
@@ -834,15 +842,58 @@ void WatchService::Tick()
     RetryOutboxes();
     ReleaseGoneConsumers();
     FlushDue(now);
-    if (!m_watcher->IsOpen()) {
-        return;
-    }
-    for (auto& entry : m_regs) {
-        Registration& reg = entry.second;
-        if (!reg.attached && now >= reg.nextAttachMs) {
-            Attach(reg);
+    if (m_watcher->IsOpen()) {
+        for (auto& entry : m_regs) {
+            Registration& reg = entry.second;
+            if (!reg.attached && now >= reg.nextAttachMs) {
+                Attach(reg);
+            }
         }
     }
+    UpdateHealth();
+}
+
+void WatchService::SetHealth(const std::string& key, const std::string& reason)
+{
+    std::string& last = m_healthRaised[key];
+    if (last == reason) {
+        return;
+    }
+    last = reason;
+    if (reason.empty()) {
+        Framework::Health::Clear(key);
+    } else {
+        Framework::Health::Raise(key, Framework::Health::Severity::Degraded, reason);
+    }
+}
+
+void WatchService::UpdateHealth()
+{
+    std::string off;
+    if (!m_watcher->IsOpen() && !m_regs.empty()) {
+        off = "real-time monitoring is off: cannot create an inotify instance (" + m_watcher->Error() + ")";
+    }
+    SetHealth("filenotify.inotify", off);
+    std::string missing;
+    std::string limit;
+    size_t unwatched = 0;
+    for (const auto& entry : m_regs) {
+        const Registration& reg = entry.second;
+        if (!reg.attached && m_watcher->IsOpen()) {
+            missing += (missing.empty() ? "" : ", ") + reg.req.path + " for " + reg.req.consumerName + " (" +
+                       (reg.lastAttachError != 0 ? SDK::ErrnoText(reg.lastAttachError) : "not yet") + ")";
+        }
+        if (reg.unwatched > 0 && limit.empty()) {
+            limit = reg.firstUnwatched;
+        }
+        unwatched += reg.unwatched;
+    }
+    SetHealth("filenotify.watches", missing.empty() ? "" : "watches requested but not held: " + missing);
+    SetHealth("filenotify.watch_limit",
+              unwatched == 0 ? ""
+                             : "inotify watch limit reached: " + std::to_string(unwatched) +
+                                   " directories are not watched (first: " + limit +
+                                   "); raise fs.inotify.max_user_watches and restart the agent");
 }
 
 int WatchService::NextWaitMs(int capMs) const

@@ -179,6 +179,10 @@ private:
               uint32_t mask, const std::string& path);
     void RetryOutboxes();
     void ReleaseGoneConsumers();
+    // Raises or clears "filenotify.inotify", "filenotify.watches" (roots
+    // asked for but not watched) and "filenotify.watch_limit".
+    void UpdateHealth();
+    void SetHealth(const std::string& key, const std::string& reason);
 
     Registration* FindReg(RegId id);
     std::string FullPath(const Registration& reg, const std::string& rel) const;
@@ -205,6 +209,7 @@ private:
     // walk that still holds a registration.
     std::map<Framework::MailboxRef, std::string> m_goneConsumers;
     int64_t m_lastReadErrorLogMs = 0;
+    std::map<std::string, std::string> m_healthRaised;  // key -> reason given ("" cleared)
 };
 
 }  // namespace FileNotify

@@ -2,6 +2,7 @@
 
 #include <json/json.h>
 
+#include "framework/Health.h"
 #include "framework/StatusBoard.h"
 #include "framework/Topics.h"
 #include "message/Outcomes.h"
@@ -24,6 +25,8 @@ const unsigned int kQueueSize = 1024;
 
 const char* const DataCommReportTask::kTaskName = "data_comm_report_task";
 const char* const DataCommReportTask::kStatusKey = "report.events";
+const size_t DataCommReportTask::kMaxRemembered = 4096;
+const int64_t DataCommReportTask::kDuplicateWindowMs = 60 * 1000;
 
 DataCommReportTask::DataCommReportTask(const Report::EventSinkOptions& options)
     : Framework::Task(kTaskName, "report", Framework::TaskCondition::TASK_TYPE_RESIDENT,
@@ -43,7 +46,15 @@ int DataCommReportTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
     }
     Json::Value parsed;
     if (SDK::JsonUtils::ParseJsonStr(data->GetContent(), parsed) == 0) {
-        m_sink.Write(data->GetContent());
+        if (IsDuplicate(parsed)) {
+            ++m_duplicates;
+            SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource,
+                    "Event dropped: the same file, hash and keyword were reported within the last "
+                    "minute (%s).",
+                    data->GetContent());
+        } else {
+            m_sink.Write(data->GetContent());
+        }
     } else {
         // Still one valid JSON line, so that readers of the sink never choke.
         ++m_invalid;
@@ -89,9 +100,55 @@ int DataCommReportTask::Run()
     return 0;
 }
 
+bool DataCommReportTask::IsDuplicate(const Json::Value& event)
+{
+    if (!event.isObject()) {
+        return false;
+    }
+    const Json::Value& info = event["file_info"];
+    const Json::Value& file = info.isArray() && info.size() == 1 ? info[0] : info;
+    if (!file.isObject() || !file["file_path"].isString()) {
+        return false;  // not about one file: nothing to compare
+    }
+    std::string key;
+    for (const Json::Value* part :
+         {&event["event_classid"], &file["file_path"], &file["file_path_b64"], &file["file_sha256"],
+          &file["file_key_word"], &event["resource_info"]["container_id"]}) {
+        key += part->isString() ? part->asString() : std::string();
+        key += '\0';
+    }
+    const int64_t now = static_cast<int64_t>(SDK::TimeUtils::GetCurrentSystemTickUsed());
+    while (!m_recentOrder.empty() &&
+           (now - m_recentOrder.front().second >= kDuplicateWindowMs ||
+            m_recentOrder.size() >= kMaxRemembered)) {
+        auto it = m_recent.find(m_recentOrder.front().first);
+        if (it != m_recent.end() && it->second == m_recentOrder.front().second) {
+            m_recent.erase(it);
+        }
+        m_recentOrder.pop_front();
+    }
+    auto it = m_recent.find(key);
+    if (it != m_recent.end() && now - it->second < kDuplicateWindowMs) {
+        return true;
+    }
+    m_recent[key] = now;
+    m_recentOrder.emplace_back(key, now);
+    return false;
+}
+
 void DataCommReportTask::Publish()
 {
     const Report::EventSinkStats& s = m_sink.Stats();
+    if (!s.healthy) {
+        // Events that cannot be written are detections nobody sees.
+        Framework::Health::Raise("report.sink", Framework::Health::Severity::Failing,
+                                 "event sink failing: " + s.lastError + " (" + std::to_string(s.held) +
+                                     " events held, " + std::to_string(s.dropped) + " dropped)");
+        m_sinkRaised = true;
+    } else if (m_sinkRaised) {
+        Framework::Health::Clear("report.sink");
+        m_sinkRaised = false;
+    }
     Json::Value v(Json::objectValue);
     v["sink"] = m_sink.Path();
     v["received"] = static_cast<Json::UInt64>(Received());
@@ -103,6 +160,7 @@ void DataCommReportTask::Publish()
     v["rotations"] = static_cast<Json::UInt64>(s.rotations);
     v["reopens"] = static_cast<Json::UInt64>(s.reopens);
     v["invalid"] = static_cast<Json::UInt64>(m_invalid);
+    v["duplicates"] = static_cast<Json::UInt64>(m_duplicates);
     v["healthy"] = s.healthy;
     v["last_error"] = s.lastError;
     v["last_error_ms"] = static_cast<Json::Int64>(s.lastErrorMs);

@@ -7,6 +7,10 @@
 #include <cerrno>
 #include <cstdio>
 
+#include <Poco/Exception.h>
+#include <Poco/File.h>
+#include <Poco/Path.h>
+
 #include "sdk/LogMacros.h"
 #include "sdk/Posix.h"
 #include "sdk/TimeUtils.h"
@@ -131,8 +135,25 @@ bool EventSink::EnsureOpen()
 
 bool EventSink::OpenFile()
 {
-    SDK::UniqueFd fd(::open(m_options.path.c_str(),
-                            O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640));
+    const int flags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY;
+    SDK::UniqueFd fd(::open(m_options.path.c_str(), flags, 0640));
+    if (!fd.Valid() && errno == ENOENT) {
+        // The directory was removed under the agent (log/ deleted by hand):
+        // make it again rather than hold events until a restart.
+        const std::string parent = Poco::Path(m_options.path).parent().toString();
+        try {
+            Poco::File(parent).createDirectories();
+            SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
+                    "Directory %s of event sink %s was missing; created it again.", parent,
+                    m_options.path);
+            fd.Reset(::open(m_options.path.c_str(), flags, 0640));
+        } catch (const Poco::Exception& e) {
+            SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
+                    "Directory %s of event sink %s is missing and cannot be created: %s.", parent,
+                    m_options.path, e.displayText());
+            errno = ENOENT;
+        }
+    }
     if (!fd.Valid()) {
         Fail("open", errno);
         return false;

@@ -4,6 +4,7 @@
 #include <Poco/Runnable.h>
 #include <Poco/Thread.h>
 
+#include "framework/Health.h"
 #include "framework/Message.h"
 #include "framework/StatusBoard.h"
 #include "framework/Topics.h"
@@ -22,6 +23,7 @@ const int kEventsPerWake = 64;
 const unsigned int kQueueSize = 1024;
 const Json::ArrayIndex kMaxStatusEntries = 64;
 const int64_t kUploadFailureLogIntervalMs = 60000;
+const char* const kUploadsHealthKey = "report.uploads";
 
 int64_t NowMs()
 {
@@ -212,8 +214,8 @@ void FileCommReportTask::StartJob(const Request& request)
     }
     auto job = std::make_shared<Job>(this, request, m_config.download);
     SetDownloadStatus(target, status);
-    SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "Downloading %s to %s.", url,
-            target);
+    // The outcome gets the one line a download is worth (JobFinished).
+    SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "Downloading %s to %s.", url, target);
     try {
         job->Thread().start(*job);
     } catch (const Poco::Exception& e) {
@@ -238,7 +240,8 @@ void FileCommReportTask::JobFinished(Job& job)
     const std::string& target = job.Download().Target();
     if (r.ok) {
         SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource,
-                "Downloaded %s to %s (%?d bytes).", r.finalUrl, target, r.bytes);
+                "Downloaded %s to %s (%?d bytes in %?d ms).", r.finalUrl, target, r.bytes,
+                NowMs() - job.StartedMs());
     } else {
         SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
                 "Download of %s to %s failed: %s. The old file stays; the next request tries "
@@ -324,6 +327,16 @@ void FileCommReportTask::HandleUpload(const std::string& path, const std::string
 {
     ++m_uploadCounters.received;
     const Report::UploadResult r = m_uploads.Store(path, kind);
+    // A refusal is about one file (too large, not regular); a failure means
+    // the store cannot keep anything until it is fixed.
+    if (r.outcome == Report::UploadResult::FAILED) {
+        Framework::Health::Raise(kUploadsHealthKey, Framework::Health::Severity::Degraded,
+                                 "suspicious files cannot be kept in " + m_uploads.Dir() + ": " + r.error);
+        m_uploadsRaised = true;
+    } else if (m_uploadsRaised && r.outcome != Report::UploadResult::REFUSED) {
+        Framework::Health::Clear(kUploadsHealthKey);
+        m_uploadsRaised = false;
+    }
     switch (r.outcome) {
     case Report::UploadResult::STORED:
         ++m_uploadCounters.stored;

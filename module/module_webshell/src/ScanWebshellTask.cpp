@@ -12,8 +12,10 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <sstream>
 #include <unordered_set>
 
+#include <Poco/Base64Encoder.h>
 #include <Poco/String.h>
 #include <json/json.h>
 
@@ -999,7 +1001,23 @@ void ScanWebshellTask::SendDetectResultMsg(const std::string& filePath, const De
 {
     Json::Value event(Json::objectValue);
     Json::Value file(Json::objectValue);
-    file["file_path"] = filePath;
+    // A name that is not UTF-8 is escaped reversibly and its exact bytes
+    // go alongside, so two files never share one file_path.
+    const auto setPath = [&file](const std::string& path) {
+        bool escaped = false;
+        file["file_path"] = SDK::JsonUtils::EscapeNonUtf8(path, escaped);
+        if (escaped) {
+            std::ostringstream b64;
+            Poco::Base64Encoder encoder(b64);
+            encoder.rdbuf()->setLineLength(0);
+            encoder << path;
+            encoder.close();
+            file["file_path_b64"] = b64.str();
+        } else {
+            file.removeMember("file_path_b64");
+        }
+    };
+    setPath(filePath);
     if (!result.keyWord.empty()) {
         file["file_key_word"] = result.keyWord;
     }
@@ -1028,7 +1046,7 @@ void ScanWebshellTask::SendDetectResultMsg(const std::string& filePath, const De
         event["image_name"] = container.imageName;
         // The path as seen inside the container: only the root's length
         // counts. Receivers rely on "file_info" being a bare object here.
-        file["file_path"] = filePath.substr(container.rootPath.size());
+        setPath(filePath.substr(container.rootPath.size()));
         event["file_info"] = file;
         Json::Value resource(Json::objectValue);
         resource["container_id"] = container.id;

@@ -38,6 +38,12 @@ public:
     // written as the character with the same number, U+0080..U+00FF (read as
     // Latin-1): the text is always valid UTF-8 JSON and the byte stays visible.
     static std::string JsonToString(const Json::Value& value);
+    // A file name for event text that never merges two names. Valid UTF-8
+    // comes back as it is (`escaped` false). Otherwise (`escaped` true) each
+    // byte that is not part of well-formed UTF-8 becomes "\xhh" and a
+    // backslash becomes "\\", so the bytes can be recovered; callers add
+    // the exact bytes alongside, since a UTF-8 name may spell "\xhh" itself.
+    static std::string EscapeNonUtf8(const std::string& text, bool& escaped);
 };
 
 }  // namespace SDK

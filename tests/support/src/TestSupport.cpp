@@ -232,7 +232,8 @@ Json::Value CtlStatus(const std::string& install)
 {
     std::string text;
     const std::string ctl = AgentBinary() + " ctl status --install-dir " + install + " 2>/dev/null";
-    return RunCommand(ctl, &text) == 0 ? ParseJson(text) : Json::Value();
+    const int rc = RunCommand(ctl, &text);  // 0 ok, 1 degraded, 2 failing
+    return rc >= 0 && rc <= 2 ? ParseJson(text) : Json::Value();
 }
 
 std::set<std::string> WatchedRoots(const Json::Value& status, const std::string& task)

@@ -3,13 +3,27 @@
 // to the event sink as one JSON line, flushed per event, and publishes its
 // figures as "report.events" on the status board:
 //   {"sink","received","written","bytes","held","dropped","failures",
-//    "rotations","reopens","invalid","healthy","last_error","last_error_ms"}
-// "received" counts messages handled (written or held), so a caller that
-// knows how many events it sent can wait until they all reached the sink.
+//    "rotations","reopens","invalid","duplicates","healthy","last_error",
+//    "last_error_ms"}
+// "received" counts messages handled (written, held or dropped as a
+// duplicate), so a caller that knows how many events it sent can wait until
+// they all reached the sink.
+//
+// An event identical in file path, SHA-256 and matched keyword (and
+// container) to one written within the last minute is dropped and counted
+// as "duplicates": the file-change task and the periodic pass find the same
+// dropped file seconds apart. At most kMaxRemembered events are remembered.
+// While the sink fails the health register says "report.sink".
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <memory>
+#include <string>
+#include <unordered_map>
+#include <utility>
+
+#include <json/json.h>
 
 #include "framework/Task.h"
 #include "report/EventSink.h"
@@ -25,6 +39,9 @@ public:
     static const char* const kTaskName;   // "data_comm_report_task"
     static const char* const kStatusKey;  // "report.events"
 
+    static const size_t kMaxRemembered;   // 4096
+    static const int64_t kDuplicateWindowMs;  // 60 s
+
     explicit DataCommReportTask(const Report::EventSinkOptions& options);
     ~DataCommReportTask() override;
 
@@ -35,11 +52,20 @@ public:
 
 private:
     void Publish();
+    // true when `event` repeats one written within the window; remembers it
+    // otherwise.
+    bool IsDuplicate(const Json::Value& event);
 
     Poco::Logger* m_logger;
     Report::EventSink m_sink;  // used on the task's thread only
     std::atomic<uint64_t> m_received{0};
     uint64_t m_invalid = 0;
+    uint64_t m_duplicates = 0;
+    bool m_sinkRaised = false;
+    // Event key -> when it was last written (steady ms); the deque keeps the
+    // order they expire in. Task thread only.
+    std::unordered_map<std::string, int64_t> m_recent;
+    std::deque<std::pair<std::string, int64_t>> m_recentOrder;
     int64_t m_lastRetryMs = 0;
 };
 

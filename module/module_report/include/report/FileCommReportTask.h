@@ -95,6 +95,7 @@ private:
         uint64_t unlogged = 0;    // failures since then
         std::string latest;       // the latest of them
     } m_uploadFailures;
+    bool m_uploadsRaised = false;  // "report.uploads" is raised
 };
 
 }  // namespace Engine

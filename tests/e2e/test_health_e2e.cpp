@@ -1,0 +1,289 @@
+// Health and the agent's own upkeep, through the real binary: the verdict of
+// `ctl status` and its exit code follow what the agent cannot do; the report
+// service drops an event another task just reported; event paths of names
+// that are not UTF-8 stay distinct; directories removed under a running
+// agent come back without losing events; the log says who wrote each line.
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <functional>
+#include <iterator>
+#include <map>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <Poco/Base64Decoder.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "framework/Health.h"
+#include "framework/TaskRegistry.h"
+#include "testsupport/TestSupport.h"
+
+namespace {
+
+using TestSupport::TempDir;
+using TestSupport::WaitFor;
+
+const char* const kRules = R"(
+rule health_certain : certain_webshell { strings: $a = "HEALTH_E2E_SHELL" condition: $a }
+rule health_suspicious { strings: $a = "HEALTH_E2E_SUSPICIOUS" condition: $a }
+)";
+const std::string kShell = "<?php @eval($_POST['c']); /* HEALTH_E2E_SHELL */ ?>\n";
+
+size_t Count(const std::string& text, const std::string& needle)
+{
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+// file_path -> how often the event sink has it.
+std::map<std::string, int> Reported(const std::string& events)
+{
+    std::map<std::string, int> out;
+    for (const auto& event : TestSupport::ReadEvents(events)) {
+        for (const auto& file : event["file_info"]) {
+            ++out[file["file_path"].asString()];
+        }
+    }
+    return out;
+}
+
+// The real agent on a fresh install tree, its rule library in place.
+struct Agent {
+    // `sinkInLog`: the default event sink, log/webshell_events.jsonl.
+    Agent(TempDir& dir, bool sinkInLog, const std::vector<std::string>& extra = {}) : dir(dir)
+    {
+        install = TestSupport::MakeInstallTree(dir);
+        rules = dir.Write("rules/webshell.yar", kRules);
+        dir.Write("install/data/webshell/webshell.dat", kRules);
+        std::vector<std::string> args = {"run", "--install-dir", install, "--host-root", dir.MkDir("host")};
+        events = sinkInLog ? install + "log/webshell_events.jsonl" : dir.MkDir("sink") + "/events.jsonl";
+        if (!sinkInLog) {
+            args.insert(args.end(), {"--events", events});
+        }
+        args.insert(args.end(), extra.begin(), extra.end());
+        started = process.Start(args);
+    }
+    int Ctl(const std::string& request, std::string* out = nullptr)
+    {
+        return TestSupport::RunCommand(TestSupport::AgentBinary() + " ctl " + request + " --install-dir " + install +
+                                           " 2>" + dir.Join("ctl.err"),
+                                       out);
+    }
+    // Waits until `ctl status` exits with `rc`; `status` is the last answer.
+    bool WaitVerdict(int rc)
+    {
+        return WaitFor([&] {
+            std::string out;
+            const int got = Ctl("status", &out);
+            status = TestSupport::ParseJson(out);
+            return got == rc;
+        }, 20000, 100);
+    }
+    bool HasReason(const std::string& key)
+    {
+        for (const auto& r : status["health"]["reasons"]) {
+            if (r["key"] == key) {
+                return true;
+            }
+        }
+        return false;
+    }
+    void Policy(const std::vector<std::string>& roots, bool monitor)
+    {
+        Json::Value policy = TestSupport::WebshellPolicy(roots, rules);
+        policy["content"]["monitor_file_change"] = monitor;
+        const std::string file = dir.Write("policy.json", Json::FastWriter().write(policy));
+        ASSERT_TRUE(WaitFor([&] { return Ctl("policy " + file + " >/dev/null") == 0; }, 20000, 100));
+    }
+    std::string Log() const { return TestSupport::ReadFile(install + "log/agent.log"); }
+    std::string Why() const { return "\nhealth: " + Json::FastWriter().write(status["health"]); }
+
+    TempDir& dir;
+    TestSupport::AgentProcess process;
+    std::string install, rules, events;
+    bool started = false;
+    Json::Value status;
+};
+
+}  // namespace
+
+// Each reason is raised while its cause lasts and cleared once it is gone;
+// `ctl status` exits with the verdict; each change is logged once. Then the
+// report service drops the event a scan on demand repeats.
+TEST(HealthE2E, VerdictFollowsWhatTheAgentCannotDo)
+{
+    TempDir dir("e2e-health");
+    Agent agent(dir, false, {"--log-stderr"});
+    ASSERT_TRUE(agent.started);
+    const std::string www = dir.MkDir("www");
+
+    ASSERT_TRUE(agent.WaitVerdict(2)) << agent.Why();  // no policy: nothing detected
+    EXPECT_EQ(agent.status["verdict"], "failing");
+    EXPECT_TRUE(agent.HasReason("framework.policy.webshell_module")) << agent.Why();
+    EXPECT_NE(TestSupport::ReadFile(dir.Join("ctl.err")).find("framework.policy.webshell_module"), std::string::npos);
+    agent.Policy({www}, true);
+    ASSERT_TRUE(agent.WaitVerdict(0)) << agent.Why();
+
+    const auto move = [](const std::string& from, const std::string& to) {
+        ASSERT_EQ(0, rename(from.c_str(), to.c_str()));
+    };
+    // Swapped in one step, since the agent makes a missing data/upload again.
+    const std::string upload = agent.install + "data/upload";
+    const std::string link = dir.Symlink(dir.MkDir("elsewhere"), "link");
+    const auto swapUpload = [&] {
+        ASSERT_EQ(0, renameat2(AT_FDCWD, link.c_str(), AT_FDCWD, upload.c_str(), RENAME_EXCHANGE));
+    };
+    const std::string sink = dir.Join("sink");
+    struct Phase {
+        const char* key;
+        int rc;
+        std::function<void()> cause, fix;
+    };
+    const std::vector<Phase> phases = {
+        {"filenotify.watches", 1, [&] { move(www, www + ".away"); }, [&] { move(www + ".away", www); }},
+        {"report.sink", 2,
+         [&] {
+             move(sink, sink + ".away");
+             dir.Write("sink", "a file where the sink's directory was");
+             dir.Write("www/held.php", kShell);
+         },
+         [&] {
+             ASSERT_EQ(0, unlink(sink.c_str()));
+             move(sink + ".away", sink);
+         }},
+        {"report.uploads", 1,
+         [&] {
+             swapUpload();
+             dir.Write("www/suspicious1.php", "<?php /* HEALTH_E2E_SUSPICIOUS */ ?>\n");
+         },
+         [&] {
+             swapUpload();
+             dir.Write("www/suspicious2.php", "<?php /* HEALTH_E2E_SUSPICIOUS 2 */ ?>\n");
+         }},
+    };
+    for (const Phase& phase : phases) {
+        SCOPED_TRACE(phase.key);
+        phase.cause();
+        ASSERT_TRUE(agent.WaitVerdict(phase.rc)) << agent.Why();
+        EXPECT_TRUE(agent.HasReason(phase.key)) << agent.Why();
+        phase.fix();
+        ASSERT_TRUE(agent.WaitVerdict(0)) << agent.Why();
+    }
+    const std::string held = www + "/held.php";
+    EXPECT_EQ(Reported(agent.events)[held], 1);  // held while the sink failed, then written
+    // Eight changes of verdict, logged as they happened, not at every check
+    // (each second) or status request (dozens).
+    EXPECT_EQ(Count(agent.Log(), "Agent health is failing (was ok)"), 2u);
+    EXPECT_LE(Count(agent.Log(), "Agent health is "), 12u) << agent.Log();
+
+    // The scan on demand finds held.php again: dropped as a duplicate.
+    ASSERT_EQ(0, agent.Ctl("scan-now >/dev/null"));
+    ASSERT_TRUE(WaitFor([&] {
+        return agent.WaitVerdict(0) && agent.status["components"]["report.events"]["duplicates"].asInt() == 1;
+    }, 20000, 100)) << agent.status["components"]["report.events"];
+    EXPECT_EQ(Reported(agent.events)[held], 1);
+    EXPECT_EQ(0, agent.process.Stop(15, 20000));
+    EXPECT_NE(agent.process.Stderr().find("Agent running"), std::string::npos);  // --log-stderr
+}
+
+// A service task whose thread ends by itself is a reason until it is
+// unregistered; a task stopped by a cancel is not.
+TEST(HealthE2E, ServiceTaskThatStopsIsAReason)
+{
+    struct Quitter : Framework::Task {
+        Quitter(const std::string& name, bool quits)
+            : Framework::Task(name, "test", Framework::TaskCondition::TASK_TYPE_RESIDENT, 8), quits(quits) {}
+        int Run() override
+        {
+            while (!quits && !IsCancelling()) {
+                GetEventWaiter().WaitAndHandleEvent(50, 8);
+            }
+            return 0;
+        }
+        const bool quits;
+    };
+    const auto reasons = [] { return Json::FastWriter().write(Framework::Health::Render()["reasons"]); };
+    Framework::TaskRegistry registry;
+    ASSERT_EQ(0, registry.Register(new Quitter("quitting_task", true), nullptr));
+    ASSERT_EQ(0, registry.Register(new Quitter("staying_task", false), nullptr));
+    ASSERT_TRUE(WaitFor([&] { return reasons().find("framework.task.quitting_task") != std::string::npos; }));
+    EXPECT_EQ(Framework::Health::Verdict(), "degraded");
+    EXPECT_EQ(1, registry.UnRegister("quitting_task"));
+    EXPECT_EQ(1, registry.UnRegister("staying_task"));
+    EXPECT_EQ(Framework::Health::Verdict(), "ok") << reasons();
+}
+
+// Two files whose names differ only in encoding give two events; the one
+// that is not UTF-8 is escaped reversibly and carries its exact bytes. The
+// one-shot scan warns about nothing it leaves out on purpose.
+TEST(HealthE2E, NamesThatAreNotUtf8KeepTheirOwnPath)
+{
+    TempDir dir("e2e-health-paths");
+    const std::string install = TestSupport::MakeInstallTree(dir);
+    const std::string rules = dir.Write("rules/webshell.yar", kRules);
+    const std::string latin1 = dir.Write("www/x\xe9\\.php", kShell);  // Latin-1 e-acute, a backslash
+    const std::string utf8 = dir.Write("www/x\xc3\xa9\\.php", kShell);
+    const std::string events = dir.Join("events.jsonl");
+    TestSupport::AgentProcess scan;
+    ASSERT_TRUE(scan.Start({"scan", "--install-dir", install, "--rules", rules, "--events", events, dir.Join("www")}));
+    ASSERT_EQ(1, scan.Wait());
+    const std::string log = TestSupport::ReadFile(install + "log/agent.log");
+    EXPECT_EQ(Count(log, "[Warning]"), 0u) << log;
+
+    std::map<std::string, std::string> b64;  // file_path -> file_path_b64 ("-" when absent)
+    for (const auto& event : TestSupport::ReadEvents(events)) {
+        for (const auto& file : event["file_info"]) {
+            b64[file["file_path"].asString()] = file.get("file_path_b64", "-").asString();
+        }
+    }
+    const std::string escaped = dir.Join("www/x\\xe9\\\\.php");
+    ASSERT_EQ(b64.size(), 2u) << TestSupport::ReadFile(events);
+    EXPECT_EQ(b64[utf8], "-");
+    std::istringstream in(b64[escaped]);
+    Poco::Base64Decoder decoder(in);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(decoder), std::istreambuf_iterator<char>()), latin1);
+}
+
+// log/, run/ and data/upload removed under a running agent come back; the
+// events of 1,100 shells found after that all reach the recreated sink.
+// Without --log-stderr the log stays off stderr; every line names its module.
+TEST(HealthE2E, OwnedDirectoriesRemovedWhileRunningComeBack)
+{
+    TempDir dir("e2e-health-dirs");
+    Agent agent(dir, true);
+    ASSERT_TRUE(agent.started);
+    const std::string www = dir.MkDir("www");
+    agent.Policy({www}, false);
+    ASSERT_TRUE(agent.WaitVerdict(0)) << agent.Why();
+    const size_t kShells = 1100;
+    for (size_t i = 0; i < kShells; ++i) {
+        dir.Write("www/s" + std::to_string(i) + ".php", kShell);
+    }
+    for (const char* sub : {"log", "run", "data/upload"}) {
+        TestSupport::RunCommand("rm -rf '" + agent.install + sub + "'");
+    }
+    ASSERT_TRUE(agent.WaitVerdict(0)) << agent.Why();  // the control socket is back
+    EXPECT_TRUE(WaitFor([&] { return TestSupport::FileExists(agent.install + "data/upload"); }));
+    ASSERT_EQ(0, agent.Ctl("scan-now >/dev/null"));
+    ASSERT_TRUE(WaitFor([&] { return Reported(agent.events).size() == kShells; }, 60000, 100))
+        << Reported(agent.events).size();
+    ASSERT_TRUE(agent.WaitVerdict(0));
+    EXPECT_EQ(agent.status["components"]["report.events"]["dropped"].asInt(), 0);
+
+    EXPECT_NE(agent.Log().find("was removed while the agent runs"), std::string::npos) << agent.Log();
+    const std::regex line(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[\w+\] <\d+> [\w.-]+: .*)");
+    for (const auto& l : TestSupport::ReadLines(agent.install + "log/agent.log")) {
+        EXPECT_TRUE(std::regex_match(l, line)) << l;
+    }
+    EXPECT_EQ(0, agent.process.Stop(15, 20000));
+    EXPECT_EQ(agent.process.Stderr().find("Agent running"), std::string::npos) << agent.process.Stderr();
+}
