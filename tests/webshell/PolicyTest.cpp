@@ -160,59 +160,30 @@ TEST(DetectWebshellPolicy, RequiredKeysAndRuleLibraryDescription)
     EXPECT_FALSE(Parses(doc)) << "no auto_scan_task";
 }
 
-TEST(DetectWebshellPolicy, UnparsableScheduleIsAcceptedWithoutChild)
-{
-    Json::Value doc = ValidDoc();
-    doc["content"]["auto_scan_task"]["task_condition"]["type"] = "fortnightly";
-    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
-    ASSERT_TRUE(Parses(doc, &policy));
-    EXPECT_EQ(ScheduleOf(*policy), nullptr);
-    EXPECT_TRUE(policy->GetChildren().empty());
-
-    doc = ValidDoc();
-    doc["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 0;  // out of range
-    ASSERT_TRUE(Parses(doc, &policy));
-    EXPECT_TRUE(policy->GetChildren().empty());
-
-    doc = ValidDoc();
-    doc["content"]["auto_scan_task"] = Json::Value(Json::objectValue);  // no task_condition
-    ASSERT_TRUE(Parses(doc, &policy));
-    EXPECT_TRUE(policy->GetChildren().empty());
-
-    Engine::DetectWebshellTaskPolicy task("auto_scan_wehshell_task");
-    EXPECT_FALSE(task.Parse("{}"));
-    EXPECT_FALSE(task.Parse("not json"));
-    EXPECT_FALSE(task.Parse(R"({"task_condition": "daily"})"));
-    EXPECT_TRUE(task.Parse(R"({"task_condition": {"type": "daily", "at": "02:30"}})"));
-    EXPECT_EQ(task.GetCondition().GetSchedule(), Framework::TaskCondition::SCHEDULE_DAILY);
-}
-
-TEST(DetectWebshellPolicy, ValuesOfOtherTypesAreReadAsTheJsonHelpersYieldThem)
+TEST(DetectWebshellPolicy, WrongTypesAndUnparsableSchedulesRefuseTheDocumentNamingEachKey)
 {
     Json::Value doc = ValidDoc();
     Json::Value& content = doc["content"];
-    content["default_scan_paths"] = Json::Value(Json::arrayValue);
-    content["default_scan_paths"].append("");
     content["default_scan_paths"].append(5);
-    content["default_scan_paths"].append(true);
-    content["default_scan_paths"].append(Json::Value(Json::objectValue));
-    content["default_scan_paths"].append(Json::Value(Json::nullValue));
-    content["monitor_file_change"] = "yes";  // only a JSON bool counts
-    content["monitor_container"] = 1;
-    content["max_file_size"] = "2048";  // only an integral number counts
-    content["upload_file_count_per_day"] = 1.5;
-    content["file_type"] = 42;
+    content["monitor_file_change"] = "yes";
+    content["max_file_size"] = 2048.0;
+    content["upload_file_count_per_day"] = Json::Int64(1) << 40;
     content["lib_version"] = 3;
-
     Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
-    ASSERT_TRUE(Parses(doc, &policy));
-    EXPECT_EQ(policy->GetDefaultScanPathList(), (std::list<std::string>{"", "5", "true", "", ""}));
-    EXPECT_FALSE(policy->IsMonitorFileChange());
-    EXPECT_FALSE(policy->IsMonitorContainer());
-    EXPECT_EQ(policy->GetMaxFileSize(), 10485760);
-    EXPECT_EQ(policy->GetUploadFileCountPerDay(), 100);
-    EXPECT_EQ(policy->GetFileType(), "42");
-    EXPECT_EQ(policy->GetLibVersion(), "3");
+    EXPECT_FALSE(Parses(doc, &policy));
+    EXPECT_EQ(policy->GetRefusal(),
+              "content.default_scan_paths[1] must be a string; content.lib_version must be a string; "
+              "content.monitor_file_change must be true or false; content.max_file_size must be an integer; "
+              "content.upload_file_count_per_day must be an integer");
+
+    doc = ValidDoc();
+    doc["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 0;
+    EXPECT_FALSE(Parses(doc, &policy));
+    EXPECT_EQ(policy->GetRefusal().find("content.auto_scan_task.task_condition: \"interval_s\" must be"), 0u)
+        << policy->GetRefusal();
+    doc["content"]["auto_scan_task"] = Json::Value(Json::objectValue);
+    EXPECT_FALSE(Parses(doc, &policy));
+    EXPECT_EQ(policy->GetRefusal(), "content.auto_scan_task.task_condition is required (an object)");
 
     // Zero and negative sizes and quotas are stored as they are.
     doc = ValidDoc();
@@ -221,11 +192,6 @@ TEST(DetectWebshellPolicy, ValuesOfOtherTypesAreReadAsTheJsonHelpersYieldThem)
     ASSERT_TRUE(Parses(doc, &policy));
     EXPECT_EQ(policy->GetMaxFileSize(), -5);
     EXPECT_EQ(policy->GetUploadFileCountPerDay(), 0);
-
-    // A number beyond 32 bits is not an int: the default stays.
-    doc["content"]["max_file_size"] = Json::Int64(1) << 40;
-    ASSERT_TRUE(Parses(doc, &policy));
-    EXPECT_EQ(policy->GetMaxFileSize(), 10485760);
 }
 
 TEST(DetectWebshellPolicy, CertainMinScoreIsAnIntegerOrAbsent)
