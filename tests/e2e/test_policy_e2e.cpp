@@ -2,7 +2,8 @@
 // typo'd and broken documents as the agent does; a document reaches the
 // periodic pass whatever its "feature_name" says; a schedule that does not
 // parse is refused, shown in status and health, and the previous policy
-// stays; "enabled": false stops passes and watches until enabled again.
+// stays; a scan path that appears later is named once and then scanned;
+// "enabled": false stops passes and watches until enabled again.
 
 #include <functional>
 #include <set>
@@ -183,7 +184,9 @@ TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
         p["content"]["auto_scan_task"]["task_condition"]["delay_s"] = 0;
         return p;
     };
+    const std::string later = dir.Join("later");  // a scan path that appears while the agent runs
     Json::Value first = policyFor(root1);
+    first["content"]["customize_scan_paths"].append(later);
     first.removeMember("feature_name");
     TestSupport::AgentProcess agent;
     ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", dir.Write("first.json", Text(first)),
@@ -199,6 +202,21 @@ TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
     ASSERT_TRUE(WaitFor([&] { return Reported(events).count(shell1) == 1; }, 30000, 100))
         << TestSupport::ReadFile(log);
     EXPECT_NE(std::string::npos, TestSupport::ReadFile(log).find("no \"feature_name\"; policy 10001 belongs"));
+    // The missing path is named once, not at every pass, and scanned once it appears.
+    const std::string missing = "Scan path " + later + " cannot be used";
+    auto occurrences = [&](const std::string& needle) {
+        const std::string text = TestSupport::ReadFile(log);
+        size_t n = 0;
+        for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    EXPECT_EQ(1u, occurrences(missing));
+    dir.MkDir("later");
+    const std::string shellLater = dir.Write("later/late.php", kShell);
+    ASSERT_TRUE(WaitFor([&] { return Reported(events).count(shellLater) == 1; }, 30000, 100));
+    EXPECT_EQ(1u, occurrences(missing));
 
     // Another name: still one state, the periodic pass follows the new root.
     Json::Value second = policyFor(root2);
