@@ -222,8 +222,10 @@ TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
     Json::Value second = policyFor(root2);
     second["feature_name"] = "detect_webshell_v2";
     second["hash"] = "second";
+    second["content"]["monitor_file_chnage"] = false;  // applied, with a warning in the reply
     std::string reply;
     ASSERT_EQ(0, ctlPolicy(second, reply)) << reply;
+    EXPECT_NE(std::string::npos, reply.find("unknown key content.monitor_file_chnage")) << reply;
     ASSERT_TRUE(WaitFor([&] { return Reported(events).count(shell2) == 1; }, 30000, 100))
         << TestSupport::ReadFile(log);
     EXPECT_EQ("detect_webshell", Status(install)["policies"]["10001"]["feature"].asString());
