@@ -8,7 +8,7 @@
 namespace Agent {
 
 struct AgentOptions {
-    std::string command;             // "run", "scan", "ctl"
+    std::string command;             // "run", "scan", "ctl", "check-policy"
     std::string installDir;          // --install-dir, ends with "/" once resolved
     std::string logLevel = "information";
     std::string policyFile;          // --policy
@@ -17,11 +17,12 @@ struct AgentOptions {
     int cpuLimit = 0;                // --cpu-limit, percent of one core, 0 = off
     std::string hostRoot = "/";      // --host-root
     bool logStderr = false;          // --log-stderr (run)
-    std::vector<std::string> args;   // scan: paths; ctl: the request and its argument
+    std::vector<std::string> args;   // scan: paths; ctl: the request and its argument; check-policy: the file
 };
 
 int RunCommandMain(const AgentOptions& options);   // agent/src/RunCommand.cpp
 int ScanCommandMain(const AgentOptions& options);  // agent/src/ScanCommand.cpp
 int CtlCommandMain(const AgentOptions& options);   // agent/src/CtlCommand.cpp
+int CheckPolicyCommandMain(const AgentOptions& options);  // agent/src/CheckPolicyCommand.cpp
 
 }  // namespace Agent

@@ -245,11 +245,18 @@ std::string ControlServer::Handle(const std::string& request)
         if (id.find('/') != std::string::npos || id.find("..") != std::string::npos) {
             return ErrorReply("bad policy id '" + id + "'");
         }
-        if (m_engine.InstallPolicyDocument(id, payload, error)) {
-            reply["ok"] = true;
+        // A document the agent refuses is not kept; the reply names every
+        // reason, and the warnings of one it applies.
+        Framework::PolicyCheck check;
+        const bool installed = m_engine.Policies().Install(id, payload, error, &check);
+        reply["ok"] = installed;
+        if (installed) {
             reply["policy"] = id;
         } else {
-            return ErrorReply(error);
+            reply["error"] = error;
+        }
+        for (const auto& warning : check.warnings) {
+            reply["warnings"].append(warning);
         }
     } else {
         SDK_LOG(Log(), Poco::Message::PRIO_WARNING, kSource,

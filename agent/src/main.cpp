@@ -2,6 +2,7 @@
 //   ardent-agent run  [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR] [--log-stderr]
 //   ardent-agent scan [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [PATH...]
 //   ardent-agent ctl  status|scan-now|reload|policy F
+//   ardent-agent check-policy F
 // Every subcommand takes --install-dir D and --log-level L.
 
 #include <unistd.h>
@@ -30,6 +31,9 @@ const char* const kUsage =
     "         [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [PATH...]\n"
     "  ctl    talk to the running agent: status | scan-now | reload | policy F\n"
     "         (status exits 0 ok, 1 degraded, 2 failing, 3 no agent answers)\n"
+    "  check-policy F\n"
+    "         check policy document F as the agent would before applying it;\n"
+    "         reasons on stderr (0: good, 2: the agent would refuse it)\n"
     "\n"
     "options of every command:\n"
     "  --install-dir D   installation directory (default: the parent of the\n"
@@ -66,7 +70,8 @@ int main(int argc, char** argv)
         std::cout << kUsage;
         return 0;
     }
-    if (options.command != "run" && options.command != "scan" && options.command != "ctl") {
+    if (options.command != "run" && options.command != "scan" && options.command != "ctl" &&
+        options.command != "check-policy") {
         return Fail("unknown command '" + options.command + "'");
     }
     for (int i = 2; i < argc; ++i) {
@@ -87,13 +92,13 @@ int main(int argc, char** argv)
         } else if (arg == "--log-level") {
             if (!value(options.logLevel) || !KnownLevel(options.logLevel))
                 return Fail("--log-level needs one of fatal ... trace");
-        } else if (arg == "--policy" && options.command != "ctl") {
+        } else if (arg == "--policy" && (options.command == "run" || options.command == "scan")) {
             if (!value(options.policyFile)) return Fail("--policy needs a file");
         } else if (arg == "--rules" && options.command == "scan") {
             if (!value(options.rulesFile)) return Fail("--rules needs a file");
-        } else if (arg == "--events" && options.command != "ctl") {
+        } else if (arg == "--events" && (options.command == "run" || options.command == "scan")) {
             if (!value(options.eventsSink)) return Fail("--events needs a file or -");
-        } else if (arg == "--cpu-limit" && options.command != "ctl") {
+        } else if (arg == "--cpu-limit" && (options.command == "run" || options.command == "scan")) {
             if (!value(cpu)) return Fail("--cpu-limit needs a percentage");
             char* end = nullptr;
             long percent = std::strtol(cpu.c_str(), &end, 10);
@@ -132,6 +137,9 @@ int main(int argc, char** argv)
     }
     if (options.command == "scan") {
         return Agent::ScanCommandMain(options);
+    }
+    if (options.command == "check-policy") {
+        return Agent::CheckPolicyCommandMain(options);
     }
     return Agent::CtlCommandMain(options);
 }

@@ -119,9 +119,14 @@ Json::Value Engine::Status()
     status["policies"] = Json::Value(Json::objectValue);
     for (const auto& entry : m_policies.Current()) {
         Json::Value& p = status["policies"][entry.id];
-        p["feature"] = entry.feature;
-        p["hash"] = entry.hash;
-        p["enabled"] = entry.enabled;
+        if (entry.inForce) {
+            p["feature"] = entry.feature;
+            p["hash"] = entry.hash;
+            p["enabled"] = entry.enabled;
+        }
+        if (!entry.rejected.empty()) {
+            p["rejected"] = entry.rejected;
+        }
     }
     status["tasklets_running"] = Json::Value(Json::arrayValue);
     for (auto& id : m_tasklets.Running()) {

@@ -20,6 +20,7 @@ int Module::UnInit()
     }
     m_tasklets.clear();
     m_policies.clear();
+    m_policyFeatures.clear();
     return 0;
 }
 
@@ -45,16 +46,32 @@ void Module::UnRegisterTaskletCallback(const std::string& id)
     m_tasklets.erase(id);
 }
 
-void Module::RegisterPolicyCallback(const std::string& id, AbstractPolicyCallback* callback)
+void Module::RegisterPolicyCallback(const std::string& id, AbstractPolicyCallback* callback,
+                                    const std::string& feature)
 {
     if (callback != nullptr) {
         m_policies[id].reset(callback);
+        m_policyFeatures[id] = feature;
     }
 }
 
 void Module::UnRegisterPolicyCallback(const std::string& id)
 {
     m_policies.erase(id);
+    m_policyFeatures.erase(id);
+}
+
+std::string Module::GetPolicyFeature(const std::string& id) const
+{
+    auto it = m_policyFeatures.find(id);
+    return it == m_policyFeatures.end() ? std::string() : it->second;
+}
+
+void Module::CheckPolicy(const std::string& policyId, const std::string& content, PolicyCheck& check)
+{
+    (void)policyId;
+    (void)content;
+    (void)check;
 }
 
 AbstractTaskletCallback* Module::GetTaskletCallback(const std::string& id) const

@@ -4,6 +4,15 @@
 
 namespace Framework {
 
+std::string PolicyCheck::ErrorText() const
+{
+    std::string text;
+    for (const auto& error : errors) {
+        text += (text.empty() ? "" : "; ") + error;
+    }
+    return text;
+}
+
 bool Policy::PolicyChanged(const std::string& hash, const std::string& version)
 {
     return m_hash != hash || m_version != version;
@@ -39,6 +48,11 @@ void FeaturePolicy::Dispatch(Policy* parent)
 bool TaskPolicy::ParseCondition(const std::string& text)
 {
     return m_condition.Parse(text);
+}
+
+bool TaskPolicy::ParseCondition(const std::string& text, std::string& why)
+{
+    return m_condition.Parse(text, why);
 }
 
 void TaskPolicy::Dispatch(Policy* parent)

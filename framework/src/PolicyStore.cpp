@@ -10,6 +10,7 @@
 #include <Poco/DirectoryIterator.h>
 #include <Poco/SHA1Engine.h>
 
+#include "framework/Health.h"
 #include "framework/ModuleLoader.h"
 #include "framework/TaskRegistry.h"
 #include "framework/Topics.h"
@@ -39,15 +40,47 @@ std::string Digest(const std::string& content)
 
 }  // namespace
 
-bool PolicyStore::Apply(const std::string& policyId, const std::string& content, std::string& error)
+void PolicyStore::Check(Module& module, const std::string& policyId, const std::string& content,
+                        PolicyCheck& check, std::string& feature)
 {
-    // The feature name comes from the document when it is an object; the
-    // module judges the rest, a document that is not JSON included.
-    std::string feature;
+    std::string named;
+    bool isObject = false;
     Json::Value root;
-    if (SDK::JsonUtils::ParseJsonStr(content, root) == 0) {
-        feature = SDK::JsonUtils::GetStringValue(root, "feature_name", "");
+    if (SDK::JsonUtils::ParseJsonStr(content, root) == 0 && root.isObject()) {
+        isObject = true;
+        named = SDK::JsonUtils::GetStringValue(root, "feature_name", "");
     }
+    const std::string registered = module.GetPolicyFeature(policyId);
+    feature = registered.empty() ? named : registered;
+    // The id decides where the policy goes; a document that names another
+    // feature (or none) would otherwise reach some tasks and not others.
+    if (isObject && !registered.empty() && named != registered) {
+        check.warnings.push_back(
+            (root.isMember("feature_name") ? "\"feature_name\" is \"" + named + "\", but policy "
+                                            : "no \"feature_name\"; policy ") +
+            policyId + " belongs to feature " + registered + ": applied to " + registered);
+    }
+    module.CheckPolicy(policyId, content, check);
+}
+
+bool PolicyStore::Reject(const std::string& policyId, const std::string& reason, std::string& error)
+{
+    bool inForce = false;
+    {
+        Poco::FastMutex::ScopedLock lock(m_mutex);
+        inForce = m_policies.count(policyId) != 0;
+        m_rejections[policyId] = reason;
+    }
+    error = "policy " + policyId + " rejected: " + reason +
+            (inForce ? "; the previous policy stays in force" : "; no policy " + policyId + " is in force");
+    SDK_LOG(Log(), Poco::Message::PRIO_ERROR, kSource, "%s", error);
+    Health::Raise("policy." + policyId, Health::Severity::Degraded, error);
+    return false;
+}
+
+bool PolicyStore::Apply(const std::string& policyId, const std::string& content, std::string& error,
+                        PolicyCheck* found)
+{
     Poco::Mutex::ScopedLock control(m_control);
     Module* module = m_modules.ForPolicy(policyId);
     if (module == nullptr) {
@@ -55,6 +88,18 @@ bool PolicyStore::Apply(const std::string& policyId, const std::string& content,
         SDK_LOG(Log(), Poco::Message::PRIO_WARNING, kSource, "Policy %s not applied: %s", policyId,
                 error);
         return false;
+    }
+    PolicyCheck check;
+    std::string feature;
+    Check(*module, policyId, content, check, feature);
+    for (const auto& warning : check.warnings) {
+        SDK_LOG(Log(), Poco::Message::PRIO_WARNING, kSource, "Policy %s: %s", policyId, warning);
+    }
+    if (found != nullptr) {
+        *found = check;
+    }
+    if (!check.Good()) {
+        return Reject(policyId, check.ErrorText(), error);
     }
     m_onDemand->HandlePending();
     Policy* current = nullptr;
@@ -65,17 +110,22 @@ bool PolicyStore::Apply(const std::string& policyId, const std::string& content,
     }
     Policy* fresh = module->RefreshPolicy(policyId, feature, content, current);
     if (fresh == nullptr) {
-        error = "module " + std::string(module->name()) + " rejected policy " + policyId +
-                " (feature '" + feature + "'); the previous policy stays in force";
-        SDK_LOG(Log(), Poco::Message::PRIO_ERROR, kSource, "%s", error);
-        return false;
+        return Reject(policyId,
+                      "module " + std::string(module->name()) + " refused it (feature '" + feature +
+                          "'; its log line says why)",
+                      error);
     }
     Poco::AutoPtr<Policy> policy(fresh);  // adopts the callback's reference
+    if (!feature.empty() && policy->GetName() != feature) {
+        policy->SetName(feature);  // the name dispatch matches tasks by
+    }
     policy->Dispatch(nullptr);
     {
         Poco::FastMutex::ScopedLock lock(m_mutex);
         m_policies[policyId] = policy;
+        m_rejections.erase(policyId);
     }
+    Health::Clear("policy." + policyId);
     SDK_LOG(Log(), Poco::Message::PRIO_INFORMATION, kSource, "Applied policy %s (feature %s)",
             policyId, feature);
     Topics::Post(kPolicyAppliedTopic, std::make_shared<PolicyAppliedMessage>(policyId, feature));
@@ -133,9 +183,10 @@ int PolicyStore::ApplyDirectory(bool force)
     return applied;
 }
 
-bool PolicyStore::Install(const std::string& policyId, const std::string& content, std::string& error)
+bool PolicyStore::Install(const std::string& policyId, const std::string& content, std::string& error,
+                          PolicyCheck* found)
 {
-    if (!Apply(policyId, content, error)) {
+    if (!Apply(policyId, content, error, found)) {
         return false;
     }
     const std::string path = m_directory() + policyId + ".json";
@@ -167,7 +218,15 @@ std::vector<PolicyStore::Entry> PolicyStore::Current()
     Poco::FastMutex::ScopedLock lock(m_mutex);
     std::vector<Entry> entries;
     for (auto& p : m_policies) {
-        entries.push_back({p.first, p.second->GetName(), p.second->GetHash(), p.second->IsEnabled()});
+        auto rejected = m_rejections.find(p.first);
+        entries.push_back({p.first, p.second->GetName(), p.second->GetHash(), p.second->IsEnabled(),
+                           rejected == m_rejections.end() ? std::string() : rejected->second, true});
+    }
+    // An id whose only documents were refused has no policy, but its refusal shows.
+    for (auto& r : m_rejections) {
+        if (m_policies.count(r.first) == 0) {
+            entries.push_back({r.first, "", "", false, r.second, false});
+        }
     }
     return entries;
 }
@@ -176,6 +235,8 @@ void PolicyStore::Clear()
 {
     Poco::FastMutex::ScopedLock lock(m_mutex);
     m_policies.clear();
+    m_rejections.clear();
+    Health::ClearPrefix("policy.");
 }
 
 }  // namespace Framework

@@ -48,25 +48,46 @@ bool ParseHourMinute(const std::string& text, int& minuteOfDay)
 
 bool TaskCondition::Parse(const std::string& text)
 {
+    std::string why;
+    return Parse(text, why);
+}
+
+bool TaskCondition::Parse(const std::string& text, std::string& why)
+{
     Json::Value root;
     if (SDK::JsonUtils::ParseJsonStr(text, root) != 0 || !root.isObject()) {
+        why = "must be an object";
         return false;
     }
     const Json::Value& type = root["type"];
-    if (!type.isString()) {
+    const std::string kind = type.isString() ? type.asString() : std::string();
+    if (kind != "interval" && kind != "daily") {
+        why = "\"type\" must be \"interval\" or \"daily\"" +
+              (type.isNull() ? std::string(" (absent)") : " (got " + SDK::JsonUtils::JsonToString(type) + ")");
         return false;
     }
-    if (type.asString() == "interval") {
+    // A misspelt "delay_s" would otherwise pass as no delay at all.
+    for (const auto& key : root.getMemberNames()) {
+        const bool known = key == "type" || (kind == "interval" && (key == "interval_s" || key == "delay_s")) ||
+                           (kind == "daily" && key == "at");
+        if (!known) {
+            why = "unknown key \"" + key + "\" for type \"" + kind + "\"";
+            return false;
+        }
+    }
+    if (kind == "interval") {
         const Json::Value& interval = root["interval_s"];
         const Json::Value& delay = root["delay_s"];
         if (!interval.isIntegral() || interval.asLargestInt() < 1 ||
             interval.asLargestInt() > kMaxIntervalS) {
+            why = "\"interval_s\" must be a whole number of seconds from 1 to " + std::to_string(kMaxIntervalS);
             return false;
         }
         int64_t delayS = 0;
         if (!delay.isNull()) {
             if (!delay.isIntegral() || delay.asLargestInt() < 0 ||
                 delay.asLargestInt() > interval.asLargestInt()) {
+                why = "\"delay_s\" must be a whole number of seconds from 0 to \"interval_s\"";
                 return false;
             }
             delayS = delay.asLargestInt();
@@ -76,16 +97,14 @@ bool TaskCondition::Parse(const std::string& text)
         m_delayS = delayS;
         return true;
     }
-    if (type.asString() == "daily") {
-        int minute = 0;
-        if (!root["at"].isString() || !ParseHourMinute(root["at"].asString(), minute)) {
-            return false;
-        }
-        m_schedule = SCHEDULE_DAILY;
-        m_dailyMinute = minute;
-        return true;
+    int minute = 0;
+    if (!root["at"].isString() || !ParseHourMinute(root["at"].asString(), minute)) {
+        why = "\"at\" must be a local time \"HH:MM\" from 00:00 to 23:59";
+        return false;
     }
-    return false;
+    m_schedule = SCHEDULE_DAILY;
+    m_dailyMinute = minute;
+    return true;
 }
 
 int64_t TaskCondition::FirstFireMs(int64_t startMs) const

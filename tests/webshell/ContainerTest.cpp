@@ -380,16 +380,18 @@ TEST_F(ContainerTest, SwitchOffLeavesCachedContainersUntilUnInit)
     Engine::ContainerCacheInfo cached;
     EXPECT_TRUE(task->GetContainerCache("5w17", cached));
 
-    // UnInit removes the watches and empties the cache.
+    // UnInit removes the watches (the container's, then the host's) and empties the cache.
     log.Clear();
     task->UnInit();
     uninitialised = true;
     EXPECT_TRUE(log.Has("WebshellTask clear docker cache", Poco::Message::PRIO_DEBUG));
     auto watches = TakeWatches();
-    ASSERT_EQ(watches.size(), 1u);
+    ASSERT_EQ(watches.size(), 2u);
     EXPECT_EQ(watches[0]->GetPath(), html);
     EXPECT_EQ(watches[0]->GetOpt().removeWatch, 1);
     EXPECT_EQ(watches[0]->GetOpt().extParm, cached.index);
+    EXPECT_EQ(watches[1]->GetOpt().removeWatch, 1);
+    EXPECT_EQ(watches[1]->GetOpt().extParm, 0u);
     EXPECT_FALSE(task->GetContainerCache("5w17", cached));
 
     // Clearing an empty cache logs and sends nothing.

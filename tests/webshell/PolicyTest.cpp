@@ -160,72 +160,15 @@ TEST(DetectWebshellPolicy, RequiredKeysAndRuleLibraryDescription)
     EXPECT_FALSE(Parses(doc)) << "no auto_scan_task";
 }
 
-TEST(DetectWebshellPolicy, UnparsableScheduleIsAcceptedWithoutChild)
+TEST(DetectWebshellPolicy, ZeroAndNegativeSizesAndQuotasAreStoredAsTheyAre)
 {
     Json::Value doc = ValidDoc();
-    doc["content"]["auto_scan_task"]["task_condition"]["type"] = "fortnightly";
-    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
-    ASSERT_TRUE(Parses(doc, &policy));
-    EXPECT_EQ(ScheduleOf(*policy), nullptr);
-    EXPECT_TRUE(policy->GetChildren().empty());
-
-    doc = ValidDoc();
-    doc["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 0;  // out of range
-    ASSERT_TRUE(Parses(doc, &policy));
-    EXPECT_TRUE(policy->GetChildren().empty());
-
-    doc = ValidDoc();
-    doc["content"]["auto_scan_task"] = Json::Value(Json::objectValue);  // no task_condition
-    ASSERT_TRUE(Parses(doc, &policy));
-    EXPECT_TRUE(policy->GetChildren().empty());
-
-    Engine::DetectWebshellTaskPolicy task("auto_scan_wehshell_task");
-    EXPECT_FALSE(task.Parse("{}"));
-    EXPECT_FALSE(task.Parse("not json"));
-    EXPECT_FALSE(task.Parse(R"({"task_condition": "daily"})"));
-    EXPECT_TRUE(task.Parse(R"({"task_condition": {"type": "daily", "at": "02:30"}})"));
-    EXPECT_EQ(task.GetCondition().GetSchedule(), Framework::TaskCondition::SCHEDULE_DAILY);
-}
-
-TEST(DetectWebshellPolicy, ValuesOfOtherTypesAreReadAsTheJsonHelpersYieldThem)
-{
-    Json::Value doc = ValidDoc();
-    Json::Value& content = doc["content"];
-    content["default_scan_paths"] = Json::Value(Json::arrayValue);
-    content["default_scan_paths"].append("");
-    content["default_scan_paths"].append(5);
-    content["default_scan_paths"].append(true);
-    content["default_scan_paths"].append(Json::Value(Json::objectValue));
-    content["default_scan_paths"].append(Json::Value(Json::nullValue));
-    content["monitor_file_change"] = "yes";  // only a JSON bool counts
-    content["monitor_container"] = 1;
-    content["max_file_size"] = "2048";  // only an integral number counts
-    content["upload_file_count_per_day"] = 1.5;
-    content["file_type"] = 42;
-    content["lib_version"] = 3;
-
-    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
-    ASSERT_TRUE(Parses(doc, &policy));
-    EXPECT_EQ(policy->GetDefaultScanPathList(), (std::list<std::string>{"", "5", "true", "", ""}));
-    EXPECT_FALSE(policy->IsMonitorFileChange());
-    EXPECT_FALSE(policy->IsMonitorContainer());
-    EXPECT_EQ(policy->GetMaxFileSize(), 10485760);
-    EXPECT_EQ(policy->GetUploadFileCountPerDay(), 100);
-    EXPECT_EQ(policy->GetFileType(), "42");
-    EXPECT_EQ(policy->GetLibVersion(), "3");
-
-    // Zero and negative sizes and quotas are stored as they are.
-    doc = ValidDoc();
     doc["content"]["max_file_size"] = -5;
     doc["content"]["upload_file_count_per_day"] = 0;
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
     ASSERT_TRUE(Parses(doc, &policy));
     EXPECT_EQ(policy->GetMaxFileSize(), -5);
     EXPECT_EQ(policy->GetUploadFileCountPerDay(), 0);
-
-    // A number beyond 32 bits is not an int: the default stays.
-    doc["content"]["max_file_size"] = Json::Int64(1) << 40;
-    ASSERT_TRUE(Parses(doc, &policy));
-    EXPECT_EQ(policy->GetMaxFileSize(), 10485760);
 }
 
 TEST(DetectWebshellPolicy, CertainMinScoreIsAnIntegerOrAbsent)

@@ -40,8 +40,18 @@ public:
     // replaces (and frees) the older callback.
     void RegisterTaskletCallback(const std::string& id, AbstractTaskletCallback* callback);
     void UnRegisterTaskletCallback(const std::string& id);
-    void RegisterPolicyCallback(const std::string& id, AbstractPolicyCallback* callback);
+    // `feature` is the feature the id's policy belongs to: the engine hands
+    // the policy to that feature's tasks whatever the document calls itself.
+    void RegisterPolicyCallback(const std::string& id, AbstractPolicyCallback* callback,
+                                const std::string& feature = std::string());
     void UnRegisterPolicyCallback(const std::string& id);
+    // The feature registered with `id` ("" when none was given).
+    std::string GetPolicyFeature(const std::string& id) const;
+    // Checks a document for policy `policyId` without applying it: what the
+    // policy callback would refuse (errors) or apply with a warning. The
+    // engine checks every document this way before the callback sees it, and
+    // `ardent-agent check-policy` runs the same check. Default: nothing to say.
+    virtual void CheckPolicy(const std::string& policyId, const std::string& content, PolicyCheck& check);
     AbstractTaskletCallback* GetTaskletCallback(const std::string& id) const;
     AbstractPolicyCallback* GetPolicyCallback(const std::string& id) const;
     std::vector<std::string> GetTaskletIds() const;
@@ -58,6 +68,7 @@ private:
     std::string m_name;
     std::map<std::string, std::unique_ptr<AbstractTaskletCallback>> m_tasklets;
     std::map<std::string, std::unique_ptr<AbstractPolicyCallback>> m_policies;
+    std::map<std::string, std::string> m_policyFeatures;  // policy id -> feature
 };
 
 }  // namespace Framework

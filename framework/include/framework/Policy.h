@@ -5,6 +5,7 @@
 
 #include <list>
 #include <string>
+#include <vector>
 
 #include <Poco/AutoPtr.h>
 #include <Poco/RefCountedObject.h>
@@ -12,6 +13,18 @@
 #include "framework/TaskCondition.h"
 
 namespace Framework {
+
+// What checking a policy document found. Each error refuses the document and
+// names the key ("content.max_file_size must be an integer"); a warning does
+// not refuse it ("unknown key content.monitor_file_chnage").
+struct PolicyCheck {
+    std::vector<std::string> errors;
+    std::vector<std::string> warnings;
+
+    bool Good() const { return errors.empty(); }
+    // The errors joined with "; ".
+    std::string ErrorText() const;
+};
 
 class Policy : public Poco::RefCountedObject {
 public:
@@ -78,8 +91,10 @@ class TaskPolicy : public Policy {
 public:
     explicit TaskPolicy(const std::string& name) : Policy(POLICY_TASK, name) {}
 
-    // Parses the "task_condition" text into this policy's condition.
+    // Parses the "task_condition" text into this policy's condition; `why`
+    // says what is wrong with a text that does not parse.
     bool ParseCondition(const std::string& text);
+    bool ParseCondition(const std::string& text, std::string& why);
     // By default the whole content is the condition.
     bool Parse(const std::string& content) override { return ParseCondition(content); }
     const TaskCondition& GetCondition() const { return m_condition; }

@@ -28,8 +28,10 @@ public:
     explicit TaskCondition(TaskType type) : m_type(type) {}
 
     // Parses the JSON text of a schedule; false (and nothing changed) for any
-    // other shape or a value out of range.
+    // other shape, a value out of range or a key of neither form. `why`
+    // names the key and what it must be.
     bool Parse(const std::string& text);
+    bool Parse(const std::string& text, std::string& why);
 
     TaskType GetType() const { return m_type; }
     void SetType(TaskType type) { m_type = type; }

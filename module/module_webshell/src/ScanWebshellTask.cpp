@@ -398,6 +398,12 @@ int ScanWebshellTask::Init()
 int ScanWebshellTask::UnInit()
 {
     ContainerWebshellScanUnInit();
+    // Watches end with the task: once monitoring is switched off or the
+    // feature disabled, nothing is held on its behalf.
+    for (const auto& dir : m_monitorDirSet) {
+        SendFileNotifyWatchMessage(dir, kWatchDelete, 0);
+    }
+    m_monitorDirSet.clear();
     for (unsigned int kind : kAssetKinds) {
         SendDirectMsg(kMsgSyncTask, new AssetUnRegisterMessage(kind, this));
     }

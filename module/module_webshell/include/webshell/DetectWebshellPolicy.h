@@ -4,7 +4,7 @@
 // Document (keys exact; "content" is a nested object):
 //   feature_name, hash, enabled                     root
 //   customize_scan_paths, default_scan_paths        content, required arrays
-//   lib_version, lib_url, lib_hash                  content, all three required non-empty
+//   lib_version, lib_url, lib_hash                  content, all three required non-empty strings
 //   monitor_file_change, monitor_container          content, bool, default false
 //   file_type                                       content, "php,jsp,..." (no dots)
 //   max_file_size                                   content, bytes, default 10485760 (<= 0: no limit)
@@ -12,7 +12,8 @@
 //   certain_min_score                               content, integer, optional: a rule without a
 //                                                   deciding tag whose "score" meta is at least
 //                                                   this counts as certain (absent: off)
-//   auto_scan_task.task_condition                   content, the periodic task's schedule
+//   auto_scan_task.task_condition                   content, required: the periodic task's schedule
+// A key of another type is refused, naming it; an unknown key is reported.
 
 #include <cstdint>
 #include <list>
@@ -37,12 +38,16 @@ public:
     explicit DetectWebshellPolicy(const std::string& name);
     ~DetectWebshellPolicy() override;
 
-    // The first failure returns false and leaves what was assigned so far.
-    // A NUL or other control character in a scan path, "lib_url" or
-    // "file_type" refuses the document.
+    // Every key is checked first: a required key that is absent, a value of
+    // the wrong type, an empty rule-library key, a schedule that does not
+    // parse, or a NUL or other control character in a scan path, "lib_url"
+    // or "file_type" refuses the document, each reason naming its key. An
+    // unknown key is a warning only.
     bool Parse(const std::string& content) override;
-    // Why the last Parse returned false, naming the key ("" after success).
+    // Why the last Parse returned false, naming the keys ("" after success).
     const std::string& GetRefusal() const { return m_refusal; }
+    // Every error and warning the last Parse found.
+    const Framework::PolicyCheck& GetCheck() const { return m_check; }
 
     const std::list<std::string>& GetCustomizeScanPathList() const { return m_customizeScanPathList; }
     const std::list<std::string>& GetDefaultScanPathList() const { return m_defaultScanPathList; }
@@ -80,6 +85,7 @@ private:
     bool m_monitorContainer = false;
     std::optional<int64_t> m_certainMinScore;
     std::string m_refusal;
+    Framework::PolicyCheck m_check;
 };
 
 }  // namespace Engine

@@ -1,0 +1,278 @@
+// Policies end to end through the real binary: `check-policy` judges good,
+// typo'd and broken documents as the agent does; a document reaches the
+// periodic pass whatever its "feature_name" says; a schedule that does not
+// parse is refused, shown in status and health, and the previous policy
+// stays; a scan path that appears later is named once and then scanned;
+// "enabled": false stops passes and watches until enabled again.
+
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "testsupport/TestSupport.h"
+
+namespace {
+
+using TestSupport::TempDir;
+using TestSupport::WaitFor;
+
+const char* const kRules = R"(
+rule e2e_policy_certain : certain_webshell
+{
+    strings:
+        $a = "POLICY_E2E_SHELL_MARKER"
+    condition:
+        $a
+}
+)";
+
+const std::string kShell = "<?php @eval($_POST['c']); /* POLICY_E2E_SHELL_MARKER */ ?>\n";
+
+std::string Text(const Json::Value& value)
+{
+    return Json::FastWriter().write(value);
+}
+
+// Runs the agent binary to its end; the exit code.
+int RunAgent(const std::vector<std::string>& args, std::string& out, std::string& err)
+{
+    TestSupport::AgentProcess process;
+    if (!process.Start(args)) {
+        return -1;
+    }
+    const int code = process.Wait(30000);
+    out = process.Stdout();
+    err = process.Stderr();
+    return code;
+}
+
+// `ctl status` whatever its verdict (a degraded agent answers too).
+Json::Value Status(const std::string& install)
+{
+    std::string out;
+    std::string err;
+    RunAgent({"ctl", "status", "--install-dir", install}, out, err);
+    return TestSupport::ParseJson(out);
+}
+
+std::set<std::string> Reported(const std::string& events)
+{
+    std::set<std::string> out;
+    for (const auto& event : TestSupport::ReadEvents(events)) {
+        for (const auto& file : event["file_info"]) {
+            out.insert(file["file_path"].asString());
+        }
+    }
+    return out;
+}
+
+bool HasTask(const Json::Value& status, const std::string& name)
+{
+    for (const auto& task : status["tasks"]) {
+        if (task["name"].asString() == name) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Json::Value HealthReason(const Json::Value& status, const std::string& key)
+{
+    for (const auto& reason : status["health"]["reasons"]) {
+        if (reason["key"].asString() == key) {
+            return reason;
+        }
+    }
+    return Json::Value();
+}
+
+}  // namespace
+
+TEST(PolicyE2E, CheckPolicyJudgesDocumentsAsTheAgentWould)
+{
+    TempDir dir("e2e-policy-check");
+    const std::string install = TestSupport::MakeInstallTree(dir, {"libwebshell_module.so"});
+    const std::string rules = dir.Write("rules/webshell.yar", kRules);
+    const Json::Value good = TestSupport::WebshellPolicy({dir.Path()}, rules);
+
+    using Edit = std::function<void(Json::Value&)>;
+    const struct Case {
+        const char* name;
+        Edit edit;
+        int exit;
+        std::vector<std::string> said;  // lines on stderr, after "<file>: "
+    } cases[] = {
+        {"good", [](Json::Value&) {}, 0, {}},
+        {"typo", [](Json::Value& p) { p["content"]["monitor_file_chnage"] = true; }, 0,
+         {"warning: unknown key content.monitor_file_chnage ignored (did you mean monitor_file_change?)"}},
+        {"feature", [](Json::Value& p) { p["feature_name"] = "detect_webshel"; }, 0,
+         {"warning: \"feature_name\" is \"detect_webshel\", but policy 10001 belongs to feature detect_webshell: "
+          "applied to detect_webshell"}},
+        {"types",
+         [](Json::Value& p) {
+             p["enabled"] = "no";
+             p["content"]["max_file_size"] = "2048";
+             p["content"]["customize_scan_paths"][0] = 5;
+         },
+         2,
+         {"error: enabled must be true or false", "error: content.max_file_size must be an integer",
+          "error: content.customize_scan_paths[0] must be a string"}},
+        {"required", [](Json::Value& p) { p["content"].removeMember("default_scan_paths"); }, 2,
+         {"error: content.default_scan_paths is required (an array of strings)"}},
+        {"empty library", [](Json::Value& p) { p["content"]["lib_hash"] = ""; }, 2,
+         {"error: content.lib_hash must not be empty"}},
+        {"schedule", [](Json::Value& p) { p["content"]["auto_scan_task"]["task_condition"]["type"] = "weekly"; }, 2,
+         {"error: content.auto_scan_task.task_condition: \"type\" must be \"interval\" or \"daily\" (got "
+          "\"weekly\")"}},
+        {"schedule key",
+         [](Json::Value& p) {
+             Json::Value& condition = p["content"]["auto_scan_task"]["task_condition"];
+             condition.removeMember("delay_s");
+             condition["delay"] = 60;
+         },
+         2, {"error: content.auto_scan_task.task_condition: unknown key \"delay\" for type \"interval\""}},
+    };
+    for (const auto& c : cases) {
+        Json::Value doc = good;
+        c.edit(doc);
+        const std::string file = dir.Write(std::string("policy-") + c.name + ".json", Text(doc));
+        std::string out;
+        std::string err;
+        EXPECT_EQ(c.exit, RunAgent({"check-policy", file, "--install-dir", install}, out, err)) << c.name << err;
+        for (const auto& line : c.said) {
+            EXPECT_NE(std::string::npos, err.find(file + ": " + line + "\n")) << c.name << "\n" << err;
+        }
+        if (c.exit == 0) {
+            EXPECT_NE(std::string::npos, out.find(file + ": good for policy 10001 (feature detect_webshell)"))
+                << c.name << out;
+        }
+        if (c.said.empty()) {
+            EXPECT_EQ("", err) << c.name;
+        }
+    }
+    std::string out;
+    std::string err;
+    const std::string junk = dir.Write("junk.json", "{\"content\": ");
+    EXPECT_EQ(2, RunAgent({"check-policy", junk, "--install-dir", install}, out, err));
+    EXPECT_NE(std::string::npos, err.find(junk + ": error: the document is not a JSON object")) << err;
+    EXPECT_EQ(2, RunAgent({"check-policy", dir.Join("absent.json"), "--install-dir", install}, out, err));
+    EXPECT_NE(std::string::npos, err.find("cannot read")) << err;
+}
+
+TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
+{
+    TempDir dir("e2e-policy-run");
+    const std::string install = TestSupport::MakeInstallTree(dir);
+    const std::string rules = dir.Write("rules/webshell.yar", kRules);
+    dir.Write("install/data/webshell/webshell.dat", kRules);
+    const std::string root1 = dir.MkDir("www1");
+    const std::string root2 = dir.MkDir("www2");
+    const std::string shell1 = dir.Write("www1/one.php", kShell);
+    const std::string shell2 = dir.Write("www2/two.php", kShell);
+    const std::string hostRoot = dir.MkDir("host");
+    const std::string events = dir.Join("events.jsonl");
+    const std::string log = install + "log/agent.log";
+
+    // Only the periodic task scans here (no watch, no scan-now): a pass each second.
+    auto policyFor = [&](const std::string& root) {
+        Json::Value p = TestSupport::WebshellPolicy({root}, rules);
+        p["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 1;
+        p["content"]["auto_scan_task"]["task_condition"]["delay_s"] = 0;
+        return p;
+    };
+    const std::string later = dir.Join("later");  // a scan path that appears while the agent runs
+    Json::Value first = policyFor(root1);
+    first["content"]["customize_scan_paths"].append(later);
+    first.removeMember("feature_name");
+    TestSupport::AgentProcess agent;
+    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", dir.Write("first.json", Text(first)),
+                             "--events", events, "--host-root", hostRoot}));
+    auto ctlPolicy = [&](const Json::Value& p, std::string& reply) {
+        std::string err;
+        static int n = 0;
+        const std::string file = dir.Write("policy-" + std::to_string(++n) + ".json", Text(p));
+        return RunAgent({"ctl", "policy", file, "--install-dir", install}, reply, err);
+    };
+
+    // A document without "feature_name" reaches the periodic pass, with a warning.
+    ASSERT_TRUE(WaitFor([&] { return Reported(events).count(shell1) == 1; }, 30000, 100))
+        << TestSupport::ReadFile(log);
+    EXPECT_NE(std::string::npos, TestSupport::ReadFile(log).find("no \"feature_name\"; policy 10001 belongs"));
+    // The missing path is named once, not at every pass, and scanned once it appears.
+    const std::string missing = "Scan path " + later + " cannot be used";
+    auto occurrences = [&](const std::string& needle) {
+        const std::string text = TestSupport::ReadFile(log);
+        size_t n = 0;
+        for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+            ++n;
+        }
+        return n;
+    };
+    EXPECT_EQ(1u, occurrences(missing));
+    dir.MkDir("later");
+    const std::string shellLater = dir.Write("later/late.php", kShell);
+    ASSERT_TRUE(WaitFor([&] { return Reported(events).count(shellLater) == 1; }, 30000, 100));
+    EXPECT_EQ(1u, occurrences(missing));
+
+    // Another name: still one state, the periodic pass follows the new root.
+    Json::Value second = policyFor(root2);
+    second["feature_name"] = "detect_webshell_v2";
+    second["hash"] = "second";
+    second["content"]["monitor_file_chnage"] = false;  // applied, with a warning in the reply
+    std::string reply;
+    ASSERT_EQ(0, ctlPolicy(second, reply)) << reply;
+    EXPECT_NE(std::string::npos, reply.find("unknown key content.monitor_file_chnage")) << reply;
+    ASSERT_TRUE(WaitFor([&] { return Reported(events).count(shell2) == 1; }, 30000, 100))
+        << TestSupport::ReadFile(log);
+    EXPECT_EQ("detect_webshell", Status(install)["policies"]["10001"]["feature"].asString());
+
+    // A schedule that does not parse: refused naming the key, the previous
+    // policy stays, status and health say so until a good one comes.
+    Json::Value broken = second;
+    broken["hash"] = "broken";
+    broken["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 0;
+    EXPECT_EQ(1, ctlPolicy(broken, reply));
+    EXPECT_NE(std::string::npos, reply.find("content.auto_scan_task.task_condition: \\\"interval_s\\\" must be"))
+        << reply;
+    Json::Value status = Status(install);
+    EXPECT_EQ("second", status["policies"]["10001"]["hash"].asString());
+    EXPECT_NE(std::string::npos, status["policies"]["10001"]["rejected"].asString().find("interval_s"));
+    EXPECT_EQ("degraded", HealthReason(status, "policy.10001")["severity"].asString()) << Text(status["health"]);
+    EXPECT_NE("ok", status["health"]["verdict"].asString());
+    Json::Value watched = second;
+    watched["hash"] = "watched";
+    watched["content"]["monitor_file_change"] = true;
+    ASSERT_EQ(0, ctlPolicy(watched, reply)) << reply;
+    status = Status(install);
+    EXPECT_FALSE(status["policies"]["10001"].isMember("rejected"));
+    EXPECT_TRUE(HealthReason(status, "policy.10001").isNull());
+    auto watching = [&] { return TestSupport::WatchedRoots(Status(install)).count(root2) == 1; };
+    ASSERT_TRUE(WaitFor(watching, 30000, 100));
+
+    // Disabled: no periodic pass, no watch, scan-now refused.
+    Json::Value disabled = watched;
+    disabled["enabled"] = false;
+    ASSERT_EQ(0, ctlPolicy(disabled, reply)) << reply;
+    EXPECT_TRUE(WaitFor([&] { return TestSupport::WatchedRoots(Status(install)).empty(); }, 30000, 100));
+    status = Status(install);
+    EXPECT_FALSE(HasTask(status, "auto_scan_wehshell_task")) << Text(status["tasks"]);
+    EXPECT_FALSE(HasTask(status, "detect_file_change_wehshell_task"));
+    EXPECT_EQ("degraded", HealthReason(status, "webshell.disabled")["severity"].asString());
+    std::string err;
+    RunAgent({"ctl", "scan-now", "--install-dir", install}, reply, err);
+    EXPECT_TRUE(WaitFor([&] { return TestSupport::ReadFile(log).find("Immediate scan refused") != std::string::npos; }));
+
+    // Enabled again: the watch and the periodic task come back.
+    ASSERT_EQ(0, ctlPolicy(watched, reply)) << reply;
+    ASSERT_TRUE(WaitFor(watching, 30000, 100));
+    status = Status(install);
+    EXPECT_TRUE(HasTask(status, "auto_scan_wehshell_task"));
+    EXPECT_TRUE(HealthReason(status, "webshell.disabled").isNull());
+    const std::string shell3 = dir.Write("www2/three.php", kShell);
+    EXPECT_TRUE(WaitFor([&] { return Reported(events).count(shell3) == 1; }, 30000, 100))
+        << TestSupport::ReadFile(log);
+}
