@@ -50,6 +50,8 @@ bool WaitFor(const std::function<bool()>& pred, int timeoutMs = 5000, int period
 std::string ReadFile(const std::string& path);
 std::vector<std::string> ReadLines(const std::string& path);
 bool FileExists(const std::string& path);
+// The permission bits of `path` itself (a link is not followed); 0 if absent.
+mode_t ModeOf(const std::string& path);
 // sha256sum's answer, computed independently of the SDK.
 std::string Sha256Sum(const std::string& path);
 // Runs a shell command; returns its exit status and fills `out` with stdout.
@@ -113,8 +115,9 @@ private:
     std::vector<std::shared_ptr<Framework::Message>> m_messages;
 };
 
-// Records what one logger says while it lives (at `level` and above). Make
-// it after any Engine: a new engine hands every logger the root's channel.
+// Records what one logger says while it lives (at `level` and above); an
+// optional hook runs on the logging thread. Make it after any Engine: a new
+// engine hands every logger the root's channel.
 class LogCapture {
 public:
     struct Record {
@@ -129,9 +132,17 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<Record> Records();
-    // Records at least as severe as `atMost` whose text contains `needle`.
+    // Texts at least as severe as `atMost` that contain `needle`.
+    std::vector<std::string> Texts(const std::string& needle = "",
+                                   Poco::Message::Priority atMost = Poco::Message::PRIO_NOTICE);
     size_t Count(const std::string& needle,
-                 Poco::Message::Priority atMost = Poco::Message::PRIO_WARNING);
+                 Poco::Message::Priority atMost = Poco::Message::PRIO_NOTICE)
+    {
+        return Texts(needle, atMost).size();
+    }
+    void Clear();
+    void SetHook(std::function<void(const Record&)> hook);
+    std::string Dump();
 
     class Channel;
 
