@@ -34,13 +34,8 @@ void ExpectRequest(const Engine::FileNotifyWatchMessage& msg, Framework::Task* s
     const Engine::_FileNotifyOpt& opt = msg.GetOpt();
     EXPECT_EQ(opt.addWatch, add ? 1 : 0);
     EXPECT_EQ(opt.removeWatch, add ? 0 : 1);
-    EXPECT_EQ(opt.reserved2 + opt.reserved3 + opt.reserved4 + opt.reserved5 + opt.reserved8 + opt.reserved13, 0);
     EXPECT_EQ(opt.recursive, 1);
     EXPECT_EQ(opt.coalesce, 1);
-    EXPECT_TRUE(opt.reserved9.empty());
-    EXPECT_TRUE(opt.excludeList.empty());
-    EXPECT_TRUE(opt.includeList.empty());
-    EXPECT_EQ(opt.reserved14, 0);
     EXPECT_EQ(opt.extParm, extParm);
 }
 

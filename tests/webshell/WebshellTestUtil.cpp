@@ -238,13 +238,4 @@ Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const std::string& json)
     return policy;
 }
 
-Json::Value ParseJson(const std::string& text)
-{
-    Json::Value value;
-    if (SDK::JsonUtils::ParseJsonStr(text, value) != 0) {
-        throw std::runtime_error("not JSON: " + text);
-    }
-    return value;
-}
-
 }  // namespace WebshellTest

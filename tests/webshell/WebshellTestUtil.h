@@ -106,7 +106,7 @@ struct PolicyDoc {
 Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc);
 Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const std::string& json);
 
-Json::Value ParseJson(const std::string& text);
+using TestSupport::ParseJson;
 
 // Rules used across the tests. Marks are plain strings a test writes into
 // files; rule order matters (the first matching rule wins).

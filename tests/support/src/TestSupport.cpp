@@ -28,6 +28,18 @@ extern char** environ;
 
 namespace TestSupport {
 
+const char* const kShellRules = R"(
+rule e2e_certain : certain extra_php
+{
+    strings:
+        $a = "E2E_SHELL_MARKER"
+    condition:
+        $a
+}
+)";
+
+const char* const kShell = "<?php exit; /* E2E_SHELL_MARKER */ ?>\n";
+
 namespace {
 
 std::string Env(const char* name, const std::string& def)

@@ -71,6 +71,11 @@ std::set<std::string> WatchedRoots(const Json::Value& status,
 // never fires during a test. Tests change what they need.
 Json::Value WebshellPolicy(const std::vector<std::string>& paths, const std::string& rules);
 
+// A rule library for end-to-end runs and a harmless file it calls a certain
+// web shell (its marker is E2E_SHELL_MARKER).
+extern const char* const kShellRules;
+extern const char* const kShell;
+
 // Build locations (from the environment ctest sets).
 std::string StageDir();   // build/stage
 std::string SourceDir();  // repository root
