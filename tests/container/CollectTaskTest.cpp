@@ -10,7 +10,6 @@
 
 #include "ContainerCollectTask.h"
 #include "FakeHost.h"
-#include "LogCapture.h"
 #include "container/ContainerMessage.h"
 #include "framework/StatusBoard.h"
 #include "message/AbstructMessage.h"
@@ -78,7 +77,7 @@ protected:
     TestSupport::TestEngine m_engine;
     // After the engine, which sets every logger's channel when it is made;
     // the tasks that log into it are gone before it (TearDown).
-    LogCapture m_log;
+    TestSupport::LogCapture m_log{"container_module"};
     Poco::AutoPtr<ContainerCollectTask> m_collector;
 };
 
@@ -142,7 +141,7 @@ TEST_F(CollectTaskTest, LateSubscribersGetTheRunningSetAndUnsubscribingStopsEven
     // c was never subscribed: its unsubscription is accepted and changes nothing.
     Subscribe(c.get(), false);
     ASSERT_TRUE(WaitFor([&] {
-        return m_log.Count({"subscriber_c", "without a subscription: accepted"}) == 1;
+        return m_log.Count("task subscriber_c unsubscribed from container events without a subscription", Poco::Message::PRIO_INFORMATION) == 1;
     }));
     EXPECT_EQ(m_collector->SubscriberCount(), 2u);
 
@@ -221,7 +220,7 @@ TEST_F(CollectTaskTest, EventsWaitForRoomAndVanishedSubscribersAreDropped)
     (void)dangling;
     m_host.StopProcess(500);
     ASSERT_TRUE(WaitFor([&] { return m_collector->SubscriberCount() == 0; }));
-    EXPECT_EQ(m_log.Count({"no longer exists and never unsubscribed"}), 1u);
+    EXPECT_EQ(m_log.Count("no longer exists and never unsubscribed", Poco::Message::PRIO_INFORMATION), 1u);
 }
 
 }  // namespace

@@ -14,20 +14,10 @@
 
 namespace {
 
+using TestSupport::kShell;
+using TestSupport::kShellRules;
 using TestSupport::TempDir;
 using TestSupport::WaitFor;
-
-const char* const kRules = R"(
-rule asset_e2e_certain : certain extra_php
-{
-    strings:
-        $a = "ASSET_E2E_CERTAIN_MARKER"
-    condition:
-        $a
-}
-)";
-
-const std::string kShell = "<?php exit; /* ASSET_E2E_CERTAIN_MARKER */ ?>\n";
 
 // The events of the sink whose first file is `path`.
 std::vector<Json::Value> EventsFor(const std::string& sink, const std::string& path)
@@ -59,11 +49,11 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     const std::string install = TestSupport::MakeInstallTree(dir);
     // Rounds every second instead of every minute.
     dir.Write("install/etc/agent.properties", "asset.interval_s = 1\n");
-    const std::string rules = TestSupport::WriteRules(dir, "rules/test.yar", kRules);
+    const std::string rules = TestSupport::WriteRules(dir, "rules/test.yar", kShellRules);
     // The rule library is in place before the start, as on a host that has
     // run before: a watch is registered when assets arrive only once the
     // library is there, and an unchanged asset set is not sent again.
-    dir.Write("install/data/webshell/webshell.dat", kRules);
+    dir.Write("install/data/webshell/webshell.dat", kShellRules);
     const std::string policyOnly = dir.MkDir("policy-only");
     const std::string root = dir.MkDir("www/site");
     dir.MkDir("nginx/tmp");

@@ -36,20 +36,11 @@ namespace {
 
 using ContainerTest::FakeHost;
 using ContainerTest::HexId;
+using TestSupport::kShell;
+using TestSupport::kShellRules;
 using TestSupport::TempDir;
 using TestSupport::WaitFor;
 
-const char* const kRules = R"(
-rule container_e2e_certain : certain_webshell
-{
-    strings:
-        $a = "CONTAINER_E2E_SHELL_MARKER"
-    condition:
-        $a
-}
-)";
-
-const std::string kShell = "<?php @eval($_POST['c']); /* CONTAINER_E2E_SHELL_MARKER */ ?>\n";
 const std::vector<std::string> kModules{"container", "webshell", "filenotify", "report", "asset"};
 
 // Events about a container file: "file_info" is then the file object.
@@ -154,11 +145,11 @@ protected:
     void StartAgent(const std::string& hostRoot, const std::vector<std::string>& paths)
     {
         m_install = TestSupport::MakeInstallTree(m_dir, kModules);
-        const std::string rules = m_dir.Write("rules/webshell.yar", kRules);
+        const std::string rules = m_dir.Write("rules/webshell.yar", kShellRules);
         // The library is in place before the start, as on a host that has
         // run before: the file-change task loads it at its first watch
         // registration, which needs one existing web root of the host.
-        std::ofstream(m_install + "data/webshell/webshell.dat") << kRules;
+        std::ofstream(m_install + "data/webshell/webshell.dat") << kShellRules;
         const std::string hostWww = m_dir.MkDir("host-www");
         const std::string policy = m_dir.Write("policy.json", PolicyText(paths, hostWww, rules));
         m_events = m_dir.Join("events.jsonl");
@@ -293,7 +284,7 @@ protected:
     {
         std::string out;
         // Quoted twice (our shell, the container's): only the rule's marker.
-        ASSERT_EQ(0, Shell(exec + " /bin/busybox sh -c \"echo '<?php /* CONTAINER_E2E_SHELL_MARKER */ ?>' > "
+        ASSERT_EQ(0, Shell(exec + " /bin/busybox sh -c \"echo '<?php /* E2E_SHELL_MARKER */ ?>' > "
                                 "/var/www/html/" + file + "\"",
                          &out))
             << out;

@@ -82,11 +82,7 @@ std::vector<Json::Value> ParseLines(const std::string& text)
     return values;
 }
 
-mode_t ModeOf(const std::string& path)
-{
-    struct stat st;
-    return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
+using TestSupport::ModeOf;
 
 class ScanE2E : public ::testing::Test {
 protected:

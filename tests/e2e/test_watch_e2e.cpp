@@ -17,20 +17,11 @@
 
 namespace {
 
+using TestSupport::kShell;
+using TestSupport::kShellRules;
 using TestSupport::TempDir;
 using TestSupport::WaitFor;
 
-const char* const kRules = R"(
-rule e2e_watch_certain : certain_webshell
-{
-    strings:
-        $a = "WATCH_E2E_SHELL_MARKER"
-    condition:
-        $a
-}
-)";
-
-const std::string kShell = "<?php @eval($_POST['c']); /* WATCH_E2E_SHELL_MARKER */ ?>\n";
 const std::string kClean = "<?php echo 'hello'; ?>\n";
 
 // Reported paths of the event sink, with how often each was reported.
@@ -70,7 +61,7 @@ TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
 {
     TempDir dir("e2e-watch");
     const std::string install = TestSupport::MakeInstallTree(dir);
-    const std::string rules = dir.Write("rules/webshell.yar", kRules);
+    const std::string rules = dir.Write("rules/webshell.yar", kShellRules);
     const std::string root1 = dir.MkDir("www1");
     const std::string root2 = dir.MkDir("www2");
     const std::string hostRoot = dir.MkDir("host");  // no web servers to discover
@@ -79,7 +70,7 @@ TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
 
     // The rule library is in place before the start, so the first watch
     // registration does not wait for its download.
-    dir.Write("install/data/webshell/webshell.dat", kRules);
+    dir.Write("install/data/webshell/webshell.dat", kShellRules);
 
     TestSupport::AgentProcess agent;
     ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policy, "--events", events,

@@ -2,7 +2,7 @@
 // Shared by the file-notify tests: an engine with the real "filenotify_task"
 // (real inotify) and a capturing consumer, helpers to send watch requests
 // and read the notifications, a watcher wrapper that can pause reading or
-// lose events, and a log channel that keeps the module's records.
+// lose events.
 
 #include <fcntl.h>
 #include <sys/inotify.h>
@@ -80,37 +80,6 @@ inline bool WaitPath(TestSupport::CaptureTask& consumer, const std::string& path
     return TestSupport::WaitFor([&] { return CountPath(consumer, path) > 0; }, timeoutMs);
 }
 
-// Keeps the records of one logger ("filenotify_module").
-class CaptureChannel : public Poco::Channel {
-public:
-    void log(const Poco::Message& msg) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_records.push_back({msg.getPriority(), msg.getText()});
-    }
-    std::vector<std::string> Texts(Poco::Message::Priority atMost)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        std::vector<std::string> out;
-        for (auto& r : m_records) {
-            if (r.first <= atMost) {
-                out.push_back(r.second);
-            }
-        }
-        return out;
-    }
-    size_t CountContaining(const std::string& needle, Poco::Message::Priority atMost)
-    {
-        const auto texts = Texts(atMost);
-        return std::count_if(texts.begin(), texts.end(),
-                             [&](const std::string& t) { return t.find(needle) != std::string::npos; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::vector<std::pair<Poco::Message::Priority, std::string>> m_records;
-};
-
 // Wraps the real watcher. Pause() stops reading (the kernel queue fills
 // up); LoseAndOverflow() throws away whatever the kernel queued and reports
 // an overflow instead, as the kernel does when its queue is full.
@@ -176,14 +145,8 @@ class Harness {
 public:
     explicit Harness(const FileNotify::Options& options = FileNotify::Options(),
                      std::unique_ptr<FileNotify::Watcher> watcher = nullptr)
-        : m_consumer(new TestSupport::CaptureTask("fn_consumer")),
-          m_channel(new CaptureChannel)
+        : m_consumer(new TestSupport::CaptureTask("fn_consumer"))
     {
-        Poco::Logger& logger = Poco::Logger::get("filenotify_module");
-        m_oldChannel = logger.getChannel();
-        m_oldLevel = logger.getLevel();
-        logger.setChannel(m_channel);
-        logger.setLevel(Poco::Message::PRIO_DEBUG);
         m_task = new FileNotify::FileNotifyTask(options, std::move(watcher));
         m_env.engine().RegisterTask(m_consumer.get(), nullptr);
         m_env.engine().RegisterTask(m_task.get(), nullptr);
@@ -196,15 +159,12 @@ public:
         for (auto& extra : m_extra) {
             m_env.engine().UnRegisterTask(extra->GetTaskName());
         }
-        Poco::Logger& logger = Poco::Logger::get("filenotify_module");
-        logger.setChannel(m_oldChannel);
-        logger.setLevel(m_oldLevel);
     }
 
     Framework::Engine& engine() { return m_env.engine(); }
     TestSupport::CaptureTask& consumer() { return *m_consumer; }
     FileNotify::FileNotifyTask& task() { return *m_task; }
-    CaptureChannel& log() { return *m_channel; }
+    TestSupport::LogCapture& log() { return m_log; }
     void KeepRegistered(Poco::AutoPtr<TestSupport::CaptureTask> task) { m_extra.push_back(task); }
 
     bool Request(Framework::Task* consumer, const std::string& path, bool add,
@@ -246,11 +206,9 @@ public:
 
 private:
     TestSupport::TestEngine m_env;
+    TestSupport::LogCapture m_log{"filenotify_module", Poco::Message::PRIO_DEBUG};
     Poco::AutoPtr<TestSupport::CaptureTask> m_consumer;
     Poco::AutoPtr<FileNotify::FileNotifyTask> m_task;
-    Poco::AutoPtr<CaptureChannel> m_channel;
-    Poco::Channel::Ptr m_oldChannel;
-    int m_oldLevel = Poco::Message::PRIO_INFORMATION;
     std::vector<Poco::AutoPtr<TestSupport::CaptureTask>> m_extra;
     int m_settles = 0;
 };

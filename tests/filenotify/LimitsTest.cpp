@@ -123,8 +123,8 @@ void ExpectRescanAfterLoss(Harness& h, ControlledWatcher& watcher, const TempDir
         10000))
         << "overflows: " << h.task().Overflows();
     EXPECT_GE(h.task().Overflows(), 1u);
-    EXPECT_GE(h.log().CountContaining("overflowed", Poco::Message::PRIO_WARNING), 1u);
-    EXPECT_GE(h.log().CountContaining(root.Path(), Poco::Message::PRIO_WARNING), 1u);
+    EXPECT_GE(h.log().Count("overflowed", Poco::Message::PRIO_WARNING), 1u);
+    EXPECT_GE(h.log().Count(root.Path(), Poco::Message::PRIO_WARNING), 1u);
 
     // The directory created while events were lost is watched now.
     const std::string after = root.Join("newdir/after.php");
@@ -197,10 +197,10 @@ TEST(FileNotifyLimits, WatchExhaustionWarnsOnceAndKeepsTheRest)
     }
     ASSERT_TRUE(h.Watch(root.Path(), 0, 1, 4));
     ASSERT_TRUE(WaitFor([&] {
-        return h.log().CountContaining("fs.inotify.max_user_watches",
+        return h.log().Count("fs.inotify.max_user_watches",
                                        Poco::Message::PRIO_WARNING) == 1;
     }));
-    auto warnings = h.log().Texts(Poco::Message::PRIO_WARNING);
+    auto warnings = h.log().Texts("", Poco::Message::PRIO_WARNING);
     std::string warning;
     for (auto& text : warnings) {
         if (text.find("max_user_watches") != std::string::npos) {
@@ -220,5 +220,5 @@ TEST(FileNotifyLimits, WatchExhaustionWarnsOnceAndKeepsTheRest)
     ASSERT_TRUE(WriteFile(root.Join("top.php")));
     ASSERT_TRUE(WaitPath(h.consumer(), root.Join("top.php")));
     ASSERT_TRUE(WaitPath(h.consumer(), root.Join("g/x.php")));
-    EXPECT_EQ(1u, h.log().CountContaining("max_user_watches", Poco::Message::PRIO_WARNING));
+    EXPECT_EQ(1u, h.log().Count("max_user_watches", Poco::Message::PRIO_WARNING));
 }

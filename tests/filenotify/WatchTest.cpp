@@ -209,7 +209,7 @@ TEST(FileNotify, RemoveStopsTheSubtreeButKeepsWatchesOthersUse)
     // A removal must match path, consumer and extra parameter.
     ASSERT_TRUE(h.Request(&h.consumer(), root.Join("shared"), false, 6));
     ASSERT_TRUE(WaitFor([&] {
-        return h.log().CountContaining("matches no watch", Poco::Message::PRIO_WARNING) == 1;
+        return h.log().Count("matches no watch", Poco::Message::PRIO_WARNING) == 1;
     }));
     EXPECT_EQ(2u, h.task().Registrations());
 }
@@ -259,8 +259,8 @@ TEST(FileNotify, DeletedOrReplacedRootIsWatchedAgain)
     ASSERT_EQ(0, TestSupport::RunCommand("rm -rf '" + root + "'"));
     ASSERT_TRUE(WaitFor([&] { return h.task().Watches() == 0; }));
     ASSERT_TRUE(WaitFor([&] {
-        return h.log().CountContaining("was deleted", Poco::Message::PRIO_WARNING) +
-                   h.log().CountContaining("is gone", Poco::Message::PRIO_WARNING) >=
+        return h.log().Count("was deleted", Poco::Message::PRIO_WARNING) +
+                   h.log().Count("is gone", Poco::Message::PRIO_WARNING) >=
                1;
     }));
     EXPECT_EQ(1u, h.task().Registrations());
@@ -348,8 +348,8 @@ TEST(FileNotify, PublishesStatusAndRefusesBadRequests)
     ASSERT_TRUE(h.Request(&h.consumer(), "relative/dir", true));
     ASSERT_TRUE(h.Request(nullptr, root.Path(), true));
     ASSERT_TRUE(WaitFor([&] {
-        return h.log().CountContaining("relative/dir", Poco::Message::PRIO_ERROR) == 1 &&
-               h.log().CountContaining("names no task", Poco::Message::PRIO_ERROR) == 1;
+        return h.log().Count("relative/dir", Poco::Message::PRIO_ERROR) == 1 &&
+               h.log().Count("names no task", Poco::Message::PRIO_ERROR) == 1;
     }));
     EXPECT_EQ(1u, h.task().Registrations());
     // A path that does not exist yet is watched once it appears, and what
@@ -358,7 +358,7 @@ TEST(FileNotify, PublishesStatusAndRefusesBadRequests)
     FileNotify::Options fast;
     ASSERT_TRUE(h.Request(&h.consumer(), later, true, 12));
     ASSERT_TRUE(WaitFor([&] { return h.task().Registrations() == 2; }));
-    EXPECT_EQ(1u, h.log().CountContaining("does not exist", Poco::Message::PRIO_WARNING));
+    EXPECT_EQ(1u, h.log().Count("does not exist", Poco::Message::PRIO_WARNING));
     root.Write("staging/new.php", "x");
     ASSERT_EQ(0, rename(root.Join("staging").c_str(), later.c_str()));
     ASSERT_TRUE(WaitPath(h.consumer(), later + "/new.php", 10000));
@@ -378,7 +378,7 @@ TEST(FileNotify, ConsumerThatNoLongerExistsIsForgotten)
     ASSERT_TRUE(WriteFile(file));
     ASSERT_TRUE(WaitPath(h.consumer(), file));
     ASSERT_TRUE(WaitFor([&] { return h.task().Registrations() == 1; }));
-    EXPECT_EQ(1u, h.log().CountContaining("fn_short no longer exists", Poco::Message::PRIO_WARNING));
+    EXPECT_EQ(1u, h.log().Count("fn_short no longer exists", Poco::Message::PRIO_WARNING));
     EXPECT_EQ(2u, h.task().Watches());  // still used by the remaining registration
     ASSERT_TRUE(h.Settle(root.Path()));
     EXPECT_EQ(1u, CountPath(h.consumer(), file));

@@ -102,7 +102,7 @@ TEST(EventSink, RotatesBySizeAndKeepsNumberedArchives)
 
 TEST(EventSink, FullDiskIsReportedHeldAndBounded)
 {
-    ReportTest::LogCapture log("report_sink_test");
+    TestSupport::LogCapture log("report_sink_test");
     EventSinkOptions options = FileSink("/dev/full");
     options.maxHeld = 3;
     EventSink sink(options, &Poco::Logger::get("report_sink_test"));
@@ -129,7 +129,7 @@ TEST(EventSink, FullDiskIsReportedHeldAndBounded)
 
 TEST(EventSink, UnusableDirectoryThenRecoveryWritesHeldEventsInOrder)
 {
-    ReportTest::LogCapture log("report_sink_test");
+    TestSupport::LogCapture log("report_sink_test");
     TempDir dir;
     dir.Write("later", "a file where the directory belongs");
     const std::string path = dir.Join("later/events.jsonl");

@@ -263,7 +263,7 @@ TEST(FileCommReportTask, KeepsUploadsCountsThemAndLogsFailuresOnceAMinute)
     const std::string current = env.Dir().Write("install/data/upload/.incoming.XyZ789", "half");
     struct timeval old[2] = {{1000, 0}, {1000, 0}};
     ASSERT_EQ(0, utimes(stale.c_str(), old));
-    ReportTest::LogCapture log("report_module");
+    TestSupport::LogCapture log("report_module");
     Registered task(env.engine(), new FileCommReportTask(Config(env)), FileCommReportTask::kUploadsKey);
     EXPECT_FALSE(TestSupport::FileExists(stale));
     EXPECT_TRUE(TestSupport::FileExists(current));

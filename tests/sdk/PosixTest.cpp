@@ -23,11 +23,7 @@ using TestSupport::TempDir;
 
 namespace {
 
-mode_t ModeOf(const std::string& path)
-{
-    struct stat st;
-    return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
+using TestSupport::ModeOf;
 
 void MakeOld(const std::string& path)
 {

@@ -7,23 +7,10 @@
 #include <gtest/gtest.h>
 
 #include "WebshellTestUtil.h"
-#include "sdk/JsonUtils.h"
 
 using namespace WebshellTest;
 
 namespace {
-
-Json::Value CtlStatus(const std::string& install)
-{
-    std::string out;
-    if (TestSupport::RunCommand("'" + TestSupport::AgentBinary() + "' ctl status --install-dir '" + install +
-                                    "' 2>/dev/null",
-                                &out) > 2) {
-        return Json::Value();
-    }
-    Json::Value status;
-    return SDK::JsonUtils::ParseJsonStr(out, status) == 0 ? status : Json::Value();
-}
 
 bool HasTask(const Json::Value& status, const std::string& name)
 {
@@ -65,7 +52,7 @@ TEST(WebshellAgent, RunFollowsThePolicyFileAndScanNowReachesTheModule)
     ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--log-level", "debug"}));
     Json::Value status;
     ASSERT_TRUE(TestSupport::WaitFor([&] {
-        status = CtlStatus(install);
+        status = TestSupport::CtlStatus(install);
         return HasTask(status, "auto_scan_wehshell_task") && HasTask(status, "detect_file_change_wehshell_task");
     }, 20000)) << agent.Stderr();
     for (auto& task : status["tasks"]) {
@@ -80,7 +67,7 @@ TEST(WebshellAgent, RunFollowsThePolicyFileAndScanNowReachesTheModule)
     doc.monitorFileChange = false;
     WritePolicy(install, doc);
     EXPECT_TRUE(TestSupport::WaitFor([&] {
-        status = CtlStatus(install);
+        status = TestSupport::CtlStatus(install);
         return HasTask(status, "auto_scan_wehshell_task") && !HasTask(status, "detect_file_change_wehshell_task");
     }, 20000));
 

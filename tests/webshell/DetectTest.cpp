@@ -118,14 +118,10 @@ std::string Xor(const std::string& a, const std::string& b)
     return out;
 }
 
-class DetectTest : public ::testing::Test {
+class DetectTest : public TaskFixture<Engine::OnceScanWebshellTask> {
 protected:
-    DetectTest() : web("ardent-detect"), task(new Engine::OnceScanWebshellTask()) {}
-    void TearDown() override { task->UnInit(); }
-
     void Apply(const std::string& extraContentKey = "", int value = 0)
     {
-        PolicyDoc doc;
         doc.defaultPaths = {web.Path()};
         doc.fileType = "";
         doc.libHash = env.InstallRules(kRules);
@@ -141,29 +137,12 @@ protected:
     // Keyword of each event, by path.
     std::map<std::string, std::string> Events()
     {
-        env.Barrier(kDataReport);
         std::map<std::string, std::string> out;
-        for (auto& m : env.Sent<Framework::DataMessage>(kDataReport)) {
-            const Json::Value file = ParseJson(m->GetContent())["file_info"][0];
-            out[file["file_path"].asString()] = file["file_key_word"].asString();
+        for (auto& e : env.Events()) {
+            out[e["file_info"][0]["file_path"].asString()] = e["file_info"][0]["file_key_word"].asString();
         }
         return out;
     }
-    std::set<std::string> Uploads()
-    {
-        env.Barrier(kFileReport);
-        std::set<std::string> out;
-        for (auto& m : env.Sent<Framework::FileMessage>(kFileReport)) {
-            out.insert(m->GetFilePath());
-        }
-        return out;
-    }
-
-    Env env;
-    LogCapture log;
-    TestSupport::TempDir web;
-    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
-    Poco::AutoPtr<Engine::OnceScanWebshellTask> task;
 };
 
 struct Hidden {
@@ -232,7 +211,7 @@ TEST_F(DetectTest, MarkerHiddenUnderEachEncodingIsReportedWithItsKeyword)
         expected[path] = c.keyword;
     }
     EXPECT_EQ(Events(), expected) << log.Dump();
-    EXPECT_TRUE(Uploads().empty());
+    EXPECT_TRUE(env.UploadPaths().empty());
 }
 
 TEST_F(DetectTest, HostileInputIsBoundedAndTheFileIsStillScannedAsItIs)
@@ -300,7 +279,7 @@ TEST_F(DetectTest, HostileInputIsBoundedAndTheFileIsStillScannedAsItIs)
         uploads.insert(path);
     }
     EXPECT_TRUE(Events().empty());
-    EXPECT_EQ(Uploads(), uploads);
+    EXPECT_EQ(env.UploadPaths(), uploads);
 }
 
 TEST_F(DetectTest, UntaggedRuleWithAScoreAtTheSettingBecomesCertain)
@@ -321,7 +300,7 @@ TEST_F(DetectTest, UntaggedRuleWithAScoreAtTheSettingBecomesCertain)
     Apply();
     scanRound("off");
     EXPECT_TRUE(Events().empty());
-    EXPECT_EQ(Uploads().size(), 4u);
+    EXPECT_EQ(env.UploadPaths().size(), 4u);
 
     // At 80: the rule scored 80 is certain, also behind an earlier
     // suspicious match; a deciding tag keeps its meaning whatever the score.
@@ -331,5 +310,5 @@ TEST_F(DetectTest, UntaggedRuleWithAScoreAtTheSettingBecomesCertain)
     std::map<std::string, std::string> on = scanRound("on");
     EXPECT_EQ(Events(), (std::map<std::string, std::string>{{on["ARDENT-SCORE-HIGH"], "ARDENT-SCORE-HIGH"},
                                                            {on["ARDENT-SCORE-LOW ARDENT-SCORE-HIGH"], "ARDENT-SCORE-HIGH"}}));
-    EXPECT_EQ(Uploads(), (std::set<std::string>{on["ARDENT-SCORE-LOW"], on["ARDENT-SCORE-EXTRA"]}));
+    EXPECT_EQ(env.UploadPaths(), (std::set<std::string>{on["ARDENT-SCORE-LOW"], on["ARDENT-SCORE-EXTRA"]}));
 }

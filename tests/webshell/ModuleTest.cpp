@@ -1,6 +1,6 @@
 // The module through the real framework: callbacks, policies creating and
-// retargeting the tasks, the user-triggered scan, shutdown; and the real
-// shared library loaded by an engine.
+// retargeting the tasks, the user-triggered scan, shutdown; and what the
+// shared library exports (the agent loads it in the end-to-end tests).
 
 #include <algorithm>
 #include <atomic>
@@ -14,7 +14,6 @@
 #include "framework/Engine.h"
 #include "framework/StatusBoard.h"
 #include "message/AssetMessage.h"
-#include "sdk/JsonUtils.h"
 #include "sdk/PathUtils.h"
 #include "webshell/DetectWebshellModule.h"
 #include "webshell/ScanWebshellTask.h"
@@ -152,7 +151,6 @@ TEST(WebshellModule, PolicyCreatesRegistersAndRetargetsTasks)
 TEST(WebshellModule, RegisteredTasksStartAndStopThroughInitAndUnInit)
 {
     Env env;
-    LogCapture log;
     TestSupport::TempDir web("ardent-web");
     PolicyDoc doc;
     doc.defaultPaths = {web.MkDir("www")};
@@ -202,42 +200,11 @@ TEST(WebshellModule, RegisteredTasksStartAndStopThroughInitAndUnInit)
     }
     EXPECT_TRUE(containerUnsubscription);
 
-    log.Clear();
-    env.engine().UnloadModules();
-    EXPECT_EQ(log.Count("WebshellTask container process UnInit.", Poco::Message::PRIO_INFORMATION), 2u)
-        << "the periodic and the once task\n" << log.Dump();
-}
-
-TEST(WebshellModule, UnInitLogsOnlyTasksItReallyUnregistered)
-{
-    Env env;
-    LogCapture log;
-    TestSupport::TempDir web("ardent-web");
-    PolicyDoc doc;
-    doc.defaultPaths = {web.MkDir("www")};
-    doc.libHash = env.InstallRules(kTestRules);
-    doc.monitorFileChange = false;
-
-    auto* module = new Engine::DetectWebshellModule();
-    ASSERT_TRUE(env.engine().AddModule(module));
-    ASSERT_EQ(Apply(env, doc.ToJson()), "");
-    ASSERT_EQ(module->GetFileChangeTask(), nullptr) << "never asked for, never created";
-    env.engine().UnloadModules();
-    EXPECT_EQ(log.Count("UnRegister task(auto_scan_wehshell_task)."), 1u) << log.Dump();
-    EXPECT_EQ(log.Count("UnRegister task(detect_file_change_wehshell_task)."), 0u);
-
-    // A module that never got a policy unregisters nothing and logs nothing.
-    log.Clear();
-    auto* idle = new Engine::DetectWebshellModule();
-    ASSERT_TRUE(env.engine().AddModule(idle));
-    env.engine().UnloadModules();
-    EXPECT_EQ(log.CountPrefix("UnRegister task("), 0u);
 }
 
 TEST(WebshellModule, UserTriggeredScanBeforeAnyPolicyDoesNothing)
 {
     Env env;
-    LogCapture log;
     auto* module = new Engine::DetectWebshellModule();
     ASSERT_TRUE(env.engine().AddModule(module));
 
@@ -245,19 +212,16 @@ TEST(WebshellModule, UserTriggeredScanBeforeAnyPolicyDoesNothing)
     EXPECT_EQ(env.engine().InvokeTasklet("detect_webshell_10001", "", true, rc), Framework::Engine::TASKLET_DONE);
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(module->UserTriggeredScan("anything"), 0);
-    EXPECT_EQ(log.Count("Receive a cmd message for immediately scan webshell.", Poco::Message::PRIO_INFORMATION), 2u);
     for (const char* service : {kDataReport, kFileReport, kFileNotify, kMsgSync, kContainerCollect}) {
         env.Barrier(service);
         EXPECT_TRUE(env.Sent<Framework::DataMessage>(service).empty()) << service;
         EXPECT_TRUE(env.Sent<Framework::FileMessage>(service).empty()) << service;
     }
-    EXPECT_EQ(log.CountPrefix("ScanFromDir"), 0u);
 }
 
 TEST(WebshellModule, UserTriggeredScanRunsOneWholePassBeforeReturning)
 {
     Env env;
-    LogCapture log;
     TestSupport::TempDir web("ardent-web");
     const std::string shell = web.Write("www/shell.php", std::string("<?php /* ") + kCertainMark + " */");
     web.Write("www/page.php", "<?php echo 'hello';");
@@ -303,7 +267,6 @@ TEST(WebshellModule, FileChangeTaskEventLoopEndsAtOnceWhenCancelling)
 TEST(WebshellModule, UnknownInstallationPathFailsInitAndRequestsNoWatch)
 {
     Env env;
-    LogCapture log;
     TestSupport::TempDir web("ardent-web");
     PolicyDoc doc;
     doc.defaultPaths = {web.MkDir("www")};
@@ -357,40 +320,4 @@ TEST(WebshellModuleLibrary, SharedLibraryExportsOnlyCreateModuleAndFindsItsPlatf
     EXPECT_NE(dynamic.find("(RUNPATH)"), std::string::npos) << dynamic;
     EXPECT_NE(dynamic.find("[libframework.so]"), std::string::npos) << dynamic;
     EXPECT_NE(dynamic.find("[libsdk.so]"), std::string::npos) << dynamic;
-}
-
-TEST(WebshellModuleLibrary, LoadedByTheEngineItScansOnRequest)
-{
-    Env env;
-    LogCapture log;
-    TestSupport::TempDir web("ardent-web");
-    const std::string shell = web.Write("htdocs/up/x.jsp", std::string("<% ") + kCertainMark + " %>");
-    web.Write("htdocs/up/y.php", std::string("<?php ") + kSuspiciousMark);
-    PolicyDoc doc;
-    doc.defaultPaths = {web.Join("htdocs")};
-    doc.libHash = env.InstallRules(kTestRules, true);  // compiled rules
-
-    ASSERT_TRUE(env.engine().LoadModule(env.InstallDir() + "module/libwebshell_module.so"));
-    auto names = env.engine().GetModuleNames();
-    ASSERT_NE(std::find(names.begin(), names.end(), "webshell_module"), names.end());
-    ASSERT_EQ(Apply(env, doc.ToJson()), "");
-    ASSERT_NE(env.engine().FindTask(kAuto), nullptr);
-
-    int rc = -1;
-    ASSERT_EQ(env.engine().InvokeTasklet("detect_webshell_10001", "", true, rc), Framework::Engine::TASKLET_DONE);
-    EXPECT_TRUE(log.Has("Receive a cmd message for immediately scan webshell.", Poco::Message::PRIO_INFORMATION));
-    ASSERT_TRUE(env.Capture(kDataReport).WaitForCount(1));
-    auto events = env.Sent<Framework::DataMessage>(kDataReport);
-    ASSERT_EQ(events.size(), 1u);
-    const Json::Value event = ParseJson(events[0]->GetContent());
-    EXPECT_EQ(event["file_info"][0]["file_path"].asString(), shell);
-    EXPECT_EQ(event["detect_module"].asString(), "webshell_module");
-    env.Barrier(kFileReport);
-    auto uploads = env.Sent<Framework::FileMessage>(kFileReport);
-    ASSERT_EQ(uploads.size(), 1u);
-    EXPECT_EQ(uploads[0]->GetFilePath(), web.Join("htdocs/up/y.php"));
-    EXPECT_EQ(uploads[0]->GetKind(), "webshell");
-
-    env.engine().UnloadModules();
-    EXPECT_EQ(env.engine().FindTask(kAuto), nullptr);
 }

@@ -35,7 +35,6 @@ std::string FilePathOf(const Json::Value& event)
 TEST(WebshellThreads, PassesNotificationsAndContainerEventsRunTogether)
 {
     Env env;
-    LogCapture log;
     TestSupport::TempDir web("ardent-web");
     for (int d = 0; d < 8; ++d) {
         for (int f = 0; f < 25; ++f) {

@@ -74,100 +74,6 @@ rule two_strings : certain
 }
 )";
 
-// ------------------------------------------------------------- LogCapture
-
-class LogCapture::Channel : public Poco::Channel {
-public:
-    void log(const Poco::Message& msg) override
-    {
-        LogRecord record{msg.getText(), msg.getPriority(),
-                         msg.getSourceFile() != nullptr ? msg.getSourceFile() : ""};
-        std::function<void(const LogRecord&)> hook;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_records.push_back(record);
-            hook = m_hook;
-        }
-        if (hook) {
-            hook(record);
-        }
-    }
-
-    std::mutex m_mutex;
-    std::vector<LogRecord> m_records;
-    std::function<void(const LogRecord&)> m_hook;
-};
-
-LogCapture::LogCapture() : m_channel(new Channel)
-{
-    Poco::Logger& logger = Poco::Logger::get("webshell_module");
-    m_previousChannel = logger.getChannel();
-    m_previousLevel = logger.getLevel();
-    logger.setChannel(Poco::Channel::Ptr(m_channel.get(), true));
-    logger.setLevel(Poco::Message::PRIO_TRACE);
-}
-
-LogCapture::~LogCapture()
-{
-    Poco::Logger& logger = Poco::Logger::get("webshell_module");
-    logger.setChannel(m_previousChannel);
-    logger.setLevel(m_previousLevel);
-}
-
-std::vector<LogRecord> LogCapture::Records()
-{
-    std::lock_guard<std::mutex> lock(m_channel->m_mutex);
-    return m_channel->m_records;
-}
-
-size_t LogCapture::Count(const std::string& text)
-{
-    size_t n = 0;
-    for (auto& r : Records()) {
-        n += r.text == text ? 1 : 0;
-    }
-    return n;
-}
-
-size_t LogCapture::Count(const std::string& text, Poco::Message::Priority priority)
-{
-    size_t n = 0;
-    for (auto& r : Records()) {
-        n += r.text == text && r.priority == priority ? 1 : 0;
-    }
-    return n;
-}
-
-size_t LogCapture::CountPrefix(const std::string& prefix)
-{
-    size_t n = 0;
-    for (auto& r : Records()) {
-        n += r.text.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
-    }
-    return n;
-}
-
-void LogCapture::Clear()
-{
-    std::lock_guard<std::mutex> lock(m_channel->m_mutex);
-    m_channel->m_records.clear();
-}
-
-void LogCapture::SetHook(std::function<void(const LogRecord&)> hook)
-{
-    std::lock_guard<std::mutex> lock(m_channel->m_mutex);
-    m_channel->m_hook = std::move(hook);
-}
-
-std::string LogCapture::Dump()
-{
-    std::string out;
-    for (auto& r : Records()) {
-        out += "[" + std::to_string(r.priority) + "] " + r.text + "\n";
-    }
-    return out;
-}
-
 // -------------------------------------------------------------------- Env
 
 Env::Env() : m_engine(new TestSupport::TestEngine())
@@ -232,6 +138,47 @@ void Env::Barrier(const std::string& service)
     }
 }
 
+std::vector<Json::Value> Env::Events()
+{
+    Barrier(kDataReport);
+    std::vector<Json::Value> out;
+    for (auto& m : Sent<Framework::DataMessage>(kDataReport)) {
+        EXPECT_EQ(m->GetDataType(), "2");
+        out.push_back(ParseJson(m->GetContent()));
+    }
+    return out;
+}
+
+std::set<std::string> Env::EventPaths()
+{
+    std::set<std::string> paths;
+    for (auto& e : Events()) {
+        const Json::Value& file = e["file_info"].isArray() ? e["file_info"][0] : e["file_info"];
+        paths.insert(file["file_path"].asString());
+    }
+    return paths;
+}
+
+std::set<std::string> Env::UploadPaths()
+{
+    Barrier(kFileReport);
+    std::set<std::string> paths;
+    for (auto& m : Sent<Framework::FileMessage>(kFileReport)) {
+        if (m->GetTaskType() == Framework::FileMessage::UPLOAD) {
+            paths.insert(m->GetFilePath());
+        }
+    }
+    return paths;
+}
+
+std::vector<std::shared_ptr<Engine::FileNotifyWatchMessage>> Env::TakeWatches()
+{
+    Barrier(kFileNotify);
+    auto watches = Sent<Engine::FileNotifyWatchMessage>(kFileNotify);
+    Capture(kFileNotify).Clear();
+    return watches;
+}
+
 void Env::ClearCaptures()
 {
     for (auto& entry : m_captures) {
@@ -289,15 +236,6 @@ Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const std::string& json)
         throw std::runtime_error("test policy does not parse: " + json);
     }
     return policy;
-}
-
-Json::Value ParseJson(const std::string& text)
-{
-    Json::Value value;
-    if (SDK::JsonUtils::ParseJsonStr(text, value) != 0) {
-        throw std::runtime_error("not JSON: " + text);
-    }
-    return value;
 }
 
 }  // namespace WebshellTest

@@ -1,58 +1,37 @@
 #pragma once
-// Helpers shared by the web-shell module tests: log capture on the module
-// logger, a real engine with capture tasks standing in for the agent's
-// services, rule libraries and policy documents.
+// Helpers shared by the web-shell module tests: a real engine with capture
+// tasks standing in for the agent's services, rule libraries, policy
+// documents, and the one fixture for a task under test.
 
-#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
 #include <Poco/Message.h>
+#include <gtest/gtest.h>
 #include <json/json.h>
 
+#include "filenotify/FileNotifyMessage.h"
 #include "testsupport/TestSupport.h"
 #include "webshell/DetectWebshellPolicy.h"
 
 namespace WebshellTest {
 
-struct LogRecord {
-    std::string text;
-    Poco::Message::Priority priority;
-    std::string source;
-};
-
-// Records every message of the "webshell_module" logger (at trace level)
-// while it lives; an optional hook runs on the logging thread. Make it
-// after the Env: a new engine hands every logger the root's channel.
-class LogCapture {
+// The module's logger down to trace level; Count defaults to every level.
+class LogCapture : public TestSupport::LogCapture {
 public:
-    LogCapture();
-    ~LogCapture();
-    LogCapture(const LogCapture&) = delete;
-    LogCapture& operator=(const LogCapture&) = delete;
-
-    std::vector<LogRecord> Records();
-    // Number of records with exactly this text (and priority, if given).
-    size_t Count(const std::string& text);
-    size_t Count(const std::string& text, Poco::Message::Priority priority);
-    bool Has(const std::string& text, Poco::Message::Priority priority) { return Count(text, priority) > 0; }
-    size_t CountPrefix(const std::string& prefix);
-    void Clear();
-    void SetHook(std::function<void(const LogRecord&)> hook);
-    std::string Dump();
-
-    class Channel;
-
-private:
-    Poco::AutoPtr<Channel> m_channel;
-    Poco::Channel::Ptr m_previousChannel;
-    int m_previousLevel = 0;
+    LogCapture() : TestSupport::LogCapture("webshell_module", Poco::Message::PRIO_TRACE) {}
+    size_t Count(const std::string& needle, Poco::Message::Priority atMost = Poco::Message::PRIO_TRACE)
+    {
+        return TestSupport::LogCapture::Count(needle, atMost);
+    }
+    bool Has(const std::string& needle, Poco::Message::Priority atMost) { return Count(needle, atMost) > 0; }
 };
+using LogRecord = TestSupport::LogCapture::Record;
 
 // The five service names the module talks to.
 extern const char* const kDataReport;
@@ -89,6 +68,14 @@ public:
     }
     void ClearCaptures();
 
+    // What the module sent so far: detection events (parsed), the paths it
+    // asked to upload, and the watch requests (taken: the next call starts
+    // afresh).
+    std::vector<Json::Value> Events();
+    std::set<std::string> EventPaths();
+    std::set<std::string> UploadPaths();
+    std::vector<std::shared_ptr<Engine::FileNotifyWatchMessage>> TakeWatches();
+
 private:
     std::unique_ptr<TestSupport::TestEngine> m_engine;
     std::vector<std::pair<std::string, Poco::AutoPtr<TestSupport::CaptureTask>>> m_captures;
@@ -119,7 +106,7 @@ struct PolicyDoc {
 Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc);
 Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const std::string& json);
 
-Json::Value ParseJson(const std::string& text);
+using TestSupport::ParseJson;
 
 // Rules used across the tests. Marks are plain strings a test writes into
 // files; rule order matters (the first matching rule wins).
@@ -131,5 +118,37 @@ extern const char* const kCertainlyMark;   // rule certainly_prefix: tag "certai
 extern const char* const kPrivateMark;     // rule private_only: certain, private string only
 extern const char* const kFirstMark;       // rule two_strings: certain, $a then $b
 extern const char* const kSecondMark;
+
+// One web-shell task under test with the engine, the module's log, a temp
+// web tree and a policy document (the test rules installed).
+template <class TaskT>
+class TaskFixture : public ::testing::Test {
+protected:
+    TaskFixture() : web("ardent-web"), task(new TaskT()) {}
+    void SetUp() override { doc.libHash = env.InstallRules(kTestRules); }
+    void TearDown() override
+    {
+        if (!uninitialised) {
+            task->UnInit();
+        }
+    }
+    // Hands the task the current document; `init` also starts it.
+    void Apply(bool init = true)
+    {
+        policy = MakePolicy(doc);
+        task->SetFeaturePolicy(policy.get());
+        if (init) {
+            ASSERT_EQ(task->Init(), 0);
+        }
+    }
+
+    Env env;
+    LogCapture log;
+    TestSupport::TempDir web;
+    PolicyDoc doc;
+    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
+    Poco::AutoPtr<TaskT> task;
+    bool uninitialised = false;
+};
 
 }  // namespace WebshellTest

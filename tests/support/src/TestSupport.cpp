@@ -28,6 +28,18 @@ extern char** environ;
 
 namespace TestSupport {
 
+const char* const kShellRules = R"(
+rule e2e_certain : certain extra_php
+{
+    strings:
+        $a = "E2E_SHELL_MARKER"
+    condition:
+        $a
+}
+)";
+
+const char* const kShell = "<?php exit; /* E2E_SHELL_MARKER */ ?>\n";
+
 namespace {
 
 std::string Env(const char* name, const std::string& def)
@@ -179,6 +191,12 @@ bool FileExists(const std::string& path)
 {
     struct stat st;
     return lstat(path.c_str(), &st) == 0;
+}
+
+mode_t ModeOf(const std::string& path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
 int RunCommand(const std::string& command, std::string* out)
@@ -381,11 +399,20 @@ class LogCapture::Channel : public Poco::Channel {
 public:
     void log(const Poco::Message& msg) override
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        records.push_back({msg.getPriority(), msg.getText()});
+        Record record{msg.getPriority(), msg.getText()};
+        std::function<void(const Record&)> hookCopy;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            records.push_back(record);
+            hookCopy = hook;
+        }
+        if (hookCopy) {
+            hookCopy(record);
+        }
     }
     std::mutex mutex;
     std::vector<Record> records;
+    std::function<void(const Record&)> hook;
 };
 
 LogCapture::LogCapture(const std::string& logger, Poco::Message::Priority level)
@@ -411,13 +438,36 @@ std::vector<LogCapture::Record> LogCapture::Records()
     return m_channel->records;
 }
 
-size_t LogCapture::Count(const std::string& needle, Poco::Message::Priority atMost)
+std::vector<std::string> LogCapture::Texts(const std::string& needle, Poco::Message::Priority atMost)
 {
-    size_t n = 0;
+    std::vector<std::string> out;
     for (const auto& r : Records()) {
-        n += r.priority <= atMost && r.text.find(needle) != std::string::npos ? 1 : 0;
+        if (r.priority <= atMost && r.text.find(needle) != std::string::npos) {
+            out.push_back(r.text);
+        }
     }
-    return n;
+    return out;
+}
+
+void LogCapture::Clear()
+{
+    std::lock_guard<std::mutex> lock(m_channel->mutex);
+    m_channel->records.clear();
+}
+
+void LogCapture::SetHook(std::function<void(const Record&)> hook)
+{
+    std::lock_guard<std::mutex> lock(m_channel->mutex);
+    m_channel->hook = std::move(hook);
+}
+
+std::string LogCapture::Dump()
+{
+    std::string out;
+    for (const auto& r : Records()) {
+        out += "[" + std::to_string(r.priority) + "] " + r.text + "\n";
+    }
+    return out;
 }
 
 TestEngine::TestEngine(const std::vector<std::string>& modules) : m_dir("ardent-engine")

@@ -50,6 +50,8 @@ bool WaitFor(const std::function<bool()>& pred, int timeoutMs = 5000, int period
 std::string ReadFile(const std::string& path);
 std::vector<std::string> ReadLines(const std::string& path);
 bool FileExists(const std::string& path);
+// The permission bits of `path` itself (a link is not followed); 0 if absent.
+mode_t ModeOf(const std::string& path);
 // sha256sum's answer, computed independently of the SDK.
 std::string Sha256Sum(const std::string& path);
 // Runs a shell command; returns its exit status and fills `out` with stdout.
@@ -68,6 +70,11 @@ std::set<std::string> WatchedRoots(const Json::Value& status,
 // file:// URL and hash): suffix php, no monitoring, and a periodic pass that
 // never fires during a test. Tests change what they need.
 Json::Value WebshellPolicy(const std::vector<std::string>& paths, const std::string& rules);
+
+// A rule library for end-to-end runs and a harmless file it calls a certain
+// web shell (its marker is E2E_SHELL_MARKER).
+extern const char* const kShellRules;
+extern const char* const kShell;
 
 // Build locations (from the environment ctest sets).
 std::string StageDir();   // build/stage
@@ -113,8 +120,9 @@ private:
     std::vector<std::shared_ptr<Framework::Message>> m_messages;
 };
 
-// Records what one logger says while it lives (at `level` and above). Make
-// it after any Engine: a new engine hands every logger the root's channel.
+// Records what one logger says while it lives (at `level` and above); an
+// optional hook runs on the logging thread. Make it after any Engine: a new
+// engine hands every logger the root's channel.
 class LogCapture {
 public:
     struct Record {
@@ -129,9 +137,17 @@ public:
     LogCapture& operator=(const LogCapture&) = delete;
 
     std::vector<Record> Records();
-    // Records at least as severe as `atMost` whose text contains `needle`.
+    // Texts at least as severe as `atMost` that contain `needle`.
+    std::vector<std::string> Texts(const std::string& needle = "",
+                                   Poco::Message::Priority atMost = Poco::Message::PRIO_NOTICE);
     size_t Count(const std::string& needle,
-                 Poco::Message::Priority atMost = Poco::Message::PRIO_WARNING);
+                 Poco::Message::Priority atMost = Poco::Message::PRIO_NOTICE)
+    {
+        return Texts(needle, atMost).size();
+    }
+    void Clear();
+    void SetHook(std::function<void(const Record&)> hook);
+    std::string Dump();
 
     class Channel;
 
