@@ -414,6 +414,13 @@ int ScanCommandMain(const AgentOptions& options)
         if (!policy["content"].isObject()) {
             return Error("policy file " + options.policyFile + " has no \"content\" object");
         }
+        // Asking for a scan is the operator's decision: a policy that turns
+        // the resident feature off still names what to scan.
+        if (policy["enabled"].isBool() && !policy["enabled"].asBool()) {
+            std::cerr << "ardent-agent scan: " << options.policyFile
+                      << " disables the feature; scanning with it all the same\n";
+            policy["enabled"] = true;
+        }
     }
     Json::Value& content = policy["content"];
 
