@@ -220,9 +220,12 @@ TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
     doc.defaultPaths = {www};
     const std::string goodHash = doc.libHash;
 
-    // Missing file: a download request on every call, nothing loaded.
+    // Missing file: a download request when the policy is applied and on
+    // every call, nothing loaded.
     ASSERT_EQ(unlink(env.LibPath().c_str()), 0);
     Apply();
+    EXPECT_EQ(FileRequests(Framework::FileMessage::DOWNLOAD).size(), 1u);
+    env.ClearCaptures();
     EXPECT_FALSE(task->ParsePolicyContent());
     EXPECT_FALSE(task->ParsePolicyContent());
     auto downloads = FileRequests(Framework::FileMessage::DOWNLOAD);
@@ -230,7 +233,7 @@ TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
     EXPECT_EQ(downloads[0]->GetFilePath(), env.LibPath());
     EXPECT_EQ(downloads[0]->GetKind(), goodHash);  // installed only with this digest
     EXPECT_EQ(downloads[0]->GetExtra(), doc.libUrl);
-    EXPECT_EQ(log.Count("Download file, url(" + doc.libUrl + ").", Poco::Message::PRIO_INFORMATION), 2u);
+    EXPECT_EQ(log.Count("Download file, url(" + doc.libUrl + ").", Poco::Message::PRIO_INFORMATION), 3u);
     EXPECT_EQ(Framework::StatusBoard::Get("webshell.rules")["state"].asString(), "missing");
     EXPECT_EQ(task->GetLoadedLibVersion(), "");
 
@@ -240,7 +243,7 @@ TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
     doc.libHash = std::string(64, '0');
     Apply();
     EXPECT_FALSE(task->ParsePolicyContent());
-    EXPECT_EQ(FileRequests(Framework::FileMessage::DOWNLOAD).size(), 1u);
+    EXPECT_EQ(FileRequests(Framework::FileMessage::DOWNLOAD).size(), 2u);
     EXPECT_EQ(Framework::StatusBoard::Get("webshell.rules")["state"].asString(), "hash_mismatch");
     EXPECT_EQ(task->GetLoadedLibVersion(), "");
     task->Run();
@@ -280,16 +283,17 @@ TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
     task->ScanFromFile(other, Engine::ContainerCacheInfo());
     EXPECT_EQ(EventPaths(), (std::set<std::string>{other}));
 
-    // Content that does not compile: false, nothing loaded, the next call
-    // tries again and succeeds once the file is right.
+    // Content that does not compile: the rules of version 2 stay in force
+    // and still detect; once the file is right it loads.
     doc.libHash = env.InstallRules("rule broken : certain { condition: }");
     doc.libVersion = "3";
     Apply();
-    EXPECT_FALSE(task->ParsePolicyContent());
+    EXPECT_TRUE(task->ParsePolicyContent());
     EXPECT_EQ(task->GetLoadedLibVersion(), "2");
     EXPECT_EQ(Framework::StatusBoard::Get("webshell.rules")["state"].asString(), "load_failed");
-    task->ScanFromFile(other, Engine::ContainerCacheInfo());
-    EXPECT_TRUE(log.Has("Check file failed, path(" + other + ").", Poco::Message::PRIO_ERROR));
+    const std::string other2 = web.Write("www/d.php", "<?php OTHER_MARK_3e1d");
+    task->ScanFromFile(other2, Engine::ContainerCacheInfo());
+    EXPECT_EQ(EventPaths().count(other2), 1u);
     doc.libHash = env.InstallRules(kTestRules, true);  // compiled rules this time
     Apply();
     EXPECT_TRUE(task->ParsePolicyContent());
