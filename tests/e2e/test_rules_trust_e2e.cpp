@@ -273,8 +273,13 @@ TEST_F(RulesTrustE2E, UploadsThatWereNotKeptDoNotUseUpTheQuota)
 
     ASSERT_EQ(0, unlink(uploads.c_str()));
     ASSERT_EQ(0, rename((uploads + ".away").c_str(), uploads.c_str()));
+    // The quota learns of the failure from the service's figures, which may
+    // lag behind its status on a busy machine: a few passes at most.
     const std::string second = m_dir.Write("www/second.php", kOdd + "// another\n");
-    ScanNow();
-    EXPECT_TRUE(WaitFor([&] { return TestSupport::FileExists(uploads + "/" + TestSupport::Sha256Sum(second)); }, 10000))
-        << Component("report.uploads");
+    const std::string kept = uploads + "/" + TestSupport::Sha256Sum(second);
+    for (int pass = 0; pass < 3 && !TestSupport::FileExists(kept); ++pass) {
+        ScanNow();
+        WaitFor([&] { return TestSupport::FileExists(kept); }, 5000);
+    }
+    EXPECT_TRUE(TestSupport::FileExists(kept)) << Component("report.uploads");
 }
