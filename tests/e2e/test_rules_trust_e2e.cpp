@@ -281,5 +281,6 @@ TEST_F(RulesTrustE2E, UploadsThatWereNotKeptDoNotUseUpTheQuota)
         ScanNow();
         WaitFor([&] { return TestSupport::FileExists(kept); }, 5000);
     }
-    EXPECT_TRUE(TestSupport::FileExists(kept)) << Component("report.uploads");
+    EXPECT_TRUE(TestSupport::FileExists(kept)) << Component("report.uploads")
+                                               << TestSupport::ReadFile(m_install + "log/agent.log");
 }

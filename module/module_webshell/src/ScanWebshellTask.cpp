@@ -1321,11 +1321,14 @@ void ScanWebshellTask::SendFileUploadMsg(const std::string& path)
     if (!recorder.CheckUploadWebshellFile(path)) {
         return;
     }
+    // Recorded before it is sent: the service may report the outcome (and
+    // give the unit back) before this thread goes on.
+    const int count = recorder.GetUploadFileCount();
+    recorder.AddUploadedWebshellFile(path);
     SendDirectMsg(kFileCommReportTask,
                   new Framework::FileMessage(Framework::FileMessage::UPLOAD, path, "webshell", ""));
     SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "Upload file, file path(%s), count(%d).", path,
-            recorder.GetUploadFileCount());
-    recorder.AddUploadedWebshellFile(path);
+            count);
     if (t_pass != nullptr) {
         ++t_pass->uploads;
     }

@@ -4,8 +4,8 @@
 // A day is a rolling period of 24 hours opened by the first check after the
 // previous one ended. Within it each file is uploaded at most once, and the
 // quota test is "count <= quota", so a period admits quota + 1 uploads.
-// Every call takes the recorder's lock; callers keep the order check, send,
-// log, record.
+// Every call takes the recorder's lock; callers keep the order check,
+// record, send, log (a unit given back must find its upload recorded).
 //
 // Only kept files use the quota: the module's recorder follows the upload
 // service's figures (kUploadTopic) and gives back, at its next call, one
