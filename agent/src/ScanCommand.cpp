@@ -337,6 +337,8 @@ Engine::PassFigures Total(const std::vector<Engine::ScanPassMessage>& passes, do
     for (const auto& p : passes) {
         total.filesSeen += p.figures.filesSeen;
         total.filesChecked += p.figures.filesChecked;
+        total.filesTimedOut += p.figures.filesTimedOut;
+        total.filesFailed += p.figures.filesFailed;
         total.filesMatched += p.figures.filesMatched;
         total.certain += p.figures.certain;
         total.uncertain += p.figures.uncertain;
@@ -360,6 +362,10 @@ void PrintSummary(const Outcomes& outcomes, const std::string& sink)
     out << "ardent-agent scan: " << pass.filesSeen << " files seen, " << pass.filesChecked
         << " checked, " << pass.filesMatched << " matched (" << pass.certain << " certain, "
         << pass.uncertain << " suspicious)\n";
+    if (pass.filesTimedOut + pass.filesFailed > 0) {
+        out << "  not checked to the end: " << pass.filesTimedOut << " timed out, " << pass.filesFailed
+            << " failed (see the log; kept for a second look within the upload quota)\n";
+    }
     out << "  events:  " << events.written << " written to " << sink;
     if (pass.certain > pass.events) {
         out << " (" << pass.certain - pass.events

@@ -327,8 +327,27 @@ void YaraUtils::CleanUsedRules()
     ScannerPtr scanner(m_scanner);
     m_scanner = nullptr;
     scanner.reset();
-    RulesPtr old(m_rules);
-    m_rules = nullptr;
+    m_rules.reset();
+}
+
+bool YaraUtils::ShareRulesOf(const YaraUtils& source)
+{
+    if (source.m_rules == nullptr) {
+        m_lastError = "no rules to share";
+        return false;
+    }
+    YR_SCANNER* scanner = nullptr;
+    const int result = yr_scanner_create(source.m_rules.get(), &scanner);
+    if (result != ERROR_SUCCESS) {
+        m_lastError = "cannot create a scanner: " + YaraErrorText(result);
+        return false;
+    }
+    yr_scanner_set_flags(scanner, SCAN_FLAGS_REPORT_RULES_MATCHING);
+    CleanUsedRules();
+    m_rules = source.m_rules;
+    m_scanner = scanner;
+    m_lastError.clear();
+    return true;
 }
 
 bool YaraUtils::HasRules() const
@@ -336,9 +355,11 @@ bool YaraUtils::HasRules() const
     return m_rules != nullptr;
 }
 
+// The new rules are built beside the loaded ones and take their place only
+// once they compiled and got a scanner: a library that fails leaves the old
+// rules in force.
 bool YaraUtils::LoadRuleFromFile(const std::string& path)
 {
-    CleanUsedRules();
     if (!EnsureYaraInitialized()) {
         m_lastError = "YARA library initialisation failed: " + YaraErrorText(g_yaraInitResult);
         return false;
@@ -426,7 +447,8 @@ bool YaraUtils::LoadRuleFromFile(const std::string& path)
     }
     // Only matching rules reach the callback.
     yr_scanner_set_flags(scanner, SCAN_FLAGS_REPORT_RULES_MATCHING);
-    m_rules = rules.release();
+    CleanUsedRules();
+    m_rules.reset(rules.release(), RulesDeleter());
     m_scanner = scanner;
     m_lastError.clear();
     return true;
@@ -434,6 +456,7 @@ bool YaraUtils::LoadRuleFromFile(const std::string& path)
 
 bool YaraUtils::CheckFile(const std::string& path, void* userData, int timeout)
 {
+    m_timedOut = false;
     if (m_rules == nullptr) {
         m_lastError = "no rules loaded, cannot scan " + path;
         return false;
@@ -451,6 +474,7 @@ bool YaraUtils::CheckFile(const std::string& path, void* userData, int timeout)
 
 bool YaraUtils::CheckFd(int fd, const std::string& name, void* userData, int timeout)
 {
+    m_timedOut = false;
     if (m_rules == nullptr) {
         m_lastError = "no rules loaded, cannot scan " + name;
         return false;
@@ -478,6 +502,7 @@ bool YaraUtils::CheckFd(int fd, const std::string& name, void* userData, int tim
 bool YaraUtils::CheckBuffer(const void* data, std::size_t size, void* userData, int timeout,
                             const ScanContext& context)
 {
+    m_timedOut = false;
     if (m_rules == nullptr) {
         m_lastError = "no rules loaded, cannot scan " + context.filepath;
         return false;
@@ -497,6 +522,7 @@ bool YaraUtils::Scan(const void* data, std::size_t size, int fd, void* userData,
                                : yr_scanner_scan_mem(m_scanner, static_cast<const uint8_t*>(data), size);
     // The callback's user data lives on this stack frame only.
     yr_scanner_set_callback(m_scanner, ForwardScanCallback, nullptr);
+    m_timedOut = result == ERROR_SCAN_TIMEOUT;
     if (result == ERROR_SUCCESS) {
         return true;
     }

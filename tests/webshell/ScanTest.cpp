@@ -164,9 +164,12 @@ TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
     doc.defaultPaths = {www};
     const std::string goodHash = doc.libHash;
 
-    // Missing file: a download request on every call, nothing loaded.
+    // Missing file: a download request when the policy is applied and on
+    // every call, nothing loaded.
     ASSERT_EQ(unlink(env.LibPath().c_str()), 0);
     Apply();
+    EXPECT_EQ(Downloads(env).size(), 1u);
+    env.ClearCaptures();
     EXPECT_FALSE(task->ParsePolicyContent());
     EXPECT_FALSE(task->ParsePolicyContent());
     auto downloads = Downloads(env);
@@ -183,7 +186,7 @@ TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
     doc.libHash = std::string(64, '0');
     Apply();
     EXPECT_FALSE(task->ParsePolicyContent());
-    EXPECT_EQ(Downloads(env).size(), 1u);
+    EXPECT_EQ(Downloads(env).size(), 2u);
     EXPECT_EQ(Framework::StatusBoard::Get("webshell.rules")["state"].asString(), "hash_mismatch");
     EXPECT_EQ(task->GetLoadedLibVersion(), "");
     task->Run();
@@ -223,16 +226,17 @@ TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
     task->ScanFromFile(other, Engine::ContainerCacheInfo());
     EXPECT_EQ(env.EventPaths(), (std::set<std::string>{other}));
 
-    // Content that does not compile: false, nothing loaded, the next call
-    // tries again and succeeds once the file is right.
+    // Content that does not compile: the rules of version 2 stay in force
+    // and still detect; once the file is right it loads.
     doc.libHash = env.InstallRules("rule broken : certain { condition: }");
     doc.libVersion = "3";
     Apply();
-    EXPECT_FALSE(task->ParsePolicyContent());
+    EXPECT_TRUE(task->ParsePolicyContent());
     EXPECT_EQ(task->GetLoadedLibVersion(), "2");
     EXPECT_EQ(Framework::StatusBoard::Get("webshell.rules")["state"].asString(), "load_failed");
-    task->ScanFromFile(other, Engine::ContainerCacheInfo());
-    EXPECT_EQ(log.Count("Check file failed, path(" + other + ").", Poco::Message::PRIO_ERROR), 1u);
+    const std::string other2 = web.Write("www/d.php", "<?php OTHER_MARK_3e1d");
+    task->ScanFromFile(other2, Engine::ContainerCacheInfo());
+    EXPECT_EQ(env.EventPaths().count(other2), 1u);
     doc.libHash = env.InstallRules(kTestRules, true);  // compiled rules this time
     Apply();
     EXPECT_TRUE(task->ParsePolicyContent());

@@ -21,7 +21,9 @@ constexpr const char* kUploadTopic = "report.uploads";
 // What one pass did.
 struct PassFigures {
     uint64_t filesSeen = 0;
-    uint64_t filesChecked = 0;
+    uint64_t filesChecked = 0;   // checks that ran to the end
+    uint64_t filesTimedOut = 0;  // checks stopped at the time limit: not known to be clean
+    uint64_t filesFailed = 0;    // checks that failed otherwise: not known to be clean
     uint64_t filesMatched = 0;
     uint64_t certain = 0;
     uint64_t uncertain = 0;

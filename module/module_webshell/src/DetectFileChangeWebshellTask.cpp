@@ -18,6 +18,11 @@ int DetectFileChangeWebshellTask::Init()
     return 0;
 }
 
+void DetectFileChangeWebshellTask::OnRulesArrived()
+{
+    RegisterFileMonitorMessage();
+}
+
 // Resident: file notifications, asset updates and container events are
 // handled here until the task is cancelled.
 int DetectFileChangeWebshellTask::Run()

@@ -9,6 +9,15 @@ OnceScanWebshellTask::OnceScanWebshellTask()
 
 OnceScanWebshellTask::~OnceScanWebshellTask() = default;
 
+int OnceScanWebshellTask::Init()
+{
+    const int result = ScanWebshellTask::Init();
+    if (result == 0) {
+        PrepareRules();
+    }
+    return result;
+}
+
 // One full pass on the thread that asked for it (the module's tasklet).
 int OnceScanWebshellTask::Run()
 {

@@ -21,6 +21,7 @@
 
 #include "filenotify/FileNotifyMessage.h"
 #include "framework/Engine.h"
+#include "framework/Health.h"
 #include "framework/Message.h"
 #include "framework/StatusBoard.h"
 #include "framework/Topics.h"
@@ -63,8 +64,10 @@ const char* const kFileNotifyTask = "filenotify_task";
 const char* const kWatchAdd = "add";
 const char* const kWatchDelete = "delete";
 
-const long kLibHashSizeLimit = 10485760;   // the rule library is hashed up to 10 MiB
-const long kEventHashSizeLimit = 10485760;  // so is a reported file
+// Hashes stream the file: libraries and reported files of any size.
+const long kNoHashLimit = 0;
+const char* const kRulesHealth = "webshell.rules";
+const char* const kPassHealth = "webshell.pass";
 const int kScanTimeoutS = 5;
 // Files up to this size are read once, scanned and decoded; larger ones are
 // scanned as they are.
@@ -122,6 +125,8 @@ Json::Value RenderPass(const PassState& pass, const char* state, PassSkip skip, 
     v["seconds"] = finishedMs > 0 ? static_cast<double>(finishedMs - pass.startedMs) / 1000.0 : 0.0;
     v["files_seen"] = Json::UInt64(pass.filesSeen);
     v["files_checked"] = Json::UInt64(pass.filesChecked);
+    v["files_timed_out"] = Json::UInt64(pass.filesTimedOut);
+    v["files_failed"] = Json::UInt64(pass.filesFailed);
     v["files_matched"] = Json::UInt64(pass.filesMatched);
     v["certain"] = Json::UInt64(pass.certain);
     v["uncertain"] = Json::UInt64(pass.uncertain);
@@ -171,10 +176,31 @@ public:
         outcome->finishedMs = now;
         outcome->figures = m_pass;
         Framework::Topics::Post(kScanPassTopic, outcome);
+        NoteHealth(skip, why);
     }
     PassState& Figures() { return m_pass; }
 
 private:
+    // The last pass decides: a skipped pass, or files it could not check
+    // to the end, leave detection incomplete until a clean pass.
+    void NoteHealth(PassSkip skip, const SDK::Status& why) const
+    {
+        const std::string pass = "the last pass (" + m_pass.task + ")";
+        if (skip != PassSkip::None) {
+            Framework::Health::Raise(kPassHealth, Framework::Health::Severity::Degraded,
+                                     pass + " was skipped: " + why.message());
+        } else if (m_pass.filesTimedOut + m_pass.filesFailed > 0) {
+            Framework::Health::Raise(kPassHealth, Framework::Health::Severity::Degraded,
+                                     pass + " could not check " +
+                                         std::to_string(m_pass.filesTimedOut + m_pass.filesFailed) +
+                                         " file(s) to the end (" + std::to_string(m_pass.filesTimedOut) +
+                                         " timed out, " + std::to_string(m_pass.filesFailed) +
+                                         " failed); they were kept for a second look");
+        } else {
+            Framework::Health::Clear(kPassHealth);
+        }
+    }
+
     PassState m_pass;
     PassState* m_previous;
     bool m_ended = false;
@@ -204,13 +230,40 @@ void PublishProgress()
 // Whether any task said anything about the rule library yet.
 std::atomic<bool> g_rulesPublished{false};
 
+// The reason of the skipped pass last logged, so that a pass skipped again
+// for the same reason is not logged again; a pass that runs resets it.
+Poco::FastMutex g_skipLogMutex;
+std::string g_loggedSkip;
+
+void LogSkipOnce(Poco::Logger* logger, const std::string& task, const std::string& reason)
+{
+    {
+        Poco::FastMutex::ScopedLock lock(g_skipLogMutex);
+        if (g_loggedSkip == reason) {
+            return;
+        }
+        g_loggedSkip = reason;
+    }
+    SDK_LOG(logger, Poco::Message::PRIO_WARNING, kSource,
+            "Scan pass of %s skipped: %s. Nothing is checked until this is fixed; said once, not at every pass.",
+            task, reason);
+}
+
+void ForgetSkip()
+{
+    Poco::FastMutex::ScopedLock lock(g_skipLogMutex);
+    g_loggedSkip.clear();
+}
+
 void PublishRules(const std::string& path, const char* state, const std::string& loaded,
-                  const std::string& wanted, const std::string& hash, const std::string& url)
+                  const std::string& loadedHash, const std::string& wanted, const std::string& hash,
+                  const std::string& url)
 {
     Json::Value v(Json::objectValue);
     v["path"] = path;
     v["state"] = state;
     v["loaded_version"] = loaded;
+    v["loaded_hash"] = loadedHash;
     v["wanted_version"] = wanted;
     v["wanted_hash"] = hash;
     v["url"] = url;
@@ -259,8 +312,11 @@ struct FileId {
 // For a file without a certain match of its own: scans each layer the
 // decoder uncovers. A certain match on a layer replaces `result` and ends
 // decoding; an uncertain one is kept only when nothing matched before.
+// `failure` names the first layer the rules could not finish ("" when all
+// did); `timedOut` is set when that was the time limit.
 void ScanDecodedLayers(SDK::YaraUtils& yara, Poco::Logger* logger, const std::string& content,
-                       const SDK::ScanContext& fileContext, DetectResult& result)
+                       const SDK::ScanContext& fileContext, DetectResult& result, std::string& failure,
+                       bool& timedOut)
 {
     LayerDecoder decoder;
     const ScriptDialect dialect = fileContext.filetype == "ASP" ? ScriptDialect::Basic : ScriptDialect::CLike;
@@ -271,8 +327,10 @@ void ScanDecodedLayers(SDK::YaraUtils& yara, Poco::Logger* logger, const std::st
         DetectResult found;
         found.certainMinScore = result.certainMinScore;
         if (!yara.CheckBuffer(layer.data.data(), layer.data.size(), &found, kScanTimeoutS, context)) {
-            SDK_LOG(logger, Poco::Message::PRIO_WARNING, kSource, "Check decoded layer failed, path(%s): %s.",
-                    fileContext.filepath, yara.LastError());
+            if (failure.empty()) {
+                failure = yara.LastError();
+                timedOut = yara.TimedOut();
+            }
             return true;
         }
         if (!found.matched || (result.matched && !found.certain)) {
@@ -386,17 +444,20 @@ int ScanWebshellTask::Init()
     }
     m_webshellLibPath = installDir + kLibRelativePath;
     if (!g_rulesPublished.load()) {
-        PublishRules(m_webshellLibPath, "none", "", "", "", "");
+        PublishRules(m_webshellLibPath, "none", "", "", "", "", "");
     }
     for (unsigned int kind : kAssetKinds) {
         SendDirectMsg(kMsgSyncTask, new AssetRegisterMessage(kind, this));
     }
     ContainerWebshellScanInit();
+    // A library that arrives is loaded at once, not at the next pass.
+    Framework::Topics::Subscribe(kDownloadTopic, GetMailbox());
     return Framework::Task::Init();
 }
 
 int ScanWebshellTask::UnInit()
 {
+    Framework::Topics::Unsubscribe(kDownloadTopic, GetMailbox());
     ContainerWebshellScanUnInit();
     // Watches end with the task: once monitoring is switched off or the
     // feature disabled, nothing is held on its behalf.
@@ -408,6 +469,31 @@ int ScanWebshellTask::UnInit()
         SendDirectMsg(kMsgSyncTask, new AssetUnRegisterMessage(kind, this));
     }
     return Framework::Task::UnInit();
+}
+
+int ScanWebshellTask::InterceptMsg(std::shared_ptr<Framework::Message>& msg)
+{
+    const auto* download = dynamic_cast<const DownloadMessage*>(msg.get());
+    if (download == nullptr) {
+        return 0;
+    }
+    if (download->ok && download->target == m_webshellLibPath) {
+        OnRulesArrived();
+    }
+    return 1;
+}
+
+void ScanWebshellTask::OnRulesArrived()
+{
+    PrepareRules();
+}
+
+void ScanWebshellTask::PrepareRules()
+{
+    DetectWebshellPolicy* policy = GetDetectPolicy();
+    if (policy != nullptr) {
+        CheckLocalWebshellLib(policy->GetLibVersion(), policy->GetLibUrl(), policy->GetLibHash());
+    }
 }
 
 void ScanWebshellTask::ReceiveMsg()
@@ -466,49 +552,143 @@ SDK::Status ScanWebshellTask::PreparePolicy(PassSkip& skip)
     m_uploadFileCountPerDay = policy->GetUploadFileCountPerDay();
     WebshellFileUploadRecorder::GetInstance().SetUploadFileCountPerDay(m_uploadFileCountPerDay);
     if (!CheckLocalWebshellLib(policy->GetLibVersion(), policy->GetLibUrl(), policy->GetLibHash(), &skip)) {
-        switch (skip) {
-        case PassSkip::RulesMissing:
-            return SDK::Status::Error("the rule library " + m_webshellLibPath + " is missing");
-        case PassSkip::RulesMismatch:
-            return SDK::Status::Error("the rule library at " + m_webshellLibPath +
-                                      " does not match the policy's lib_hash");
-        default:
-            return SDK::Status::Error("the rule library " + m_webshellLibPath + " cannot be loaded");
-        }
+        return SDK::Status::Error(m_rulesProblem);
     }
     skip = PassSkip::None;
     return SDK::Status::Ok();
 }
 
+// One rule library for all the module's tasks: compiled once and shared by
+// their scanners, so every task detects with the same rules and status
+// says which. The rules in force change only when a library compiled:
+// until then the ones loaded before keep detecting.
+struct ScanWebshellTask::SharedRules {
+    Poco::FastMutex mutex;
+    SDK::YaraUtils yara{&ScanWebshellTask::Callback};
+    std::string path;     // the library file these rules are for
+    std::string version;  // of the rules in force ("" none)
+    std::string hash;
+    std::string failedLib;  // version and digest of a library that did not load
+    std::string failedReason;
+    uint64_t generation = 0;  // bumped whenever the rules in force change
+};
+
+ScanWebshellTask::SharedRules& ScanWebshellTask::Library()
+{
+    static SharedRules rules;
+    return rules;
+}
+
+// Under the library's lock.
+void ScanWebshellTask::AdoptRulesLocked(SharedRules& shared)
+{
+    if (m_rulesGeneration == shared.generation) {
+        return;
+    }
+    if (shared.yara.HasRules()) {
+        if (!m_yara.ShareRulesOf(shared.yara)) {
+            SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource, "Task %s cannot use the rules of version %s: %s.",
+                    GetTaskName(), shared.version, m_yara.LastError());
+            return;
+        }
+    } else {
+        m_yara.CleanUsedRules();
+    }
+    m_rulesGeneration = shared.generation;
+    m_loadedLibVersion = shared.version;
+    m_loadedLibHash = shared.hash;
+}
+
+void ScanWebshellTask::SyncRules()
+{
+    SharedRules& shared = Library();
+    Poco::FastMutex::ScopedLock lock(shared.mutex);
+    if (shared.path == m_webshellLibPath) {
+        AdoptRulesLocked(shared);
+    }
+}
+
+// Health says what is missing: failing without any rules, degraded while
+// older ones stand in.
 bool ScanWebshellTask::CheckLocalWebshellLib(const std::string& libVersion, const std::string& libUrl,
                                              const std::string& libHash, PassSkip* why)
 {
+    SharedRules& shared = Library();
+    Poco::FastMutex::ScopedLock lock(shared.mutex);
+    if (shared.path != m_webshellLibPath) {
+        // Another installation (tests run several in one process): its own library.
+        shared.yara.CleanUsedRules();
+        shared.path = m_webshellLibPath;
+        shared.version.clear();
+        shared.hash.clear();
+        shared.failedLib.clear();
+        ++shared.generation;
+    }
+    AdoptRulesLocked(shared);
+    auto publish = [&](const char* state) {
+        PublishRules(m_webshellLibPath, state, shared.version, shared.hash, libVersion, libHash, libUrl);
+    };
+    // The library of the policy is not usable: old rules, if any, stay.
+    auto without = [&](PassSkip skip, const std::string& problem) {
+        if (m_yara.HasRules()) {
+            m_rulesProblem.clear();
+            Framework::Health::Raise(kRulesHealth, Framework::Health::Severity::Degraded,
+                                     problem + "; the rules of version " + m_loadedLibVersion + " stay in force");
+            return true;
+        }
+        m_rulesProblem = problem;
+        Framework::Health::Raise(kRulesHealth, Framework::Health::Severity::Failing, "no rules loaded: " + problem);
+        if (why != nullptr) {
+            *why = skip;
+        }
+        return false;
+    };
+    auto inForce = [&]() {
+        publish("loaded");
+        m_rulesProblem.clear();
+        Framework::Health::Clear(kRulesHealth);
+        return true;
+    };
+
     bool flag = true;
     std::string digest;
-    const int hashResult = SDK::FileUtils::GetFileSha256(m_webshellLibPath, flag, digest, kLibHashSizeLimit);
+    const int hashResult = SDK::FileUtils::GetFileSha256(m_webshellLibPath, flag, digest, kNoHashLimit);
     if (hashResult == -1 || digest != libHash) {
-        PublishRules(m_webshellLibPath, hashResult == -1 ? "missing" : "hash_mismatch", m_loadedLibVersion,
-                     libVersion, libHash, libUrl);
-        if (why != nullptr) {
-            *why = hashResult == -1 ? PassSkip::RulesMissing : PassSkip::RulesMismatch;
-        }
+        const bool missing = hashResult == -1;
+        publish(missing ? "missing" : "hash_mismatch");
         SendFileDownloadMsg(m_webshellLibPath, libUrl, libHash);
-        return false;
+        return without(missing ? PassSkip::RulesMissing : PassSkip::RulesMismatch,
+                       "the rule library " + m_webshellLibPath +
+                           (missing ? " is missing" : " does not match the policy's lib_hash") + " (version " +
+                           libVersion + " asked for from " + libUrl + ")");
     }
-    if (libVersion == m_loadedLibVersion) {
-        return true;
+    if (libVersion == shared.version && m_yara.HasRules()) {
+        return inForce();
     }
-    m_yara.CleanUsedRules();
-    if (!m_yara.LoadRuleFromFile(m_webshellLibPath)) {
-        PublishRules(m_webshellLibPath, "load_failed", m_loadedLibVersion, libVersion, libHash, libUrl);
-        if (why != nullptr) {
-            *why = PassSkip::RulesUnloadable;
+    // A library that failed is not compiled again (nor logged again) until
+    // the policy or the file changes.
+    const std::string attempt = libVersion + " " + digest;
+    if (attempt != shared.failedLib) {
+        if (shared.yara.LoadRuleFromFile(m_webshellLibPath)) {
+            shared.failedLib.clear();
+            shared.version = libVersion;
+            shared.hash = digest;
+            ++shared.generation;
+            AdoptRulesLocked(shared);
+            SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "Rule library version %s loaded from %s.",
+                    libVersion, m_webshellLibPath);
+            return inForce();
         }
-        return false;
+        shared.failedLib = attempt;
+        shared.failedReason = shared.yara.LastError();
+        SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource, "Rule library version %s (%s) not loaded: %s; %s.",
+                libVersion, m_webshellLibPath, shared.failedReason,
+                m_yara.HasRules() ? "the rules of version " + m_loadedLibVersion + " stay in force"
+                                  : std::string("no rules are loaded, nothing is checked"));
     }
-    m_loadedLibVersion = libVersion;
-    PublishRules(m_webshellLibPath, "loaded", m_loadedLibVersion, libVersion, libHash, libUrl);
-    return true;
+    publish("load_failed");
+    return without(PassSkip::RulesUnloadable, "the rule library " + m_webshellLibPath + " (version " + libVersion +
+                                                  ") cannot be loaded: " + shared.failedReason);
 }
 
 void ScanWebshellTask::SendFileDownloadMsg(const std::string& path, const std::string& url,
@@ -556,9 +736,11 @@ void ScanWebshellTask::Check()
     PassSkip skip = PassSkip::None;
     const SDK::Status prepared = PreparePolicy(skip);
     if (!prepared) {
+        LogSkipOnce(m_logger, GetTaskName(), prepared.message());
         pass.End(skip, prepared);
         return;
     }
+    ForgetSkip();
     SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "Webshell task check OS web directory. ");
     for (const auto& root : m_scanPathSet) {
         pass.Figures().roots.append(root);
@@ -847,9 +1029,10 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     if (!CheckFileType(path)) {
         return;
     }
-    if (figures != nullptr) {
-        ++figures->filesChecked;
-        figures->bytesChecked += static_cast<uint64_t>(st.st_size);
+    if (!m_yara.HasRules()) {
+        SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource, "File %s not checked: no rules are loaded yet.",
+                path);
+        return;
     }
     DetectResult result;
     if (policy != nullptr) {
@@ -859,24 +1042,60 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     // match, layer by layer as the decoder uncovers them.
     std::string content;
     bool scanned = false;
+    std::string failure;
     SDK::ScanContext context = SDK::ScanContext::ForPath(path);
     // A walk hands the file already opened relative to its directory, so
     // paths longer than PATH_MAX are read too.
     if (static_cast<uint64_t>(st.st_size) > kDecodeFileLimit) {
         scanned = fd >= 0 ? m_yara.CheckFd(fd, path, &result, kScanTimeoutS)
                           : m_yara.CheckFile(path, &result, kScanTimeoutS);
-    } else if ((fd >= 0 ? SDK::ReadAll(fd, kDecodeFileLimit, content, path)
-                        : SDK::ReadRegularFile(path, kDecodeFileLimit, content))
-                   .ok()) {
-        context.Measure(content.data(), content.size());
-        scanned = m_yara.CheckBuffer(content.data(), content.size(), &result, kScanTimeoutS, context);
+    } else {
+        const SDK::ReadResult read = fd >= 0 ? SDK::ReadAll(fd, kDecodeFileLimit, content, path)
+                                             : SDK::ReadRegularFile(path, kDecodeFileLimit, content);
+        if (read.ok()) {
+            context.Measure(content.data(), content.size());
+            scanned = m_yara.CheckBuffer(content.data(), content.size(), &result, kScanTimeoutS, context);
+        } else if (read.error == SDK::ReadError::Missing) {
+            // Gone since it was named: nothing left to check.
+            SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "File %s is gone: %s.", path,
+                    read.status.message());
+            return;
+        } else if (read.error == SDK::ReadError::NotRegular) {
+            // A FIFO or device named like a page: never read, never kept.
+            SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource, "Check file failed, path(%s).", path);
+            return;
+        } else {
+            failure = "cannot read it: " + read.status.message();
+        }
+    }
+    bool timedOut = !scanned && m_yara.TimedOut();
+    if (!scanned && failure.empty()) {
+        failure = m_yara.LastError();
+    }
+    if (scanned && !result.certain && !content.empty()) {
+        std::string layerFailure;
+        ScanDecodedLayers(m_yara, m_logger, content, context, result, layerFailure, timedOut);
+        // A layer the rules could not finish may hide what the file is.
+        if (!result.certain && !layerFailure.empty()) {
+            scanned = false;
+            failure = layerFailure;
+        }
     }
     if (!scanned) {
-        SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource, "Check file failed, path(%s).", path);
+        // Not known to be clean: said, counted apart and kept like a
+        // suspicious file, so padding or match explosions hide nothing.
+        SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
+                "File %s not checked to the end (%s); kept for a second look within the upload quota.", path,
+                failure);
+        if (figures != nullptr) {
+            ++(timedOut ? figures->filesTimedOut : figures->filesFailed);
+        }
+        SendFileUploadMsg(path);
         return;
     }
-    if (!result.certain && !content.empty()) {
-        ScanDecodedLayers(m_yara, m_logger, content, context, result);
+    if (figures != nullptr) {
+        ++figures->filesChecked;
+        figures->bytesChecked += static_cast<uint64_t>(st.st_size);
     }
     if (!result.matched) {
         return;
@@ -1029,7 +1248,7 @@ void ScanWebshellTask::SendDetectResultMsg(const std::string& filePath, const De
     }
     bool flag = true;
     std::string sha256;
-    if (SDK::FileUtils::GetFileSha256(filePath, flag, sha256, kEventHashSizeLimit) == 0) {
+    if (SDK::FileUtils::GetFileSha256(filePath, flag, sha256, kNoHashLimit) == 0) {
         file["file_sha256"] = sha256;
     }
 
@@ -1126,11 +1345,14 @@ void ScanWebshellTask::SendFileUploadMsg(const std::string& path)
     if (!recorder.CheckUploadWebshellFile(path)) {
         return;
     }
+    // Recorded before it is sent: the service may report the outcome (and
+    // give the unit back) before this thread goes on.
+    const int count = recorder.GetUploadFileCount();
+    recorder.AddUploadedWebshellFile(path);
     SendDirectMsg(kFileCommReportTask,
                   new Framework::FileMessage(Framework::FileMessage::UPLOAD, path, "webshell", ""));
     SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "Upload file, file path(%s), count(%d).", path,
-            recorder.GetUploadFileCount());
-    recorder.AddUploadedWebshellFile(path);
+            count);
     if (t_pass != nullptr) {
         ++t_pass->uploads;
     }
@@ -1212,6 +1434,7 @@ int ScanWebshellTask::FileNotifyMessageAction(Engine::FileNotifyMessage* msg)
     if ((msg->mask & kEventIsDir) != 0) {
         return 0;
     }
+    SyncRules();
     const std::string eventPath = msg->GetEventFilePath();
     SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "Receive file notify message, file path(%s).",
             eventPath);

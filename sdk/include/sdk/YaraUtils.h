@@ -1,5 +1,6 @@
 #pragma once
-// libyara wrapper: one compiled rule set per object, scanned by the owner.
+// libyara wrapper: one compiled rule set per object (or shared between
+// objects, ShareRulesOf), scanned by the owner.
 //
 // Threads: an object is used by one thread at a time (each scan task owns
 // one). It keeps one libyara scanner, made when rules load and reused for
@@ -64,8 +65,14 @@ public:
     YaraUtils& operator=(const YaraUtils&) = delete;
 
     // Accepts compiled rules (yarac output) and rule source. Compile errors
-    // are logged with file and line. false leaves no rules loaded.
+    // are logged with file and line. false leaves the rules loaded before
+    // (if any) in force: new rules replace them only once they are ready.
     bool LoadRuleFromFile(const std::string& path);
+    // Scans from here on with the rules `source` has loaded (shared, with a
+    // scanner of this object's own, so each object still belongs to one
+    // thread); the rules live while any object uses them. false, keeping
+    // the rules in force, when `source` has none or no scanner can be made.
+    bool ShareRulesOf(const YaraUtils& source);
     // Drops the loaded rules; harmless when none are loaded.
     void CleanUsedRules();
     bool HasRules() const;
@@ -91,15 +98,18 @@ public:
 
     // The last error text (for logs).
     const std::string& LastError() const { return m_lastError; }
+    // The last failed check stopped at its time limit (not another error).
+    bool TimedOut() const { return m_timedOut; }
 
 private:
     bool Scan(const void* data, std::size_t size, int fd, void* userData, int timeout,
               const ScanContext& context);
 
     Callback m_callback;
-    YR_RULES* m_rules = nullptr;
+    std::shared_ptr<YR_RULES> m_rules;
     YR_SCAN_CONTEXT* m_scanner = nullptr;
     std::string m_lastError;
+    bool m_timedOut = false;
 };
 
 }  // namespace SDK

@@ -13,7 +13,8 @@
 // m_reportHistoryMutex (duplicate suppression) and m_containerLock (container
 // cache, also taken by other tasks copying the file-change task's cache).
 // The policy, the suffix list, the rules and the watched set are used by the
-// task's own thread only.
+// task's own thread only. The rules themselves are compiled once for all
+// tasks (behind the library's own lock) and shared.
 
 #include <cstdint>
 #include <list>
@@ -78,8 +79,17 @@ public:
     // reason of a refusal: the Status an operator reads and the typed skip.
     bool ParsePolicyContent();
     SDK::Status PreparePolicy(PassSkip& skip);
+    // true while rules are in force: the policy's library, or older rules
+    // standing in while it is fetched or when it does not load.
     bool CheckLocalWebshellLib(const std::string& libVersion, const std::string& libUrl,
                                const std::string& libHash, PassSkip* why = nullptr);
+    // The policy's library: fetched when missing or stale, loaded when new.
+    void PrepareRules();
+    // A finished download of the rule library (kDownloadTopic) prepares the
+    // rules on the task's own thread; the file-change task also registers
+    // its watches then.
+    int InterceptMsg(std::shared_ptr<Framework::Message>& msg) override;
+    virtual void OnRulesArrived();
     void SendFileDownloadMsg(const std::string& path, const std::string& url, const std::string& sha256);
 
     // Scan directories.
@@ -140,6 +150,14 @@ protected:
     DetectWebshellPolicy* GetDetectPolicy();
 
 private:
+    // The module's one rule library (ScanWebshellTask.cpp); each task scans
+    // it with a scanner of its own.
+    struct SharedRules;
+    static SharedRules& Library();
+    void AdoptRulesLocked(SharedRules& shared);
+    // Takes up rules another task loaded since.
+    void SyncRules();
+
     // The walk below a root opened as `rootFd`.
     void WalkTree(int rootFd, const std::string& root, WalkState& walk, const ContainerCacheInfo& cache);
     // A regular file met by the walk: `name` relative to `dirFd`, reported as `path`.
@@ -151,6 +169,10 @@ private:
     std::string m_webshellLibPath;
     SDK::YaraUtils m_yara;
     std::string m_loadedLibVersion;
+    std::string m_loadedLibHash;
+    uint64_t m_rulesGeneration = 0;  // of the shared rules m_yara uses
+    // Why the pass cannot run for want of rules ("" while rules are in force).
+    std::string m_rulesProblem;
     std::vector<std::string> m_fileTypeList;
     std::set<std::string> m_scanPathSet;
     std::set<std::string> m_monitorDirSet;
@@ -183,6 +205,10 @@ class OnceScanWebshellTask : public ScanWebshellTask {
 public:
     OnceScanWebshellTask();
     ~OnceScanWebshellTask() override;
+    // Called for each policy the module accepts: the base Init, then the
+    // rule library of that policy, so a download starts when the policy is
+    // applied rather than at the first pass.
+    int Init() override;
     int Run() override;
 };
 
@@ -194,6 +220,8 @@ public:
     // the base fails (no watch is requested then).
     int Init() override;
     int Run() override;
+    // The rules and then the watches.
+    void OnRulesArrived() override;
 };
 
 }  // namespace Engine
