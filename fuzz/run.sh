@@ -37,9 +37,9 @@ for name in "${names[@]}"; do
   log="$artifacts/$name.log"
   extra=()
   case "$name" in
-    # The control server keeps a thread per request until it stops, so every
-    # input ends with more allocations than frees and libFuzzer would scan
-    # the whole heap for leaks after each request (a fourth of the speed).
+    # The control server reaps a request's thread only on its next round, so
+    # every input ends with more allocations than frees and libFuzzer would
+    # scan the whole heap for leaks after each request (a fourth of the speed).
     control_socket) extra=(-detect_leaks=0) ;;
   esac
   echo "== fuzz $name for ${seconds}s"

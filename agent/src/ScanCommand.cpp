@@ -54,6 +54,7 @@
 
 #include "Commands.h"
 #include "framework/Engine.h"
+#include "framework/Health.h"
 #include "framework/Mailbox.h"
 #include "framework/Topics.h"
 #include "message/Outcomes.h"
@@ -422,7 +423,8 @@ int ScanCommandMain(const AgentOptions& options)
         }
         // Asking for a scan is the operator's decision: a policy that turns
         // the resident feature off still names what to scan.
-        if (policy["enabled"].isBool() && !policy["enabled"].asBool()) {
+        const Json::Value& enabled = policy.get("enabled", Json::Value());
+        if (enabled.isBool() && !enabled.asBool()) {
             std::cerr << "ardent-agent scan: " << options.policyFile
                       << " disables the feature; scanning with it all the same\n";
             policy["enabled"] = true;
@@ -534,6 +536,9 @@ int ScanCommandMain(const AgentOptions& options)
     Outcomes outcomes;
     Framework::Engine engine;
     engine.Tasks().HoldSchedules(true);
+    // The verdict is the resident agent's; a one-shot scan says what went
+    // wrong on stderr and in its exit code.
+    Framework::Health::LogVerdictChanges(false);
     engine.config().setString("agent.install_dir", install);
     engine.config().setString("agent.log_dir", install + "log");
     engine.config().setString("agent.events", sink);

@@ -25,6 +25,7 @@ std::map<std::string, Problem>& Problems()
     return problems;
 }
 std::string g_lastVerdict = "ok";
+bool g_logChanges = true;
 
 const char* Name(Health::Severity severity)
 {
@@ -46,6 +47,10 @@ void NoteChangeLocked()
 {
     const std::string verdict = VerdictLocked();
     if (verdict == g_lastVerdict) {
+        return;
+    }
+    if (!g_logChanges) {
+        g_lastVerdict = verdict;
         return;
     }
     std::string reasons;
@@ -100,6 +105,12 @@ void Health::ClearPrefix(const std::string& prefix)
     if (changed) {
         NoteChangeLocked();
     }
+}
+
+void Health::LogVerdictChanges(bool on)
+{
+    Poco::FastMutex::ScopedLock lock(g_mutex);
+    g_logChanges = on;
 }
 
 std::string Health::Verdict()

@@ -1,7 +1,8 @@
 // Real-time detection end to end: the real `ardent-agent run` with
 // "monitor_file_change" on reports web shells written into a watched root,
 // into a new nested directory of it and inside a directory moved into it,
-// each once; a policy change moves the watch from one root to another.
+// each once; a policy change moves the watch from one root to another; the
+// watch follows rules that arrive after the start.
 
 #include <sys/stat.h>
 
@@ -140,6 +141,46 @@ TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
     reported = ReportedPaths(events);
     EXPECT_EQ(0u, reported.count(stale));
     EXPECT_EQ(0u, reported.count(staleNested));
+
+    EXPECT_EQ(0, agent.Stop(15, 20000)) << agent.Stderr();
+}
+
+// A fresh install whose library cannot be fetched yet: no watch can be held
+// without rules. Once `ctl policy` names a library that can be fetched, the
+// file-change task holds the watch and a shell written afterwards is
+// reported, without a reload.
+TEST(WatchE2E, WatchesFollowTheRulesWhenTheyArriveAfterTheStart)
+{
+    TempDir dir("e2e-watch-late");
+    const std::string install = TestSupport::MakeInstallTree(dir);
+    const std::string rules = dir.Write("rules/webshell.yar", kShellRules);
+    const std::string root = dir.MkDir("www");
+    const std::string hostRoot = dir.MkDir("host");
+    const std::string events = dir.Join("events.jsonl");
+    Json::Value missing = TestSupport::WebshellPolicy({root}, rules);
+    missing["content"]["monitor_file_change"] = true;
+    missing["content"]["lib_url"] = "file://" + dir.Join("rules/not-yet.yar");
+    const std::string policy = dir.Write("policy.json", Json::FastWriter().write(missing));
+
+    TestSupport::AgentProcess agent;
+    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policy, "--events", events,
+                             "--host-root", hostRoot}));
+    ASSERT_TRUE(WaitFor([&] { return TestSupport::CtlStatus(install)["verdict"].asString() == "failing"; }, 30000,
+                        100))
+        << agent.Stderr();
+    EXPECT_EQ(WatchedRoots(install).count(root), 0u);
+
+    const std::string good = dir.Write("policy-good.json", PolicyText(root, rules));
+    std::string out;
+    ASSERT_EQ(0, TestSupport::RunCommand("'" + TestSupport::AgentBinary() + "' ctl policy '" + good +
+                                             "' --install-dir '" + install + "' 2>&1",
+                                         &out))
+        << out;
+    ASSERT_TRUE(WaitFor([&] { return WatchedRoots(install).count(root) == 1; }, 30000, 100))
+        << "watches: " << Registrations(install) << "\nagent stderr:\n" << agent.Stderr();
+    const std::string shell = dir.Write("www/late.php", kShell);
+    EXPECT_TRUE(WaitFor([&] { return ReportedPaths(events).count(shell) == 1; }, 20000))
+        << "watches: " << Registrations(install) << "\nevents:\n" << TestSupport::ReadFile(events);
 
     EXPECT_EQ(0, agent.Stop(15, 20000)) << agent.Stderr();
 }

@@ -14,6 +14,7 @@
 #include "framework/Engine.h"
 #include "framework/StatusBoard.h"
 #include "message/AssetMessage.h"
+#include "sdk/JsonUtils.h"
 #include "sdk/PathUtils.h"
 #include "webshell/DetectWebshellModule.h"
 #include "webshell/ScanWebshellTask.h"

@@ -26,6 +26,10 @@ public:
     // Clears every key that starts with `prefix` ("webshell." at unload).
     static void ClearPrefix(const std::string& prefix);
 
+    // Whether changes of verdict are logged (on by default). A one-shot
+    // `scan` reports on stderr instead.
+    static void LogVerdictChanges(bool on);
+
     // "ok", "degraded" or "failing".
     static std::string Verdict();
     // {"verdict": ..., "reasons": [{"key", "severity", "reason", "since_ms"}]}

@@ -235,7 +235,7 @@ std::atomic<bool> g_rulesPublished{false};
 Poco::FastMutex g_skipLogMutex;
 std::string g_loggedSkip;
 
-void LogSkipOnce(Poco::Logger* logger, const std::string& task, const std::string& reason)
+void LogSkipOnce(Poco::Logger* logger, const std::string& task, PassSkip skip, const std::string& reason)
 {
     {
         Poco::FastMutex::ScopedLock lock(g_skipLogMutex);
@@ -244,7 +244,10 @@ void LogSkipOnce(Poco::Logger* logger, const std::string& task, const std::strin
         }
         g_loggedSkip = reason;
     }
-    SDK_LOG(logger, Poco::Message::PRIO_WARNING, kSource,
+    // A library still on its way is not a fault yet: the download says so
+    // when it fails, and the health says nothing is checked meanwhile.
+    SDK_LOG(logger, skip == PassSkip::RulesMissing ? Poco::Message::PRIO_INFORMATION : Poco::Message::PRIO_WARNING,
+            kSource,
             "Scan pass of %s skipped: %s. Nothing is checked until this is fixed; said once, not at every pass.",
             task, reason);
 }
@@ -697,7 +700,9 @@ void ScanWebshellTask::SendFileDownloadMsg(const std::string& path, const std::s
     // The report service installs the file only when it has this digest.
     SendDirectMsg(kFileCommReportTask,
                   new Framework::FileMessage(Framework::FileMessage::DOWNLOAD, path, sha256, url));
-    SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "Download file, url(%s).", url);
+    // Every task asks; the report service coalesces the requests and logs
+    // the download itself once.
+    SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "Download file, url(%s).", url);
 }
 
 // --------------------------------------------------------- scan directories
@@ -736,7 +741,7 @@ void ScanWebshellTask::Check()
     PassSkip skip = PassSkip::None;
     const SDK::Status prepared = PreparePolicy(skip);
     if (!prepared) {
-        LogSkipOnce(m_logger, GetTaskName(), prepared.message());
+        LogSkipOnce(m_logger, GetTaskName(), skip, prepared.message());
         pass.End(skip, prepared);
         return;
     }
