@@ -253,8 +253,9 @@ rule php_remote_code_dropper : certain extra_php
     strings:
         $copy = /\b(copy|file_put_contents|fwrite)\s*\(\s*["']https?:\/\/[^"'\n]{4,200}["']\s*,\s*["'][^"'\n]{1,80}\.(php|phtml|inc)["']/ nocase
         $put = /\bfile_put_contents\s*\(\s*["'][^"'\n]{1,80}\.(php|phtml)["']\s*,\s*@?\s*file_get_contents\s*\(\s*["']https?:\/\//  nocase
-        // base64 of "#!/usr/bin/...", "#!/bin/...", "#include <", an MZ or ELF header
-        $embedded = /["'](IyEvdXNyL2Jpbi9|IyEvYmluL|I2luY2x1ZGUgPH|TVqQAAMAAAAEAAAA|f0VMRgE|f0VMRgI)[A-Za-z0-9+\/\r\n]{40}/
+        // base64 of "#!/usr/bin/...", "#!/bin/...", "#include <", an MZ or ELF
+        // header, and of an ELF header's base64 (encoded twice)
+        $embedded = /["'](IyEvdXNyL2Jpbi9|IyEvYmluL|I2luY2x1ZGUgPH|TVqQAAMAAAAEAAAA|f0VMRgE|f0VMRgI|ZjBWTVJnRU|ZjBWTVJnSU)[A-Za-z0-9+\/\r\n]{40}/
         $write = /\b(fwrite|fputs|file_put_contents)\s*\(/ nocase
     condition:
         is_php and ($copy or $put or ($embedded and $write))
@@ -328,7 +329,7 @@ rule php_name_builders : certain extra_php
         $strip = /\$\w{1,30}\(\s*["'][^"'\n]{1,4}["']\s*,\s*(""|'')\s*,\s*["'][^"'\n]{10,80}["']\s*\)/
         $run_code = /\b(eval|assert|create_function)\s*\(/ nocase
         $run_varvar = /\$\{\s*(strtoupper|strtolower|\$\w)/ nocase
-        $run_call = /\$\w{1,30}\(\);\s*\?>/
+        $run_call = /\$\w{1,30}\(\);/
         $run_nested = /\$\w{1,30}\(\$\w{1,30}\(\$\w{1,30}\)\)/
     condition:
         is_php and filesize < 64KB and ($chr_alias or $index or #strip >= 2) and any of ($run_*)
@@ -366,6 +367,10 @@ rule php_webshell_family : certain extra_php
         $jak = "jak3fr0z" nocase
         $pas = "P.A.S. v" nocase
         $webadmin = "Web Shell by" nocase
+        // b374k keeps GET and POST merged in $_GP; WSO dispatches to action*() handlers
+        $b374k_gp = /\$_GP\s*\[\s*['"]/
+        $wso_handlers = /function\s+action(FilesMan|SecInfo|Console|FilesTools|StringTools|SafeMode|Bruteforce|Sql|Network|SelfRemove|Php)\s*\(/
+        $wso_dispatch = /call_user_func\s*\(\s*['"]action['"]\s*\.\s*\$_POST\s*\[\s*['"]a['"]\s*\]/
         // the back-connect form of the c99/Locus family
         $backconnect = /\$_(POST|GET|REQUEST)\s*\[\s*['"](backconnect|bind)(port|ip)['"]/ nocase
         // C source of a bind or back-connect shell, compiled on the server
@@ -381,8 +386,8 @@ rule php_webshell_family : certain extra_php
         // a name alone is a fragment or a quote; the page must also run code
         is_php and
         ((($exec or $varcall or $hidden) and
-          (any of ($c99, $c99b, $r57, $b374k, $indox, $filesman, $jak, $phpspy, $pas, $webadmin, $backconnect) or ($wso and $wso_action))) or
-         #weevely >= 2 or $weevely3 or ($c_socket and $c_compile))
+          (any of ($c99, $c99b, $r57, $b374k, $b374k_gp, $indox, $filesman, $jak, $phpspy, $pas, $webadmin, $backconnect) or #wso_handlers >= 2 or ($wso and $wso_action))) or
+         #weevely >= 2 or $weevely3 or ($c_socket and $c_compile) or ($wso_dispatch and $wso_handlers))
 }
 
 rule php_shell_console : certain extra_php

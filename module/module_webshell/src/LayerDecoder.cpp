@@ -295,6 +295,39 @@ bool MentionsDecoder(std::string_view s)
            Find(s, "inflate") != std::string_view::npos;
 }
 
+// The text runs code and joins string literals ("gzin"."flate("): the code
+// it runs may be spelled in pieces, so the pieces are joined before calls
+// are looked for.
+bool EvalsJoinedLiterals(std::string_view s)
+{
+    if (Find(s, "eval") == std::string_view::npos && Find(s, "EVAL") == std::string_view::npos &&
+        Find(s, "assert") == std::string_view::npos) {
+        return false;
+    }
+    auto quote = [](char c) { return c == '"' || c == '\''; };
+    std::size_t pos = 0;
+    while (pos < s.size()) {
+        const void* hit = memchr(s.data() + pos, '.', s.size() - pos);
+        if (hit == nullptr) {
+            return false;
+        }
+        const std::size_t at = static_cast<const char*>(hit) - s.data();
+        std::size_t before = at;
+        while (before > 0 && IsSpace(static_cast<unsigned char>(s[before - 1])) && at - before < 8) {
+            --before;
+        }
+        std::size_t after = at + 1;
+        while (after < s.size() && IsSpace(static_cast<unsigned char>(s[after])) && after - at < 8) {
+            ++after;
+        }
+        if (before > 0 && after < s.size() && quote(s[before - 1]) && quote(s[after])) {
+            return true;
+        }
+        pos = at + 1;
+    }
+    return false;
+}
+
 std::size_t CountNumericEscapes(std::string_view s, std::size_t enough)
 {
     std::size_t count = 0;
@@ -891,7 +924,8 @@ private:
         // Calls are read on the folded text, where split and escaped
         // literals have become plain ones.
         std::string folded;
-        const bool didFold = (charCode || decoderCall || CountNumericEscapes(layer, kEscapeTrigger) >= kEscapeTrigger) &&
+        const bool didFold = (charCode || decoderCall || CountNumericEscapes(layer, kEscapeTrigger) >= kEscapeTrigger ||
+                              EvalsJoinedLiterals(layer)) &&
                              Fold(layer, folded);
         const std::string_view text = didFold ? std::string_view(folded) : layer;
         if (didFold) {
@@ -1553,7 +1587,8 @@ bool LayerDecoder::HasTrigger(std::string_view text)
         return false;
     });
     return call || Find(text, "#@~^") != std::string_view::npos ||
-           CountNumericEscapes(text, kEscapeTrigger) >= kEscapeTrigger || MentionsDecoder(text);
+           CountNumericEscapes(text, kEscapeTrigger) >= kEscapeTrigger || MentionsDecoder(text) ||
+           EvalsJoinedLiterals(text);
 }
 
 DecodeEnd LayerDecoder::Decode(std::string_view file, ScriptDialect dialect, const Sink& sink)
