@@ -188,8 +188,40 @@ rule php_command_runner_fallbacks : certain extra_php
         $fe_popen = /(function_exists|is_callable)\s*\(\s*["']popen["']/ nocase
         $fe_proc = /(function_exists|is_callable)\s*\(\s*["']proc_open["']/ nocase
         $request = /\$_(POST|GET|REQUEST|COOKIE)\s*\[/
+        // the command functions called with their errors silenced
+        $quiet = /@\s*(exec|passthru|system|shell_exec|popen|proc_open)\s*\(\s*\$/ nocase
     condition:
-        is_php and filesize < 64KB and 3 of ($fe_*) and $request
+        is_php and filesize < 64KB and 3 of ($fe_*) and ($request or #quiet >= 2)
+}
+
+rule php_log_wiper : certain extra_php
+{
+    meta:
+        description = "PHP erases shell histories and system logs through commands or file calls (covering an intrusion's tracks)"
+        score = 90
+    strings:
+        $history = /\.(bash|ksh|zsh|sh)_history/
+        $unset = /unset\s+HISTFILE/
+        $log1 = "/var/log/lastlog"
+        $log2 = /\/(var\/log|etc|var\/run)\/[wu]tmp/
+        $log3 = "/var/log/secure"
+        $log4 = "/var/log/messages"
+        $wipe = /(rm\s+-rf|\bunlink\s*\(|\bsystem\s*\(|\bexec\s*\(|\bshell_exec\s*\(|\bpassthru\s*\(|\bfopen\s*\([^;]{1,60}["']w["'])/ nocase
+    condition:
+        is_php and ($history or $unset) and (2 of ($log*) or $unset or #history >= 2) and $wipe
+}
+
+rule php_tiny_command_wrapper : certain extra_php
+{
+    meta:
+        description = "tiny PHP file whose code is a function that runs a command silently and hands back its output"
+        score = 80
+    strings:
+        $quiet = /@\s*(exec|passthru|system|shell_exec|popen)\s*\(\s*\$\w{1,30}\s*[,)]/ nocase
+        $capture = /\b(ob_start|ob_get_contents|ob_get_clean)\s*\(/ nocase
+        $function = /\bfunction\s+\w{1,30}\s*\(\s*\$/ nocase
+    condition:
+        is_php and filesize < 1KB and $quiet and $capture and $function
 }
 
 rule php_hidden_function_name : certain extra_php
@@ -255,7 +287,7 @@ rule php_remote_code_dropper : certain extra_php
         $put = /\bfile_put_contents\s*\(\s*["'][^"'\n]{1,80}\.(php|phtml)["']\s*,\s*@?\s*file_get_contents\s*\(\s*["']https?:\/\//  nocase
         // base64 of "#!/usr/bin/...", "#!/bin/...", "#include <", an MZ or ELF
         // header, and of an ELF header's base64 (encoded twice)
-        $embedded = /["'](IyEvdXNyL2Jpbi9|IyEvYmluL|I2luY2x1ZGUgPH|TVqQAAMAAAAEAAAA|f0VMRgE|f0VMRgI|ZjBWTVJnRU|ZjBWTVJnSU)[A-Za-z0-9+\/\r\n]{40}/
+        $embedded = /["'](IyEvdXNyL2Jpbi9|IyEvYmluL|I2luY2x1ZGUgPH|TVqQAAMAAAAEAAAA|TVpQAAIAAAAEAA8A|f0VMRgE|f0VMRgI|ZjBWTVJnRU|ZjBWTVJnSU)[A-Za-z0-9+\/\r\n]{40}/
         $write = /\b(fwrite|fputs|file_put_contents)\s*\(/ nocase
     condition:
         is_php and ($copy or $put or ($embedded and $write))
@@ -311,8 +343,23 @@ rule php_eval_of_fetched_code : certain extra_php
         $fetch = /\b(file_get_contents|exif_read_data|fopen|readfile|file)\s*\(\s*["'](https?|ftp):\/\// nocase
         $socket = /\b(socket_read|socket_recv|stream_socket_recvfrom|curl_exec)\s*\(/ nocase
         $eval = /[^\w>:$\\](eval|assert|create_function)\s*\(\s*(@?\s*[a-z_0-9]{2,24}\s*\(\s*){0,5}@?\s*\$/ nocase
+        // the address itself hidden: file_get_contents(pack('H*', ...))
+        $hidden_url = /\b(file_get_contents|fopen|readfile|curl_init)\s*\(\s*(pack|hex2bin|base64_decode|str_rot13|strrev|join|implode|urldecode|rawurldecode|gzinflate)\s*\(/ nocase
+        $code = /\b(eval|assert|create_function)\s*\(/ nocase
     condition:
-        is_php and filesize < 4KB and ($fetch or $socket) and $eval
+        is_php and filesize < 4KB and ((($fetch or $socket) and $eval) or ($hidden_url and $code))
+}
+
+rule php_packed_mail_beacon : certain extra_php
+{
+    meta:
+        description = "packed PHP that mails out the address of the site it runs on (an infection beacon)"
+        score = 85
+    strings:
+        $mail = /\bmail\s*\(/ nocase
+        $where = /\$(_SERVER|HTTP_SERVER_VARS)\s*\[\s*['"](HTTP_HOST|REQUEST_URI|SERVER_NAME|SCRIPT_FILENAME|PHP_SELF|SCRIPT_NAME)['"]/ nocase
+    condition:
+        is_php and layer_depth > 0 and filesize < 16KB and $mail and $where
 }
 
 rule php_name_builders : certain extra_php
@@ -325,14 +372,17 @@ rule php_name_builders : certain extra_php
         $chr_alias = /(\$\w{1,20}\(\d{2,3}\)\.){5}\$\w{1,20}\(\d{2,3}\)/
         // $s[4].$s[5].$s[9].$s[10].$s[6]: a name picked out of an alphabet
         $index = /(\$\w{1,20}(\[\d{1,3}\]|\{\d{1,3}\})\.){5}/
+        // pack('c*', 0x70, 0x61, 99, 107): a name from character codes
+        $pack_c = /pack\s*\(\s*['"]c\*['"](\s*,\s*(0x[0-9a-fA-F]{2}|\d{2,3})){6}/
         // $f("k", "", "kbakske6k4k_kdkekckokdke"): str_replace through a variable
         $strip = /\$\w{1,30}\(\s*["'][^"'\n]{1,4}["']\s*,\s*(""|'')\s*,\s*["'][^"'\n]{10,80}["']\s*\)/
         $run_code = /\b(eval|assert|create_function)\s*\(/ nocase
         $run_varvar = /\$\{\s*(strtoupper|strtolower|\$\w)/ nocase
         $run_call = /\$\w{1,30}\(\);/
         $run_nested = /\$\w{1,30}\(\$\w{1,30}\(\$\w{1,30}\)\)/
+        $run_globals = /\$GLOBALS\s*\[\s*['"]\w{1,20}['"]\s*\]\s*\(/
     condition:
-        is_php and filesize < 64KB and ($chr_alias or $index or #strip >= 2) and any of ($run_*)
+        is_php and filesize < 64KB and ($chr_alias or $index or #strip >= 2 or #pack_c >= 2) and any of ($run_*)
 }
 
 rule php_self_decoding_packer : certain extra_php
