@@ -212,9 +212,12 @@ TEST(HealthE2E, ServiceTaskThatStopsIsAReason)
         const bool quits;
     };
     const auto reasons = [] { return Json::FastWriter().write(Framework::Health::Render()["reasons"]); };
+    // The registry does not own its tasks; they outlive it here.
+    Quitter quitting("quitting_task", true);
+    Quitter staying("staying_task", false);
     Framework::TaskRegistry registry;
-    ASSERT_EQ(0, registry.Register(new Quitter("quitting_task", true), nullptr));
-    ASSERT_EQ(0, registry.Register(new Quitter("staying_task", false), nullptr));
+    ASSERT_EQ(0, registry.Register(&quitting, nullptr));
+    ASSERT_EQ(0, registry.Register(&staying, nullptr));
     ASSERT_TRUE(WaitFor([&] { return reasons().find("framework.task.quitting_task") != std::string::npos; }));
     EXPECT_EQ(Framework::Health::Verdict(), "degraded");
     EXPECT_EQ(1, registry.UnRegister("quitting_task"));
