@@ -78,8 +78,9 @@ const char* const kDataTask = "data_comm_report_task";
 const char* const kFileTask = "file_comm_report_task";
 const char* const kModules[] = {"libreport_module.so", "libwebshell_module.so"};
 
-// The web-shell module hashes its rule library up to this size.
-const long kMaxRulesBytes = 10485760;
+// --rules is installed through the report service's download, which takes
+// up to this much by default (report.download_max_bytes).
+const long kMaxRulesBytes = 64L * 1024 * 1024;
 const size_t kMaxPolicyBytes = 16 * 1024 * 1024;
 const int kDefaultMaxFileSize = 10485760;
 const int kDefaultUploadQuota = 100;
@@ -403,7 +404,7 @@ int ScanCommandMain(const AgentOptions& options)
                                    : " is not a readable file"));
     }
     if (useRules && st.st_size > kMaxRulesBytes) {
-        return Error("rule library " + rulesPath + " is larger than 10 MiB");
+        return Error("rule library " + rulesPath + " is larger than 64 MiB");
     }
 
     Json::Value policy;
