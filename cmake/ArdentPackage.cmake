@@ -1,7 +1,8 @@
 # `make package`: a Debian package of the install tree under
 # CMAKE_INSTALL_PREFIX (default /usr/local/ardent), with the systemd unit in
-# /lib/systemd/system enabled on install and etc/agent.properties kept as a
-# configuration file across upgrades and removals.
+# /lib/systemd/system enabled on install, the manual page where man finds
+# it, and etc/agent.properties kept as a configuration file across upgrades
+# and removals.
 set(ARDENT_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(ARDENT_UNIT_FILE ${CMAKE_BINARY_DIR}/packaging/ardent-agent.service)
 configure_file(${PROJECT_SOURCE_DIR}/packaging/ardent-agent.service.in ${ARDENT_UNIT_FILE} @ONLY)
@@ -10,10 +11,12 @@ foreach(script postinst prerm postrm)
                  FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 endforeach()
 file(WRITE ${CMAKE_BINARY_DIR}/packaging/deb/conffiles "${ARDENT_PREFIX}/etc/agent.properties\n")
+set(ARDENT_MAN_PAGE ${PROJECT_SOURCE_DIR}/packaging/ardent-agent.8)
 configure_file(${PROJECT_SOURCE_DIR}/packaging/deb/install-unit.cmake.in
                ${CMAKE_BINARY_DIR}/packaging/install-unit.cmake @ONLY)
 
 install(FILES ${ARDENT_UNIT_FILE} DESTINATION share/systemd)
+install(FILES packaging/ardent-agent.8 DESTINATION share/man/man8)
 install(FILES packaging/agent.properties DESTINATION etc PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ)
 
 set(CPACK_GENERATOR DEB)

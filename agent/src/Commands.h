@@ -17,6 +17,7 @@ struct AgentOptions {
     int cpuLimit = 0;                // --cpu-limit, percent of one core, 0 = off
     std::string hostRoot = "/";      // --host-root
     bool logStderr = false;          // --log-stderr (run)
+    bool quiet = false;              // -q, --quiet (scan): events and errors only
     std::vector<std::string> args;   // scan: paths; ctl: the request and its argument; check-policy: the file
 };
 

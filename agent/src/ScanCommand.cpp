@@ -564,7 +564,7 @@ int ScanCommandMain(const AgentOptions& options)
 
     // --- the pass, once more if the rules had to be fetched first
     ScanRun run{engine, outcomes, install, install + kLibRelativePath,
-                ::isatty(STDERR_FILENO) == 1 && !(sink == "-" && ::isatty(STDOUT_FILENO) == 1)};
+                !options.quiet && ::isatty(STDERR_FILENO) == 1 && !(sink == "-" && ::isatty(STDOUT_FILENO) == 1)};
     Engine::ScanPassMessage pass;
     std::string error;
     if (!run.Pass(pass, error)) {
@@ -595,7 +595,9 @@ int ScanCommandMain(const AgentOptions& options)
     engine.UnloadModules();  // the report tasks write what is still queued
     outcomes.Pump(0);
 
-    PrintSummary(outcomes, sink == "-" ? std::string("standard output") : sink);
+    if (!options.quiet) {
+        PrintSummary(outcomes, sink == "-" ? std::string("standard output") : sink);
+    }
     const uint64_t unwritten = outcomes.events.held + outcomes.events.dropped;
     if (unwritten > 0) {
         return Error(std::to_string(unwritten) + " events could not be written: " +

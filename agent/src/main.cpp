@@ -1,8 +1,9 @@
 // ardent-agent: the host of the agent's modules.
 //   ardent-agent run  [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR] [--log-stderr]
-//   ardent-agent scan [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [PATH...]
+//   ardent-agent scan [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [-q] [PATH...]
 //   ardent-agent ctl  status|scan-now|reload|policy F
 //   ardent-agent check-policy F
+//   ardent-agent help [COMMAND] | --version
 // Every subcommand takes --install-dir D and --log-level L.
 
 #include <unistd.h>
@@ -18,28 +19,64 @@
 
 namespace {
 
-const char* const kUsage =
-    "usage: ardent-agent <command> [options]\n"
-    "\n"
-    "commands:\n"
-    "  run    run the agent in the foreground until SIGTERM or SIGINT\n"
-    "         [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR]\n"
-    "         [--log-stderr]  (the log is copied to stderr when it is a terminal\n"
-    "                          or with this option)\n"
-    "  scan   one full web-shell scan pass, then exit (0: nothing certain found,\n"
-    "         1: web shells found, 2: error)\n"
-    "         [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [PATH...]\n"
-    "  ctl    talk to the running agent: status | scan-now | reload | policy F\n"
-    "         (status exits 0 ok, 1 degraded, 2 failing, 3 no agent answers)\n"
-    "  check-policy F\n"
-    "         check policy document F as the agent would before applying it;\n"
-    "         reasons on stderr (0: good, 2: the agent would refuse it)\n"
-    "\n"
+struct CommandHelp {
+    const char* name;
+    const char* text;
+};
+
+// One block per command: `ardent-agent help scan` and `ardent-agent scan
+// --help` print it alone, `ardent-agent --help` prints them all.
+const CommandHelp kCommands[] = {
+    {"run",
+     "  run    run the agent in the foreground until SIGTERM or SIGINT\n"
+     "         [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR]\n"
+     "         [--log-stderr]  (the log is copied to stderr when it is a terminal\n"
+     "                          or with this option)\n"},
+    {"scan",
+     "  scan   one full web-shell scan pass, then exit (0: nothing certain found,\n"
+     "         1: web shells found, 2: error)\n"
+     "         [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [-q] [DIR...]\n"
+     "         -q, --quiet   only events and errors: no progress, no summary\n"
+     "         Files kept for a second look are copied to <install>/data/upload/.\n"},
+    {"ctl",
+     "  ctl    talk to the running agent: status | scan-now | reload | policy F\n"
+     "         (status exits 0 ok, 1 degraded, 2 failing, 3 no agent answers)\n"},
+    {"check-policy",
+     "  check-policy F\n"
+     "         check policy document F as the agent would before applying it;\n"
+     "         reasons on stderr (0: good, 2: the agent would refuse it)\n"},
+};
+
+const char* const kCommonOptions =
     "options of every command:\n"
     "  --install-dir D   installation directory (default: the parent of the\n"
     "                    directory holding this program)\n"
     "  --log-level L     fatal, critical, error, warning, notice, information,\n"
-    "                    debug or trace (default information)\n";
+    "                    debug or trace (default information)\n"
+    "\n"
+    "ardent-agent --version prints the version; man ardent-agent has the rest.\n";
+
+// Usage of one command, or of all of them when `command` is empty.
+std::string Usage(const std::string& command = "")
+{
+    std::string out = "usage: ardent-agent <command> [options]\n\ncommands:\n";
+    for (const auto& c : kCommands) {
+        if (command.empty() || command == c.name) {
+            out += c.text;
+        }
+    }
+    return out + "\n" + kCommonOptions;
+}
+
+bool KnownCommand(const std::string& command)
+{
+    for (const auto& c : kCommands) {
+        if (command == c.name) {
+            return true;
+        }
+    }
+    return false;
+}
 
 bool KnownLevel(const std::string& level)
 {
@@ -53,7 +90,7 @@ bool KnownLevel(const std::string& level)
 
 int Fail(const std::string& message)
 {
-    std::cerr << "ardent-agent: " << message << "\n\n" << kUsage;
+    std::cerr << "ardent-agent: " << message << "\n\n" << Usage();
     return 2;
 }
 
@@ -66,12 +103,19 @@ int main(int argc, char** argv)
         return Fail("no command given");
     }
     options.command = argv[1];
-    if (options.command == "-h" || options.command == "--help" || options.command == "help") {
-        std::cout << kUsage;
+    if (options.command == "--version" || options.command == "version") {
+        std::cout << "ardent-agent " << ARDENT_VERSION << "\n";
         return 0;
     }
-    if (options.command != "run" && options.command != "scan" && options.command != "ctl" &&
-        options.command != "check-policy") {
+    if (options.command == "-h" || options.command == "--help" || options.command == "help") {
+        const std::string topic = argc > 2 ? argv[2] : "";
+        if (!topic.empty() && !KnownCommand(topic)) {
+            return Fail("no help for unknown command '" + topic + "'");
+        }
+        std::cout << Usage(topic);
+        return 0;
+    }
+    if (!KnownCommand(options.command)) {
         return Fail("unknown command '" + options.command + "'");
     }
     for (int i = 2; i < argc; ++i) {
@@ -85,8 +129,10 @@ int main(int argc, char** argv)
         };
         std::string cpu;
         if (arg == "-h" || arg == "--help") {
-            std::cout << kUsage;
+            std::cout << Usage(options.command);
             return 0;
+        } else if ((arg == "-q" || arg == "--quiet") && options.command == "scan") {
+            options.quiet = true;
         } else if (arg == "--install-dir") {
             if (!value(options.installDir)) return Fail("--install-dir needs a directory");
         } else if (arg == "--log-level") {

@@ -17,7 +17,7 @@ prefix=$(sed -n 's/^CMAKE_INSTALL_PREFIX:PATH=//p' "$build/CMakeCache.txt")
 rel=${prefix#/}
 
 dpkg-deb -c "$deb" >"$work/contents"
-for f in "./lib/systemd/system/ardent-agent.service" "./$rel/bin/ardent-agent" "./$rel/module/libwebshell_module.so" \
+for f in "./lib/systemd/system/ardent-agent.service" "./usr/share/man/man8/ardent-agent.8" "./$rel/bin/ardent-agent" "./$rel/module/libwebshell_module.so" \
          "./$rel/share/rules/webshell.yar" "./$rel/etc/agent.properties"; do
   grep -q " $f\$" "$work/contents" || fail "$f is not in the package"
 done

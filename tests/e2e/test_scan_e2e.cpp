@@ -236,6 +236,40 @@ TEST_F(ScanE2E, ErrorsExitTwoWithAClearMessage)
     }
 }
 
+// -q leaves only the events; help is per command; --version says which.
+TEST_F(ScanE2E, QuietScanHelpAndVersion)
+{
+    m_dir.Write("www/shell.php", kCertain);
+    const Outcome quiet = Scan({"-q", "--rules", m_rules, m_dir.Join("www")});
+    EXPECT_EQ(quiet.code, 1) << quiet.err;
+    EXPECT_EQ(ParseLines(quiet.out).size(), 1u) << quiet.out;
+    EXPECT_EQ(quiet.err, "");
+
+    struct Case {
+        std::vector<std::string> args;
+        int code;
+        std::string has;
+        std::string hasNot;
+    };
+    const std::vector<Case> cases = {
+        {{"--version"}, 0, "ardent-agent 0.", "usage"},
+        {{"help", "scan"}, 0, "--quiet", "check-policy F"},
+        {{"ctl", "--help"}, 0, "scan-now", "--quiet"},
+        {{"help"}, 0, "check-policy F", ""},
+        {{"help", "nope"}, 2, "no help for unknown command 'nope'", ""},
+    };
+    for (const auto& c : cases) {
+        TestSupport::AgentProcess agent;
+        ASSERT_TRUE(agent.Start(c.args));
+        EXPECT_EQ(agent.Wait(30000), c.code) << c.args[0];
+        const std::string text = agent.Stdout() + agent.Stderr();
+        EXPECT_NE(text.find(c.has), std::string::npos) << text;
+        if (!c.hasNot.empty()) {
+            EXPECT_EQ(text.find(c.hasNot), std::string::npos) << text;
+        }
+    }
+}
+
 TEST_F(ScanE2E, AwkwardFileNamesEachGiveOneLineOfValidJson)
 {
     const std::vector<std::string> names = {
