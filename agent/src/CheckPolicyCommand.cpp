@@ -28,7 +28,6 @@ namespace {
 
 const char* const kPolicyId = "10001";
 const char* const kModule = "module/libwebshell_module.so";
-const size_t kMaxPolicyBytes = 16 * 1024 * 1024;
 
 }  // namespace
 
@@ -40,7 +39,7 @@ int CheckPolicyCommandMain(const AgentOptions& options)
     }
     const std::string& file = options.args[0];
     std::string content;
-    const SDK::ReadResult read = SDK::ReadRegularFile(file, kMaxPolicyBytes, content);
+    const SDK::ReadResult read = SDK::ReadRegularFile(file, Framework::PolicyStore::kMaxDocumentBytes, content);
     if (!read.ok()) {
         std::cerr << "ardent-agent check-policy: cannot read " << read.status.message() << "\n";
         return 2;

@@ -81,7 +81,6 @@ const char* const kModules[] = {"libreport_module.so", "libwebshell_module.so"};
 // --rules is installed through the report service's download, which takes
 // up to this much by default (report.download_max_bytes).
 const long kMaxRulesBytes = 64L * 1024 * 1024;
-const size_t kMaxPolicyBytes = 16 * 1024 * 1024;
 const int kDefaultMaxFileSize = 10485760;
 const int kDefaultUploadQuota = 100;
 // Long enough for the report service's own download timeout to fire first.
@@ -412,7 +411,7 @@ int ScanCommandMain(const AgentOptions& options)
         policy = DefaultPolicy();
     } else {
         std::string text;
-        const SDK::ReadResult read = SDK::ReadRegularFile(options.policyFile, kMaxPolicyBytes, text);
+        const SDK::ReadResult read = SDK::ReadRegularFile(options.policyFile, Framework::PolicyStore::kMaxDocumentBytes, text);
         if (!read.ok()) {
             return Error("policy: cannot read " + read.status.message());
         }

@@ -24,7 +24,6 @@ namespace Framework {
 namespace {
 
 const char* const kSource = "framework/src/PolicyStore";
-const size_t kMaxPolicyBytes = 16 * 1024 * 1024;
 
 Poco::Logger* Log()
 {
@@ -152,7 +151,7 @@ int PolicyStore::ApplyDirectory(bool force)
         const std::string id = name.substr(0, name.size() - 5);
         const std::string path = dir + name;
         std::string content;
-        const SDK::ReadResult read = SDK::ReadRegularFile(path, kMaxPolicyBytes, content);
+        const SDK::ReadResult read = SDK::ReadRegularFile(path, kMaxDocumentBytes, content);
         {
             Poco::FastMutex::ScopedLock lock(m_mutex);
             std::string& refusal = m_fileRefusals[id];

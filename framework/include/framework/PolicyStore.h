@@ -20,6 +20,7 @@
 // FIFO named 10001.json) is refused with a warning naming it, once per
 // change of what is wrong with it.
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <map>
@@ -50,6 +51,9 @@ public:
 
 class PolicyStore {
 public:
+    // Largest policy document read from a file, wherever it comes from.
+    static constexpr std::size_t kMaxDocumentBytes = 16 * 1024 * 1024;
+
     // `directory` gives the policy directory (ends with "/") when asked:
     // configuration may change after the store is made.
     PolicyStore(ModuleLoader& modules, std::shared_ptr<OnDemandTasks> onDemand,
