@@ -180,6 +180,10 @@ TEST_F(DetectTest, MarkerHiddenUnderEachEncodingIsReportedWithItsKeyword)
         {"urldecode.php", "<?php eval(urldecode('echo+%22" + EachByte(marker, "%%%02x") + "%22%3B'));", kMarker},
         {"variable.php", "<?php $p = '" + Base64(Deflate(payload, -15)) + "';\n$c = gzinflate(base64_decode($p)); eval($c);",
          kMarker},
+        // The decoder's own names spelled in pieces inside eval's string.
+        {"joined.php", "<?php eval(\"\\$x=gzin\".\"flate(base\".\"64_de\".\"code(\\\"" + Base64(Deflate(payload, -15)) +
+                           "\\\"));\");",
+         kMarker},
         {"chr.asp", "<% Execute(" + EachByte(marker, "Chr(%d)", " & ") + ") %>", kMarker},
         {"chrw.asp", "<% x = " + EachByte(marker.substr(0, 6), "ChrW(&H%X)", " & ") + " & \"" + marker.substr(6) +
                          "\" ' it's a comment\n%>",
