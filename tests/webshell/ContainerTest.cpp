@@ -46,13 +46,6 @@ protected:
         info->imageId = "sha256:" + id;
         info->imageName = "img/" + name;
         info->rootPath = web.Join(name + "/merged");
-        info->list1 = {"php-fpm", "-F"};
-        info->textMap = {{"io.kubernetes.pod.name", name + "-pod"}};
-        info->pairList = {{1, 2, "pair"}};
-        Engine::MountPoint mount;
-        mount.mountText1 = "/host/data";
-        mount.mountText2 = "/data";
-        info->mountPointList = {mount};
         return info;
     }
 
@@ -95,15 +88,6 @@ TEST_F(ContainerTest, CacheIndicesStartAtOneAndAreNeverReused)
     ASSERT_TRUE(task->GetContainerCache("aaa", stored));
     EXPECT_EQ(stored.name, "alpha");
     EXPECT_EQ(stored.index, 1u);
-    // A lookup copies the whole description, lists and map included.
-    EXPECT_EQ(stored.list1, a->list1);
-    EXPECT_EQ(stored.textMap, a->textMap);
-    ASSERT_EQ(stored.mountPointList.size(), 1u);
-    EXPECT_EQ(stored.mountPointList[0].mountText2, "/data");
-    ASSERT_EQ(stored.pairList.size(), 1u);
-    EXPECT_EQ(stored.pairList[0].text, "pair");
-    EXPECT_EQ(stored.scanPathList, ea.scanPathList);
-
     task->DeleteContainerCache("aaa");
     ASSERT_TRUE(task->InsertContainerCache(ec));
     EXPECT_EQ(ec.index, 3u) << "indices are never reused";
@@ -120,13 +104,6 @@ TEST_F(ContainerTest, CacheIndicesStartAtOneAndAreNeverReused)
                         Poco::Message::PRIO_WARNING), 1u);
     EXPECT_EQ(untouched.name, "keep");
 
-    // The list copy replaces whatever the caller's map held.
-    std::map<std::string, Engine::ContainerCacheInfo> list{{"old", Engine::ContainerCacheInfo()}};
-    task->GetContainerCacheList(list);
-    EXPECT_EQ(list.size(), 2u);
-    EXPECT_EQ(list.count("bbb"), 1u);
-    EXPECT_EQ(list.count("ccc"), 1u);
-    EXPECT_EQ(list["ccc"].index, 3u);
 }
 
 TEST_F(ContainerTest, IndexLookupIsAPlainPrefixTestOnTheRootPath)
@@ -276,11 +253,6 @@ TEST_F(ContainerTest, EventsThatChangeNothing)
     EXPECT_FALSE(task->GetContainerCache("r00t", none));
     EXPECT_FALSE(task->GetContainerCache("b4re", none));
 
-    // A task that does not take container messages.
-    Engine::ContainerMessage msg(true, bare);
-    EXPECT_EQ(msg.MessageHandle(nullptr), -1);
-    Poco::AutoPtr<TestSupport::CaptureTask> other(new TestSupport::CaptureTask("not_a_receiver"));
-    EXPECT_EQ(msg.MessageHandle(static_cast<Framework::Task*>(other.get())), -1);
 }
 
 TEST_F(ContainerTest, SwitchOffLeavesCachedContainersUntilUnInit)
