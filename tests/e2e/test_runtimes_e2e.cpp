@@ -132,19 +132,11 @@ protected:
         Shell("grep -F ' " + m_dir.Path() + "/' /proc/self/mounts | cut -d' ' -f2 | sort -r | xargs -r umount -l");
     }
 
-    bool Installed(const std::vector<std::string>& tools, std::string& why)
+    bool Installed(const std::string& tools, std::string& why)
     {
-        if (geteuid() != 0) {
-            why = "needs root";
-            return false;
-        }
-        for (const auto& t : tools) {
-            if (Shell("command -v " + t + " >/dev/null") != 0) {
-                why = t + " is not installed (scripts/install-deps.sh installs it)";
-                return false;
-            }
-        }
-        return true;
+        why = geteuid() != 0 ? "needs root"
+                             : "needs " + tools + " (scripts/install-deps.sh installs them)";
+        return geteuid() == 0 && Shell("for t in " + tools + "; do command -v $t >/dev/null || exit 1; done") == 0;
     }
 
     std::string Tail(const std::string& log)
@@ -392,7 +384,7 @@ protected:
 TEST_F(RuntimesE2E, DockerAndContainerdContainersAreNamedScannedAndOutliveTheirDaemon)
 {
     std::string why;
-    if (!Installed({"dockerd", "containerd", "ctr", "runc", "/usr/bin/docker"}, why)) {
+    if (!Installed("dockerd containerd ctr runc /usr/bin/docker", why)) {
         GTEST_SKIP() << why;
     }
     m_dir.MkDir("cd");
@@ -447,7 +439,7 @@ TEST_F(RuntimesE2E, DockerAndContainerdContainersAreNamedScannedAndOutliveTheirD
 TEST_F(RuntimesE2E, DockerWithItsOwnContainerdAndStateNamedInItsConfigFile)
 {
     std::string why;
-    if (!Installed({"dockerd", "containerd", "runc", "/usr/bin/docker"}, why)) {
+    if (!Installed("dockerd containerd runc /usr/bin/docker", why)) {
         GTEST_SKIP() << why;
     }
     // Only the configuration file says where the state is; the containerd
@@ -480,7 +472,7 @@ TEST_F(RuntimesE2E, DockerWithItsOwnContainerdAndStateNamedInItsConfigFile)
 TEST_F(RuntimesE2E, PodmanContainersAreNamedFromTheirStorageAndScanned)
 {
     std::string why;
-    if (!Installed({"podman", "conmon", "/usr/sbin/runc"}, why)) {
+    if (!Installed("podman conmon /usr/sbin/runc", why)) {
         GTEST_SKIP() << why;
     }
     // crun refuses hybrid cgroups; runc and cgroupfs work everywhere.
