@@ -11,6 +11,7 @@
 
 #include "ContainerCollector.h"
 #include "FakeHost.h"
+#include "OciBundle.h"
 #include "container/RuntimeState.h"
 #include "testsupport/TestSupport.h"
 
@@ -448,6 +449,9 @@ TEST(ContainerRuntime, NamesAndPidsARuntimeNeverWritesAreRefused)
     for (const auto& name : refused) {
         EXPECT_FALSE(Container::IsPlainName(name)) << name;
     }
+    // Stand-in names: a generated id is shortened, one a user chose is kept.
+    EXPECT_EQ(Container::ShortId(HexId(1)), HexId(1).substr(0, 12));
+    EXPECT_EQ(Container::ShortId("web-frontend-blue"), "web-frontend-blue");
     EXPECT_EQ(Container::ParsePid(" 4242\n"), 4242);
     EXPECT_EQ(Container::ParsePid("4194304"), 4194304);
     for (const char* text : {"", "0", "-1", "4194305", "12ab", "1 2", "99999999999999999999"}) {

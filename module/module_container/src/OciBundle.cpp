@@ -160,7 +160,9 @@ std::string Lookup(const std::map<std::string, std::string>& map, const std::str
 
 std::string ShortId(const std::string& id)
 {
-    return id.substr(0, 12);
+    const bool generated = id.size() == 64 &&
+                           id.find_first_not_of("0123456789abcdef") == std::string::npos;
+    return generated ? id.substr(0, 12) : id;
 }
 
 }  // namespace Container

@@ -53,7 +53,9 @@ void FillFromOci(const OciConfig& config, Engine::ContainerInfo& info);
 // Value of `key` in `map`, or empty.
 std::string Lookup(const std::map<std::string, std::string>& map, const std::string& key);
 
-// A readable stand-in name: the id's first 12 characters, as `docker ps` shows.
+// A readable stand-in name. A generated id (64 hex digits) is cut to its
+// first 12, as `docker ps` shows it; any other id is one a user chose
+// (`ctr run IMAGE web-frontend`) and is the container's only name: kept whole.
 std::string ShortId(const std::string& id);
 
 }  // namespace Container
