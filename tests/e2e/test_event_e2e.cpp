@@ -5,7 +5,6 @@
 
 #include <ctime>
 
-#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -24,32 +23,11 @@ using TestSupport::TempDir;
 using TestSupport::WaitFor;
 
 const char* const kRules = R"(
-rule shell_with_metas : certain
-{
-    meta:
-        description = "eval of request data"
-        score = 95
-    strings:
-        $a = "META_SHELL_MARKER"
-    condition:
-        $a
-}
-
-rule shell_plain : certain
-{
-    strings:
-        $a = "PLAIN_SHELL_MARKER"
-    condition:
-        $a
-}
-
-rule suspicious_marker
-{
-    strings:
-        $a = "SUSPICIOUS_MARKER"
-    condition:
-        $a
-}
+rule shell_with_metas : certain {
+    meta: description = "eval of request data" score = 95
+    strings: $a = "META_SHELL_MARKER" condition: $a }
+rule shell_plain : certain { strings: $a = "PLAIN_SHELL_MARKER" condition: $a }
+rule suspicious_marker { strings: $a = "SUSPICIOUS_MARKER" condition: $a }
 )";
 
 const char* const kMachineId = "0123456789abcdef0123456789abcdef";
@@ -81,22 +59,15 @@ std::string IsoUtc(int64_t seconds)
 
 struct Outcome {
     int code = -1;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 Outcome Agent(const std::vector<std::string>& args)
 {
     TestSupport::AgentProcess agent;
-    Outcome r;
-    if (!agent.Start(args)) {
-        ADD_FAILURE() << "cannot start " << TestSupport::AgentBinary();
-        return r;
-    }
-    r.code = agent.Wait(120000);
-    r.out = agent.Stdout();
-    r.err = agent.Stderr();
-    return r;
+    EXPECT_TRUE(agent.Start(args)) << TestSupport::AgentBinary();
+    const int code = agent.Wait(120000);
+    return {code, agent.Stdout(), agent.Stderr()};
 }
 
 // Every regular file below `dir` ("" when it does not exist).
@@ -120,9 +91,7 @@ TEST(EventE2E, EventsNameTheHostTheRuleAndTheLayer)
     const std::string events = dir.Join("events.jsonl");
 
     struct Case {
-        std::string file;
-        std::string content;
-        std::string rule;
+        std::string file, content, rule;
         bool metas;
         int layer;
     };
@@ -133,9 +102,8 @@ TEST(EventE2E, EventsNameTheHostTheRuleAndTheLayer)
         {"www/layer.php", "<?php exit; eval(base64_decode('" + Base64("/* PLAIN_SHELL_MARKER */ echo 1;") + "'));",
          "shell_plain", false, 1},
     };
-    std::set<std::string> paths;
     for (const auto& c : cases) {
-        paths.insert(dir.Write(c.file, c.content));
+        dir.Write(c.file, c.content);
     }
 
     Json::Value policy = TestSupport::WebshellPolicy({dir.Join("www")}, rules);
@@ -211,10 +179,7 @@ TEST(EventE2E, ScanAccountsForEveryMatchAndKeepsSamplesOnlyWhereTold)
     ASSERT_EQ(doc["matches"].size(), 3u) << ReadFile(report);
     EXPECT_EQ(doc["not_listed"].asUInt64(), 0u);
     struct Want {
-        std::string path;
-        std::string rule;
-        std::string tier;
-        std::string keyword;
+        std::string path, rule, tier, keyword;
     };
     const std::vector<Want> wants = {{shell, "shell_plain", "certain", "PLAIN_SHELL_MARKER"},
                                      {odd1, "suspicious_marker", "uncertain", "SUSPICIOUS_MARKER"},

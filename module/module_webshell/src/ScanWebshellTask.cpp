@@ -1221,15 +1221,18 @@ int ScanWebshellTask::Callback(void* context, int message, void* messageData, vo
             break;
         }
     }
+    // The first "score" and the first "description" decide.
     std::optional<int64_t> score;
+    bool scoreSeen = false;
     const char* description = nullptr;
     YR_META* meta = nullptr;
     yr_rule_metas_foreach(rule, meta)
     {
-        if (strcmp(meta->identifier, "score") == 0 && !score) {
-            if (meta->type == META_TYPE_INTEGER) {
+        if (strcmp(meta->identifier, "score") == 0) {
+            if (!scoreSeen && meta->type == META_TYPE_INTEGER) {
                 score = meta->integer;
             }
+            scoreSeen = true;
         } else if (strcmp(meta->identifier, "description") == 0 && description == nullptr &&
                    meta->type == META_TYPE_STRING) {
             description = meta->string;
