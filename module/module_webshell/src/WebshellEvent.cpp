@@ -85,7 +85,8 @@ EventHost EventHost::Read(const std::string& hostRoot, Poco::Logger* logger)
     if (IsMachineId(id)) {
         out.id = id;
     } else {
-        SDK_LOG(logger, Poco::Message::PRIO_WARNING, kSource,
+        // Containers and minimal images often have none: worth saying, not alarming.
+        SDK_LOG(logger, Poco::Message::PRIO_INFORMATION, kSource,
                 "No machine id in %s (%s); events carry no host_id until the agent restarts.",
                 host.Path("/etc/machine-id"),
                 read.ok() ? std::string("not 32 hexadecimal digits") : read.status.message());

@@ -23,7 +23,7 @@ struct EventHost {
     // For the engine's agent.host_root. The files are read at the first
     // call and again only when the host root changes, never per event.
     static EventHost Current();
-    // Reads them now; a machine id that cannot be read is logged as a warning.
+    // Reads them now; a machine id that cannot be read is logged once, at information.
     static EventHost Read(const std::string& hostRoot, Poco::Logger* logger);
 };
 
