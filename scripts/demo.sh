@@ -34,8 +34,8 @@ chmod 700 "$upload"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-echo "== ardent-agent scan --rules examples/rules/webshell.yar examples/webroot"
-"$agent" scan --rules examples/rules/webshell.yar examples/webroot >"$work/events" 2>"$work/summary"
+echo "== ardent-agent scan --rules examples/rules/webshell.yar --upload-dir $upload examples/webroot"
+"$agent" scan --rules examples/rules/webshell.yar --upload-dir "$upload" examples/webroot >"$work/events" 2>"$work/summary"
 rc=$?
 
 echo

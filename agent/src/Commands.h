@@ -18,6 +18,9 @@ struct AgentOptions {
     std::string hostRoot = "/";      // --host-root
     bool logStderr = false;          // --log-stderr (run)
     bool quiet = false;              // -q, --quiet (scan): events and errors only
+    bool noUpload = false;           // --no-upload (scan): no file is kept anywhere
+    std::string uploadDir;           // --upload-dir (scan): where kept files go
+    std::string reportFile;          // --report (scan): every match as JSON
     std::vector<std::string> args;   // scan: paths; ctl: the request and its argument; check-policy: the file
 };
 

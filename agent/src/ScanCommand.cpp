@@ -21,7 +21,12 @@
 //   task never walks beside the pass this command runs, whatever the
 //   policy's schedule. File-change and container monitoring are switched
 //   off: nothing is left running after the pass.
-// - PATHs replace "customize_scan_paths" and empty "default_scan_paths".
+// - PATHs replace "customize_scan_paths" and empty "default_scan_paths". A
+//   file is checked alone, whatever its suffix.
+// - Copies of suspicious files never go into the install tree unless
+//   --upload-dir names it: by default a fresh private directory under
+//   $TMPDIR (removed again when nothing was kept), none with --no-upload.
+// - Every match is listed in the summary and, with --report, written as JSON.
 // - Events go to stdout unless --events names a file. Progress is shown on
 //   stderr when stderr is a terminal, except while the events are written
 //   to that same terminal (the two would garble each other).
@@ -33,7 +38,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstdio>
 #include <cstring>
 #include <iomanip>
@@ -45,6 +52,7 @@
 #include <string>
 #include <vector>
 
+#include <Poco/Base64Encoder.h>
 #include <Poco/Exception.h>
 #include <Poco/File.h>
 #include <Poco/Glob.h>
@@ -57,10 +65,12 @@
 #include "framework/Health.h"
 #include "framework/Mailbox.h"
 #include "framework/Topics.h"
+#include "message/Matches.h"
 #include "message/Outcomes.h"
 #include "sdk/FileUtils.h"
 #include "sdk/InnerCpuCtrlUtils.h"
 #include "sdk/JsonUtils.h"
+#include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/Posix.h"
 #include "sdk/TimeUtils.h"
@@ -197,6 +207,9 @@ public:
                 events = sink->figures;
             } else if (auto* store = dynamic_cast<Engine::UploadMessage*>(msg.get())) {
                 uploads = store->figures;
+            } else if (auto* list = dynamic_cast<Engine::MatchListMessage*>(msg.get())) {
+                matches.insert(matches.end(), list->matches.begin(), list->matches.end());
+                matchesNotListed += list->notListed;
             }
         }
     }
@@ -230,10 +243,13 @@ public:
     std::map<std::string, Engine::DownloadMessage> downloads;
     Engine::EventSinkFigures events;
     Engine::UploadFigures uploads;
+    std::vector<Engine::MatchRecord> matches;
+    uint64_t matchesNotListed = 0;
 
 private:
     static constexpr const char* kTopics[] = {Engine::kScanPassTopic, Engine::kDownloadTopic,
-                                              Engine::kEventSinkTopic, Engine::kUploadTopic};
+                                              Engine::kEventSinkTopic, Engine::kUploadTopic,
+                                              Engine::kMatchListTopic};
     std::shared_ptr<Framework::Mailbox> m_mailbox;
 };
 
@@ -353,7 +369,80 @@ Engine::PassFigures Total(const std::vector<Engine::ScanPassMessage>& passes, do
     return total;
 }
 
-void PrintSummary(const Outcomes& outcomes, const std::string& sink)
+// Where copies of suspicious files go: --upload-dir, nowhere, or a fresh
+// private directory that is removed again if nothing was kept in it.
+struct UploadPlace {
+    std::string dir;         // "" with --no-upload
+    bool temporary = false;  // made for this run
+};
+
+const char* Tier(const Engine::MatchRecord& m)
+{
+    return m.certain ? "certain" : "uncertain";
+}
+
+// In path order, whatever order the scanning threads found them in.
+void SortMatches(std::vector<Engine::MatchRecord>& matches)
+{
+    std::sort(matches.begin(), matches.end(), [](const Engine::MatchRecord& a, const Engine::MatchRecord& b) {
+        return a.path != b.path ? a.path < b.path : a.rule < b.rule;
+    });
+}
+
+std::string MatchLines(const Outcomes& outcomes)
+{
+    std::ostringstream out;
+    // Names come from the scanned tree: escaped so they cannot garble the terminal.
+    for (const auto& m : outcomes.matches) {
+        out << "    " << Tier(m) << " " << SDK::LogSafe(m.path, 1024)
+            << "  rule " << SDK::LogSafe(m.rule, 256);
+        if (!m.keyword.empty()) {
+            out << "  keyword \"" << SDK::LogSafe(m.keyword, 256) << "\"";
+        }
+        if (m.layerDepth > 0) {
+            out << "  layer " << m.layerDepth;
+        }
+        if (!m.certain) {
+            out << (m.uploaded ? "  uploaded" : "  not uploaded");
+        }
+        out << "\n";
+    }
+    if (outcomes.matchesNotListed > 0) {
+        out << "    ... and " << outcomes.matchesNotListed << " more matches, counted but not listed\n";
+    }
+    return out.str();
+}
+
+Json::Value MatchReport(const Outcomes& outcomes)
+{
+    Json::Value report(Json::objectValue);
+    report["matches"] = Json::Value(Json::arrayValue);
+    for (const auto& m : outcomes.matches) {
+        Json::Value v(Json::objectValue);
+        // As in events: a name that is not UTF-8 is escaped, its bytes alongside.
+        bool escaped = false;
+        v["path"] = SDK::JsonUtils::EscapeNonUtf8(m.path, escaped);
+        if (escaped) {
+            std::ostringstream b64;
+            Poco::Base64Encoder encoder(b64);
+            encoder.rdbuf()->setLineLength(0);
+            encoder << m.path;
+            encoder.close();
+            v["path_b64"] = b64.str();
+        }
+        v["rule"] = m.rule;
+        v["tier"] = Tier(m);
+        v["keyword"] = m.keyword;
+        v["sha256"] = m.sha256;
+        v["uploaded"] = m.uploaded;
+        v["layer_depth"] = m.layerDepth;
+        report["matches"].append(v);
+    }
+    report["not_listed"] = Json::UInt64(outcomes.matchesNotListed);
+    return report;
+}
+
+void PrintSummary(const Outcomes& outcomes, const std::string& sink, const UploadPlace& place)
 {
     double seconds = 0;
     const Engine::PassFigures pass = Total(outcomes.passes, seconds);
@@ -373,11 +462,41 @@ void PrintSummary(const Outcomes& outcomes, const std::string& sink)
             << " repeated within a minute and not reported again)";
     }
     out << "\n";
-    out << "  uploads: " << uploads.stored << " kept, " << uploads.duplicates << " already kept, "
-        << uploads.refused + uploads.failed << " not kept, in " << uploads.dir << "\n";
+    if (place.dir.empty()) {
+        out << "  uploads: none kept (--no-upload)\n";
+    } else if (place.temporary && uploads.stored + uploads.duplicates == 0) {
+        out << "  uploads: none kept\n";
+    } else {
+        out << "  uploads: " << uploads.stored << " kept, " << uploads.duplicates << " already kept, "
+            << uploads.refused + uploads.failed << " not kept, in " << place.dir << "\n";
+    }
     out << "  checked: " << HumanBytes(pass.bytesChecked) << " in " << std::fixed
         << std::setprecision(2) << seconds << " s\n";
+    if (!outcomes.matches.empty() || outcomes.matchesNotListed > 0) {
+        out << "  matches:\n" << MatchLines(outcomes);
+    }
     std::cerr << out.str();
+}
+
+// Replaced whole: a reader never sees half a report.
+SDK::Status WriteReport(const std::string& path, const Json::Value& report)
+{
+    const std::string temp = path + ".tmp";
+    SDK::UniqueFd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW, 0640));
+    if (!fd.Valid()) {
+        return SDK::Status::Error(temp + ": " + SDK::ErrnoText(errno));
+    }
+    const SDK::Status written = SDK::WriteAll(fd.Get(), SDK::JsonUtils::JsonToString(report) + "\n", temp);
+    if (!written) {
+        ::unlink(temp.c_str());
+        return written;
+    }
+    if (::rename(temp.c_str(), path.c_str()) != 0) {
+        const std::string why = SDK::ErrnoText(errno);
+        ::unlink(temp.c_str());
+        return SDK::Status::Error(path + ": " + why);
+    }
+    return SDK::Status::Ok();
 }
 
 }  // namespace
@@ -450,8 +569,8 @@ int ScanCommandMain(const AgentOptions& options)
         if (::stat(path.c_str(), &st) != 0) {
             return Error("scan path " + path + " does not exist");
         }
-        if (!S_ISDIR(st.st_mode)) {
-            return Error("scan path " + path + " is not a directory");
+        if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) {
+            return Error("scan path " + path + " is neither a directory nor a regular file");
         }
         paths.push_back(path);
     }
@@ -483,9 +602,38 @@ int ScanCommandMain(const AgentOptions& options)
         }
         ::close(fd);
     }
+    const std::string reportPath = options.reportFile.empty() ? "" : Absolute(options.reportFile);
+    if (!reportPath.empty()) {
+        const int fd = ::open(reportPath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY, 0640);
+        if (fd < 0) {
+            return Error("cannot write the report to " + reportPath + ": " + std::strerror(errno));
+        }
+        ::close(fd);
+    }
+
+    // --- where copies of suspicious files go
+    UploadPlace place;
+    if (!options.uploadDir.empty()) {
+        place.dir = Absolute(options.uploadDir);
+        // A link planted in its place is refused, never followed: the
+        // upload store then keeps nothing and says so in the summary.
+        const SDK::Status made = SDK::MakePrivateDir(place.dir);
+        if (!made) {
+            std::cerr << "ardent-agent scan: " << made.message() << "; left as it is\n";
+        }
+    } else if (!options.noUpload) {
+        const char* tmp = std::getenv("TMPDIR");
+        std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/ardent-scan-XXXXXX";
+        if (::mkdtemp(&pattern[0]) == nullptr) {
+            return Error("cannot make a directory for copies of suspicious files (" + pattern +
+                         "): " + std::strerror(errno) + "; give one with --upload-dir D or use --no-upload");
+        }
+        place.dir = Absolute(pattern);
+        place.temporary = true;
+    }
 
     // --- the install tree and logging
-    for (const char* sub : {"log", "data/webshell", "data/upload"}) {
+    for (const char* sub : {"log", "data/webshell"}) {
         try {
             Poco::File(install + sub).createDirectories();
         } catch (const Poco::Exception& e) {
@@ -494,7 +642,7 @@ int ScanCommandMain(const AgentOptions& options)
     }
     // Kept samples and the rule library are private; a link planted in
     // place of either directory is refused, never followed.
-    for (const char* sub : {"data/webshell", "data/upload"}) {
+    for (const char* sub : {"data/webshell"}) {
         const SDK::Status made = SDK::MakePrivateDir(install + sub);
         if (!made) {
             std::cerr << "ardent-agent scan: " << made.message() << "; left as it is\n";
@@ -543,6 +691,8 @@ int ScanCommandMain(const AgentOptions& options)
     engine.config().setString("agent.log_dir", install + "log");
     engine.config().setString("agent.events", sink);
     engine.config().setString("agent.host_root", "/");
+    engine.config().setString("agent.upload_dir", place.dir);
+    engine.config().setBool("webshell.upload", !place.dir.empty());
 
     for (const char* name : kModules) {
         const std::string path = install + "module/" + name;
@@ -594,8 +744,18 @@ int ScanCommandMain(const AgentOptions& options)
     engine.UnloadModules();  // the report tasks write what is still queued
     outcomes.Pump(0);
 
+    SortMatches(outcomes.matches);
+    if (place.temporary) {
+        ::rmdir(place.dir.c_str());  // only when empty: what was kept stays
+    }
     if (!options.quiet) {
-        PrintSummary(outcomes, sink == "-" ? std::string("standard output") : sink);
+        PrintSummary(outcomes, sink == "-" ? std::string("standard output") : sink, place);
+    }
+    if (!reportPath.empty()) {
+        const SDK::Status written = WriteReport(reportPath, MatchReport(outcomes));
+        if (!written) {
+            return Error("cannot write the report: " + written.message());
+        }
     }
     const uint64_t unwritten = outcomes.events.held + outcomes.events.dropped;
     if (unwritten > 0) {

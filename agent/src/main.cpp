@@ -1,6 +1,7 @@
 // ardent-agent: the host of the agent's modules.
 //   ardent-agent run  [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR] [--log-stderr]
-//   ardent-agent scan [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [-q] [PATH...]
+//   ardent-agent scan [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [-q]
+//                     [--report F] [--no-upload | --upload-dir D] [PATH...]
 //   ardent-agent ctl  status|scan-now|reload|policy F
 //   ardent-agent check-policy F
 //   ardent-agent help [COMMAND] | --version
@@ -35,9 +36,16 @@ const CommandHelp kCommands[] = {
     {"scan",
      "  scan   one full web-shell scan pass, then exit (0: nothing certain found,\n"
      "         1: web shells found, 2: error)\n"
-     "         [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [-q] [DIR...]\n"
-     "         -q, --quiet   only events and errors: no progress, no summary\n"
-     "         Files kept for a second look are copied to <install>/data/upload/.\n"},
+     "         [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [-q]\n"
+     "         [--report F] [--no-upload | --upload-dir D] [DIR|FILE...]\n"
+     "         -q, --quiet     only events and errors: no progress, no summary\n"
+     "         --report F      write every match (path, rule, tier, keyword, sha256,\n"
+     "                         uploaded) to F as JSON\n"
+     "         --no-upload     keep no copy of suspicious files anywhere\n"
+     "         --upload-dir D  keep copies of suspicious files in D (0700)\n"
+     "         Without either, copies go to a new private directory\n"
+     "         $TMPDIR/ardent-scan-XXXXXX (/tmp without TMPDIR), named in the summary\n"
+     "         and removed when empty; never into the install tree unless D says so.\n"},
     {"ctl",
      "  ctl    talk to the running agent: status | scan-now | reload | policy F\n"
      "         (status exits 0 ok, 1 degraded, 2 failing, 3 no agent answers)\n"},
@@ -140,6 +148,12 @@ int main(int argc, char** argv)
                 return Fail("--log-level needs one of fatal ... trace");
         } else if (arg == "--policy" && (options.command == "run" || options.command == "scan")) {
             if (!value(options.policyFile)) return Fail("--policy needs a file");
+        } else if (arg == "--no-upload" && options.command == "scan") {
+            options.noUpload = true;
+        } else if (arg == "--upload-dir" && options.command == "scan") {
+            if (!value(options.uploadDir)) return Fail("--upload-dir needs a directory");
+        } else if (arg == "--report" && options.command == "scan") {
+            if (!value(options.reportFile)) return Fail("--report needs a file");
         } else if (arg == "--rules" && options.command == "scan") {
             if (!value(options.rulesFile)) return Fail("--rules needs a file");
         } else if (arg == "--events" && (options.command == "run" || options.command == "scan")) {
@@ -182,6 +196,9 @@ int main(int argc, char** argv)
         return Agent::RunCommandMain(options);
     }
     if (options.command == "scan") {
+        if (options.noUpload && !options.uploadDir.empty()) {
+            return Fail("--no-upload and --upload-dir exclude each other");
+        }
         return Agent::ScanCommandMain(options);
     }
     if (options.command == "check-policy") {

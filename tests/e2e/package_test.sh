@@ -48,7 +48,7 @@ install=$root/$rel
 
 # The installed tree works on its own: a scan of the demo web root finds shells.
 set +e
-"$install/bin/ardent-agent" scan --install-dir "$install" --events "$work/events.jsonl" "$src/examples/webroot" \
+"$install/bin/ardent-agent" scan --install-dir "$install" --no-upload --events "$work/events.jsonl" "$src/examples/webroot" \
   >/dev/null 2>"$work/scan.err"
 code=$?
 set -e

@@ -94,7 +94,8 @@ protected:
 
     Outcome Scan(std::vector<std::string> args, const std::string& workDir = "")
     {
-        args.insert(args.begin(), {"scan", "--install-dir", m_install});
+        // Kept where these tests look for them (by default a scan keeps them outside the install tree).
+        args.insert(args.begin(), {"scan", "--install-dir", m_install, "--upload-dir", m_install + "data/upload"});
         TestSupport::AgentProcess agent;
         Outcome result;
         if (!agent.Start(args, workDir)) {
@@ -209,7 +210,6 @@ TEST_F(ScanE2E, ErrorsExitTwoWithAClearMessage)
     const std::string incomplete = m_dir.Write(
         "incomplete.json",
         R"({"feature_name":"detect_webshell","content":{"customize_scan_paths":[]}})");
-    const std::string file = m_dir.Write("plain.txt", "x");
 
     struct Case {
         std::vector<std::string> args;
@@ -222,7 +222,7 @@ TEST_F(ScanE2E, ErrorsExitTwoWithAClearMessage)
         {{"--policy", incomplete, "--rules", m_rules, www}, "policy refused"},
         {{"--policy", m_dir.Join("absent.json"), www}, "absent.json"},
         {{"--rules", m_rules, m_dir.Join("nowhere")}, "does not exist"},
-        {{"--rules", m_rules, file}, "is not a directory"},
+        {{"--rules", m_rules, "/dev/null"}, "is neither a directory nor a regular file"},
         {{"--rules", m_rules, "--bogus", www}, "unknown option"},
         {{"--rules", m_rules, "--events", m_dir.Join("no/dir/events.jsonl"), www},
          "cannot write events to"},

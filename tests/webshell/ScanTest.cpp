@@ -85,7 +85,7 @@ std::string MakeDeepTree(const std::string& base, const std::string& prefix, int
 
 }  // namespace
 
-TEST_F(ScanTest, ScanRootsComeFromBothListsAndOnlyDirectoriesQualify)
+TEST_F(ScanTest, ScanRootsComeFromBothListsAndOnlyDirectoriesAndFilesQualify)
 {
     const std::string www = web.MkDir("www");
     const std::string other = web.MkDir("other");
@@ -98,12 +98,14 @@ TEST_F(ScanTest, ScanRootsComeFromBothListsAndOnlyDirectoriesQualify)
 
     ASSERT_TRUE(task->ParsePolicyContent());
     // Duplicates collapse; the trailing slash makes another root; the link
-    // is a root under its own path; files, missing paths and dangling links are not.
-    EXPECT_EQ(task->GetScanPaths(), (std::set<std::string>{www, www + "/", link, other}));
+    // is a root under its own path, a file is checked alone; missing paths
+    // and dangling links are not roots.
+    EXPECT_EQ(task->GetScanPaths(), (std::set<std::string>{www, www + "/", link, other, file}));
 
     std::set<std::string> set;
     task->GetScanPathSet({file, missing}, set);
-    EXPECT_TRUE(set.empty());
+    EXPECT_EQ(set, std::set<std::string>{file});
+    set.clear();
     task->GetScanPathSet({}, set);
     EXPECT_TRUE(set.empty());
 }

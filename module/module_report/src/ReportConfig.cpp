@@ -59,6 +59,7 @@ ReportConfig ReportConfig::FromEngine()
     }
     Poco::Util::AbstractConfiguration& config = engine->config();
     logDir = config.getString("agent.log_dir", logDir);
+    cfg.upload.dir = config.getString("agent.upload_dir", cfg.upload.dir);
     cfg.sink.path = config.getString("agent.events", logDir + "/webshell_events.jsonl");
     if (cfg.sink.path.empty()) {
         cfg.sink.path = logDir + "/webshell_events.jsonl";

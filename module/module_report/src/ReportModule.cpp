@@ -15,7 +15,8 @@ Framework::ServiceStart StartReports()
     const std::string sink =
         config.sink.path == "-" ? std::string("standard output") : config.sink.path;
     return {{new Engine::DataCommReportTask(config.sink), new Engine::FileCommReportTask(config)},
-            "events to " + sink + ", uploads kept in " + config.upload.dir};
+            "events to " + sink + (config.upload.dir.empty() ? std::string(", no uploads kept")
+                                                             : ", uploads kept in " + config.upload.dir)};
 }
 
 }  // namespace

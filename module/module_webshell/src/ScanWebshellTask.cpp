@@ -27,6 +27,7 @@
 #include "framework/Topics.h"
 #include "message/Outcomes.h"
 #include "message/AssetMessage.h"
+#include "message/Matches.h"
 #include "sdk/CryptoCodeUtils.h"
 #include "sdk/FileUtils.h"
 #include "sdk/JsonUtils.h"
@@ -36,7 +37,9 @@
 #include "sdk/Posix.h"
 #include "sdk/StrUtils.h"
 #include "sdk/TimeUtils.h"
+#include "MatchLedger.h"
 #include "Throttle.h"
+#include "WebshellEvent.h"
 #include "webshell/DetectWebshellPolicy.h"
 #include "webshell/LayerDecoder.h"
 #include "webshell/WebshellFileUploadRecorder.h"
@@ -97,6 +100,7 @@ struct PassState : PassFigures {
     // When the running figures were last published, for status during a pass.
     unsigned long publishedTick = 0;
     uint64_t publishedSeen = 0;
+    MatchLedger matches;
 };
 
 const char* SkipText(PassSkip skip)
@@ -175,6 +179,8 @@ public:
         outcome->startedMs = m_pass.startedMs;
         outcome->finishedMs = now;
         outcome->figures = m_pass;
+        // The matches first: whoever sees the pass end already has them.
+        Framework::Topics::Post(kMatchListTopic, m_pass.matches.Take(m_pass.task, m_pass.passId));
         Framework::Topics::Post(kScanPassTopic, outcome);
         NoteHealth(skip, why);
     }
@@ -225,6 +231,31 @@ void PublishProgress()
     figures->publishedTick = now;
     figures->publishedSeen = figures->filesSeen;
     Framework::StatusBoard::Publish("webshell.last_pass", RenderPass(*figures, "running", PassSkip::None, 0));
+}
+
+// Into the running pass's list of matches; nothing outside a pass.
+void RecordMatch(const std::string& path, const DetectResult& result, std::string sha256, bool uploaded)
+{
+    PassState* pass = t_pass;
+    if (pass == nullptr) {
+        return;
+    }
+    MatchRecord record;
+    record.path = path;
+    record.rule = result.ruleName;
+    record.certain = result.certain;
+    record.keyword = result.keyWord;
+    record.sha256 = sha256.empty() ? FileSha256(path) : std::move(sha256);
+    record.uploaded = uploaded;
+    record.layerDepth = result.layerDepth;
+    pass->matches.Record(std::move(record));
+}
+
+// Off for `scan --no-upload`: no file is copied anywhere.
+bool UploadsWanted()
+{
+    Framework::Engine* engine = Framework::Engine::GetInstance();
+    return engine == nullptr || engine->config().getBool("webshell.upload", true);
 }
 
 // Whether any task said anything about the rule library yet.
@@ -294,7 +325,8 @@ void AdmitScanPath(Poco::Logger* logger, const std::string& path, std::set<std::
         if (!real.empty()) {
             pathSet.insert(real);
         }
-    } else if (type == S_IFDIR) {
+    } else if (type == S_IFDIR || type == S_IFREG) {
+        // A file named as a scan path is checked alone.
         pathSet.insert(path);
     }
 }
@@ -759,7 +791,14 @@ void ScanWebshellTask::Check()
         WEBSHELL_THROTTLE_POINT(kSource, GetTaskName());
         if (!path.empty()) {
             ContainerCacheInfo blank;
-            ScanFromDir(path, walk, blank);
+            struct stat st;
+            if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
+                if (walk.files.insert(IdOf(st)).second) {
+                    ScanFromFile(path, blank, -1, true);
+                }
+            } else {
+                ScanFromDir(path, walk, blank);
+            }
         }
     }
 
@@ -1011,7 +1050,7 @@ void ScanWebshellTask::ScanFromLink(const std::string& link, WalkState& walk, co
     }
 }
 
-void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd)
+void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd, bool named)
 {
     if (path.empty()) {
         return;
@@ -1031,7 +1070,8 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
         SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "File is too big, path(%s).", path);
         return;
     }
-    if (!CheckFileType(path)) {
+    // A file the operator named is checked whatever its suffix.
+    if (!named && !CheckFileType(path)) {
         return;
     }
     if (!m_yara.HasRules()) {
@@ -1111,7 +1151,8 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     }
     // Only a certain match is an event; anything else deserves a second look.
     if (!result.certain) {
-        SendFileUploadMsg(path);
+        const bool uploaded = SendFileUploadMsg(path);
+        RecordMatch(path, result, "", uploaded);
         return;
     }
     const ContainerInfo container = cache;
@@ -1180,15 +1221,21 @@ int ScanWebshellTask::Callback(void* context, int message, void* messageData, vo
             break;
         }
     }
+    // The first "score" and the first "description" decide.
     std::optional<int64_t> score;
+    bool scoreSeen = false;
+    const char* description = nullptr;
     YR_META* meta = nullptr;
     yr_rule_metas_foreach(rule, meta)
     {
         if (strcmp(meta->identifier, "score") == 0) {
-            if (meta->type == META_TYPE_INTEGER) {
+            if (!scoreSeen && meta->type == META_TYPE_INTEGER) {
                 score = meta->integer;
             }
-            break;
+            scoreSeen = true;
+        } else if (strcmp(meta->identifier, "description") == 0 && description == nullptr &&
+                   meta->type == META_TYPE_STRING) {
+            description = meta->string;
         }
     }
     // Public rule sets mark confidence by score, not by our tags.
@@ -1202,6 +1249,7 @@ int ScanWebshellTask::Callback(void* context, int message, void* messageData, vo
     result->extraPhp = extraPhp;
     result->extraJsp = extraJsp;
     result->score = score;
+    result->description = description != nullptr ? description : "";
     result->ruleName = rule->identifier;
     result->keyWord.clear();
 
@@ -1229,61 +1277,11 @@ int ScanWebshellTask::Callback(void* context, int message, void* messageData, vo
 void ScanWebshellTask::SendDetectResultMsg(const std::string& filePath, const DetectResult& result,
                                            const ContainerInfo& container)
 {
-    Json::Value event(Json::objectValue);
-    Json::Value file(Json::objectValue);
-    // A name that is not UTF-8 is escaped reversibly and its exact bytes
-    // go alongside, so two files never share one file_path.
-    const auto setPath = [&file](const std::string& path) {
-        bool escaped = false;
-        file["file_path"] = SDK::JsonUtils::EscapeNonUtf8(path, escaped);
-        if (escaped) {
-            std::ostringstream b64;
-            Poco::Base64Encoder encoder(b64);
-            encoder.rdbuf()->setLineLength(0);
-            encoder << path;
-            encoder.close();
-            file["file_path_b64"] = b64.str();
-        } else {
-            file.removeMember("file_path_b64");
-        }
-    };
-    setPath(filePath);
-    if (!result.keyWord.empty()) {
-        file["file_key_word"] = result.keyWord;
-    }
-    bool flag = true;
-    std::string sha256;
-    if (SDK::FileUtils::GetFileSha256(filePath, flag, sha256, kNoHashLimit) == 0) {
-        file["file_sha256"] = sha256;
-    }
-
-    event["event_id"] = SDK::CryptoCodeUtils::GenerateUUID();
-    event["event_classid"] = "webshell_0001";
-    event["event_name"] = "webshell";
-    event["occur_time"] = Json::Int64(SDK::TimeUtils::GetCurrentTimestampS());
-    event["event_category"] = 1000;
-    event["event_type"] = 1015;
-    event["severity"] = 2;
-    event["event_count"] = 1;
-    event["attack_phase"] = 6;
-    event["attack_tag"] = 2;
-    event["confidence"] = 90;
-    event["detect_module"] = kModuleName;
-    event["file_info"].append(file);
-
-    if (!container.name.empty() && !container.id.empty()) {
-        event["container_name"] = container.name;
-        event["image_name"] = container.imageName;
-        // The path as seen inside the container: only the root's length
-        // counts. Receivers rely on "file_info" being a bare object here.
-        setPath(filePath.substr(container.rootPath.size()));
-        event["file_info"] = file;
-        Json::Value resource(Json::objectValue);
-        resource["container_id"] = container.id;
-        resource["image_id"] = container.imageId;
-        event["resource_info"] = resource;
-    }
-
+    const Json::Value event = BuildWebshellEvent(
+        WebshellEventFacts{filePath, result, container, SDK::TimeUtils::GetCurrentTimestampMS()},
+        EventHost::Current());
+    const Json::Value& file = event["file_info"].isArray() ? event["file_info"][0] : event["file_info"];
+    RecordMatch(filePath, result, file.get("file_sha256", "").asString(), false);
     const std::string text = SDK::JsonUtils::JsonToString(event);
     SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "Webshell detect result(%s).", text);
     if (DiscardReplicateMsg(filePath.c_str()) != 0) {
@@ -1341,14 +1339,18 @@ int ScanWebshellTask::DiscardReplicateMsg(const char* key)
     return 0;
 }
 
-void ScanWebshellTask::SendFileUploadMsg(const std::string& path)
+bool ScanWebshellTask::SendFileUploadMsg(const std::string& path)
 {
-    if (path.size() > kMaxUploadPathLength) {
-        return;
+    if (path.size() > kMaxUploadPathLength || !UploadsWanted()) {
+        return false;
     }
     WebshellFileUploadRecorder& recorder = WebshellFileUploadRecorder::GetInstance();
     if (!recorder.CheckUploadWebshellFile(path)) {
-        return;
+        // Refused as kept already today, or for the quota: only the quota is news.
+        if (recorder.GetUploadFileCount() > m_uploadFileCountPerDay) {
+            NoteOverQuota(m_logger, path, m_uploadFileCountPerDay);
+        }
+        return false;
     }
     // Recorded before it is sent: the service may report the outcome (and
     // give the unit back) before this thread goes on.
@@ -1361,6 +1363,7 @@ void ScanWebshellTask::SendFileUploadMsg(const std::string& path)
     if (t_pass != nullptr) {
         ++t_pass->uploads;
     }
+    return true;
 }
 
 // ----------------------------------------------------------------- watches
@@ -1389,25 +1392,32 @@ void ScanWebshellTask::RegisterFileMonitorMessage()
 
 void ScanWebshellTask::UpdateMonitorDirChange(std::map<std::string, std::string>& changes)
 {
+    // A file scan path is checked by every pass; only directories can be watched.
+    std::set<std::string> dirs;
+    for (const auto& path : m_scanPathSet) {
+        struct stat st;
+        if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+            dirs.insert(path);
+        }
+    }
     if (!m_monitorDirSet.empty()) {
-        for (const auto& dir : m_scanPathSet) {
+        for (const auto& dir : dirs) {
             if (m_monitorDirSet.count(dir) == 0) {
                 changes.insert(std::make_pair(dir, std::string(kWatchAdd)));
             }
         }
         for (const auto& dir : m_monitorDirSet) {
-            if (m_scanPathSet.count(dir) == 0) {
+            if (dirs.count(dir) == 0) {
                 changes.insert(std::make_pair(dir, std::string(kWatchDelete)));
             }
         }
     } else {
-        for (const auto& dir : m_scanPathSet) {
+        for (const auto& dir : dirs) {
             changes.insert(std::make_pair(dir, std::string(kWatchAdd)));
         }
     }
     // What was requested, not what the file-notify service confirmed.
-    m_monitorDirSet.clear();
-    m_monitorDirSet.insert(m_scanPathSet.begin(), m_scanPathSet.end());
+    m_monitorDirSet = dirs;
 }
 
 void ScanWebshellTask::SendFileNotifyWatchMessage(const std::string& path, const std::string& operation,

@@ -19,6 +19,7 @@ struct DetectResult {
     std::string keyWord;    // text of the rule's last reported string match
     int layerDepth = 0;     // where it matched: 0 the file itself, N a layer N decoding steps deep
     std::optional<int64_t> score;  // the rule's integer "score" meta, if it has one
+    std::string description;       // the rule's "description" meta, if it has one
 
     // Set before the scan: a rule without a deciding tag (certain, extra_php,
     // extra_jsp) whose score is at least this counts as certain. Unset: off.

@@ -104,8 +104,9 @@ public:
     void Check();
     void ScanFromDir(const std::string& dir, WalkState& walk, const ContainerCacheInfo& cache);
     void ScanFromLink(const std::string& link, WalkState& walk, const ContainerCacheInfo& cache);
-    // `fd`: the file, already opened by the walk (-1: open `path`).
-    void ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd = -1);
+    // `fd`: the file, already opened by the walk (-1: open `path`). `named`:
+    // a scan path of its own, checked whatever its suffix.
+    void ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd = -1, bool named = false);
     bool CheckFileType(const std::string& path);
     // YARA's scan callback; `userData` is the DetectResult.
     static int Callback(void* context, int message, void* messageData, void* userData);
@@ -114,7 +115,8 @@ public:
     void SendDetectResultMsg(const std::string& filePath, const DetectResult& result,
                              const ContainerInfo& container);
     int DiscardReplicateMsg(const char* key);
-    void SendFileUploadMsg(const std::string& path);
+    // true when the file was handed to the upload store.
+    bool SendFileUploadMsg(const std::string& path);
 
     // Watches.
     void RegisterFileMonitorMessage();
