@@ -140,11 +140,11 @@ TEST(EventE2E, EventsNameTheHostTheRuleAndTheLayer)
         EXPECT_EQ(e["rule_name"].asString(), c.rule);
         EXPECT_EQ(e["layer_depth"].asInt(), c.layer);
         EXPECT_EQ(e["occur_time_iso"].asString(), IsoUtc(e["occur_time"].asInt64()));
-        EXPECT_EQ(e.isMember("rule_description"), c.metas);
-        EXPECT_EQ(e.isMember("rule_score"), c.metas);
+        EXPECT_EQ(e.isMember("description"), c.metas);
+        EXPECT_EQ(e.isMember("score"), c.metas);
         if (c.metas) {
-            EXPECT_EQ(e["rule_description"].asString(), "eval of request data");
-            EXPECT_EQ(e["rule_score"].asInt(), 95);
+            EXPECT_EQ(e["description"].asString(), "eval of request data");
+            EXPECT_EQ(e["score"].asInt(), 95);
         }
         // The keys receivers had before are all still there.
         for (const char* key : {"event_id", "event_classid", "event_name", "occur_time", "event_category",

@@ -173,10 +173,10 @@ Json::Value BuildWebshellEvent(const WebshellEventFacts& facts, const EventHost&
     event["agent_version"] = host.version;
     event["rule_name"] = result.ruleName;
     if (!result.description.empty()) {
-        event["rule_description"] = result.description;
+        event["description"] = result.description;
     }
     if (result.score) {
-        event["rule_score"] = Json::Int64(*result.score);
+        event["score"] = Json::Int64(*result.score);
     }
     event["layer_depth"] = result.layerDepth;
     event["file_info"].append(file);
