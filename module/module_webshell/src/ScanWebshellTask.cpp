@@ -37,8 +37,10 @@
 #include "sdk/StrUtils.h"
 #include "sdk/TimeUtils.h"
 #include "Throttle.h"
+#include "webshell/AllowList.h"
 #include "webshell/DetectWebshellPolicy.h"
 #include "webshell/LayerDecoder.h"
+#include "webshell/Quarantine.h"
 #include "webshell/WebshellFileUploadRecorder.h"
 
 // Last: libyara's headers define short macros (parent, ...) that would
@@ -130,6 +132,7 @@ Json::Value RenderPass(const PassState& pass, const char* state, PassSkip skip, 
     v["files_matched"] = Json::UInt64(pass.filesMatched);
     v["certain"] = Json::UInt64(pass.certain);
     v["uncertain"] = Json::UInt64(pass.uncertain);
+    v["allowed"] = Json::UInt64(pass.allowed);
     v["events"] = Json::UInt64(pass.events);
     v["uploads"] = Json::UInt64(pass.uploads);
     v["bytes_checked"] = Json::UInt64(pass.bytesChecked);
@@ -395,6 +398,13 @@ void Park(DirFrame& frame)
         frame.stream.Reset();
     }
     frame.fd.Reset();
+}
+
+// The installation directory the library path was made from.
+std::string InstallDirOf(const std::string& libPath)
+{
+    const size_t length = strlen(kLibRelativePath);
+    return libPath.size() >= length ? libPath.substr(0, libPath.size() - length) : std::string();
 }
 
 // A directory opened as `fd` whose identity must be `id`.
@@ -746,6 +756,7 @@ void ScanWebshellTask::Check()
         return;
     }
     ForgetSkip();
+    AllowList::ForInstall(InstallDirOf(m_webshellLibPath)).Refresh();
     SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "Webshell task check OS web directory. ");
     for (const auto& root : m_scanPathSet) {
         pass.Figures().roots.append(root);
@@ -1105,6 +1116,22 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     if (!result.matched) {
         return;
     }
+    // The content that matched, hashed once and only when needed.
+    const bool readWhole = static_cast<uint64_t>(st.st_size) <= kDecodeFileLimit;
+    const std::function<const std::string&()> digest = [&]() -> const std::string& {
+        if (result.sha256.empty()) {
+            result.sha256 = readWhole ? Sha256Of(content) : fd >= 0 ? Sha256OfFd(fd) : std::string();
+        }
+        return result.sha256;
+    };
+    const std::string install = InstallDirOf(m_webshellLibPath);
+    if (policy != nullptr && AllowMatch(install, policy->GetAllow(), path, result.ruleName, digest)) {
+        if (figures != nullptr) {
+            ++figures->filesMatched;
+            ++figures->allowed;
+        }
+        return;
+    }
     if (figures != nullptr) {
         ++figures->filesMatched;
         ++(result.certain ? figures->certain : figures->uncertain);
@@ -1113,6 +1140,14 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     if (!result.certain) {
         SendFileUploadMsg(path);
         return;
+    }
+    if (policy != nullptr && policy->IsQuarantineCertain()) {
+        std::vector<std::string> roots(cache.scanPathList.begin(), cache.scanPathList.end());
+        if (roots.empty()) {
+            Poco::FastMutex::ScopedLock lock(m_scanPathMutex);
+            roots.assign(m_scanPathSet.begin(), m_scanPathSet.end());
+        }
+        QuarantineMatch(install, path, st, roots, result, digest);
     }
     const ContainerInfo container = cache;
     SendDetectResultMsg(path, result, container);
@@ -1252,8 +1287,8 @@ void ScanWebshellTask::SendDetectResultMsg(const std::string& filePath, const De
         file["file_key_word"] = result.keyWord;
     }
     bool flag = true;
-    std::string sha256;
-    if (SDK::FileUtils::GetFileSha256(filePath, flag, sha256, kNoHashLimit) == 0) {
+    std::string sha256 = result.sha256;  // a quarantined file is no longer there
+    if (!sha256.empty() || SDK::FileUtils::GetFileSha256(filePath, flag, sha256, kNoHashLimit) == 0) {
         file["file_sha256"] = sha256;
     }
 
@@ -1269,6 +1304,10 @@ void ScanWebshellTask::SendDetectResultMsg(const std::string& filePath, const De
     event["attack_tag"] = 2;
     event["confidence"] = 90;
     event["detect_module"] = kModuleName;
+    if (result.quarantineId) {
+        event["quarantined"] = !result.quarantineId->empty();
+        event["quarantine_id"] = *result.quarantineId;
+    }
     event["file_info"].append(file);
 
     if (!container.name.empty() && !container.id.empty()) {
