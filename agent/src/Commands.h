@@ -8,7 +8,7 @@
 namespace Agent {
 
 struct AgentOptions {
-    std::string command;             // "run", "scan", "ctl", "check-policy"
+    std::string command;             // "run", "scan", "ctl", "check-policy", "quarantine"
     std::string installDir;          // --install-dir, ends with "/" once resolved
     std::string logLevel = "information";
     std::string policyFile;          // --policy
@@ -28,5 +28,6 @@ int RunCommandMain(const AgentOptions& options);   // agent/src/RunCommand.cpp
 int ScanCommandMain(const AgentOptions& options);  // agent/src/ScanCommand.cpp
 int CtlCommandMain(const AgentOptions& options);   // agent/src/CtlCommand.cpp
 int CheckPolicyCommandMain(const AgentOptions& options);  // agent/src/CheckPolicyCommand.cpp
+int QuarantineCommandMain(const AgentOptions& options);   // agent/src/QuarantineCommand.cpp
 
 }  // namespace Agent

@@ -359,6 +359,7 @@ Engine::PassFigures Total(const std::vector<Engine::ScanPassMessage>& passes, do
         total.filesMatched += p.figures.filesMatched;
         total.certain += p.figures.certain;
         total.uncertain += p.figures.uncertain;
+        total.allowed += p.figures.allowed;
         total.events += p.figures.events;
         total.uploads += p.figures.uploads;
         total.bytesChecked += p.figures.bytesChecked;
@@ -451,7 +452,8 @@ void PrintSummary(const Outcomes& outcomes, const std::string& sink, const Uploa
     std::ostringstream out;
     out << "ardent-agent scan: " << pass.filesSeen << " files seen, " << pass.filesChecked
         << " checked, " << pass.filesMatched << " matched (" << pass.certain << " certain, "
-        << pass.uncertain << " suspicious)\n";
+        << pass.uncertain << " suspicious" << (pass.allowed > 0 ? ", " + std::to_string(pass.allowed) + " allowed" : "")
+        << ")\n";
     if (pass.filesTimedOut + pass.filesFailed > 0) {
         out << "  not checked to the end: " << pass.filesTimedOut << " timed out, " << pass.filesFailed
             << " failed (see the log; kept for a second look within the upload quota)\n";

@@ -4,6 +4,7 @@
 //                     [--report F] [--no-upload | --upload-dir D] [PATH...]
 //   ardent-agent ctl  status|scan-now|reload|policy F
 //   ardent-agent check-policy F
+//   ardent-agent quarantine list | restore ID
 //   ardent-agent help [COMMAND] | --version
 // Every subcommand takes --install-dir D and --log-level L.
 
@@ -53,6 +54,11 @@ const CommandHelp kCommands[] = {
      "  check-policy F\n"
      "         check policy document F as the agent would before applying it;\n"
      "         reasons on stderr (0: good, 2: the agent would refuse it)\n"},
+    {"quarantine",
+     "  quarantine list | restore ID\n"
+     "         files a policy with \"quarantine_certain\" moved to\n"
+     "         <install>/data/quarantine/: list them, or put one back at its original\n"
+     "         path with its owner, mode and times (refused when a file is there)\n"},
 };
 
 const char* const kCommonOptions =
@@ -203,6 +209,9 @@ int main(int argc, char** argv)
     }
     if (options.command == "check-policy") {
         return Agent::CheckPolicyCommandMain(options);
+    }
+    if (options.command == "quarantine") {
+        return Agent::QuarantineCommandMain(options);
     }
     return Agent::CtlCommandMain(options);
 }

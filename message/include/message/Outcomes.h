@@ -27,6 +27,7 @@ struct PassFigures {
     uint64_t filesMatched = 0;
     uint64_t certain = 0;
     uint64_t uncertain = 0;
+    uint64_t allowed = 0;        // matches on an allow-list: in filesMatched, not certain or uncertain
     uint64_t events = 0;
     uint64_t uploads = 0;
     uint64_t bytesChecked = 0;

@@ -16,6 +16,7 @@
 #include "sdk/LogMacros.h"
 #include "sdk/LoggerUtils.h"
 #include "sdk/Posix.h"
+#include "webshell/AllowList.h"
 #include "webshell/DetectWebshellPolicy.h"
 #include "webshell/ScanWebshellTask.h"
 
@@ -68,6 +69,8 @@ const KeySpec kContentKeys[] = {
     {"max_file_size", Kind::Int, false},
     {"upload_file_count_per_day", Kind::Int, false},
     {"certain_min_score", Kind::Int, false},
+    {"allow", Kind::Object, false},
+    {"quarantine_certain", Kind::Bool, false},
     {"auto_scan_task", Kind::Object, true},
 };
 const KeySpec kAutoScanKeys[] = {
@@ -289,6 +292,8 @@ bool DetectWebshellPolicy::Parse(const std::string& content)
     if (body.isMember("certain_min_score")) {
         m_certainMinScore = body["certain_min_score"].asInt64();
     }
+    m_allow = AllowList::FromPolicy(body["allow"], m_check.errors, m_check.warnings);
+    m_quarantineCertain = SDK::JsonUtils::GetBoolValue(body, "quarantine_certain", false);
 
     // Without a complete rule-library description nothing could be scanned.
     for (const char* key : {"lib_version", "lib_url", "lib_hash"}) {

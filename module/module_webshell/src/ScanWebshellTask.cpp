@@ -40,8 +40,10 @@
 #include "MatchLedger.h"
 #include "Throttle.h"
 #include "WebshellEvent.h"
+#include "webshell/AllowList.h"
 #include "webshell/DetectWebshellPolicy.h"
 #include "webshell/LayerDecoder.h"
+#include "webshell/Quarantine.h"
 #include "webshell/WebshellFileUploadRecorder.h"
 
 // Last: libyara's headers define short macros (parent, ...) that would
@@ -134,6 +136,7 @@ Json::Value RenderPass(const PassState& pass, const char* state, PassSkip skip, 
     v["files_matched"] = Json::UInt64(pass.filesMatched);
     v["certain"] = Json::UInt64(pass.certain);
     v["uncertain"] = Json::UInt64(pass.uncertain);
+    v["allowed"] = Json::UInt64(pass.allowed);
     v["events"] = Json::UInt64(pass.events);
     v["uploads"] = Json::UInt64(pass.uploads);
     v["bytes_checked"] = Json::UInt64(pass.bytesChecked);
@@ -427,6 +430,13 @@ void Park(DirFrame& frame)
         frame.stream.Reset();
     }
     frame.fd.Reset();
+}
+
+// The installation directory the library path was made from.
+std::string InstallDirOf(const std::string& libPath)
+{
+    const size_t length = strlen(kLibRelativePath);
+    return libPath.size() >= length ? libPath.substr(0, libPath.size() - length) : std::string();
 }
 
 // A directory opened as `fd` whose identity must be `id`.
@@ -778,6 +788,7 @@ void ScanWebshellTask::Check()
         return;
     }
     ForgetSkip();
+    AllowList::ForInstall(InstallDirOf(m_webshellLibPath)).Refresh();
     SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "Webshell task check OS web directory. ");
     for (const auto& root : m_scanPathSet) {
         pass.Figures().roots.append(root);
@@ -1145,6 +1156,22 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     if (!result.matched) {
         return;
     }
+    // The content that matched, hashed once and only when needed.
+    const bool readWhole = static_cast<uint64_t>(st.st_size) <= kDecodeFileLimit;
+    const std::function<const std::string&()> digest = [&]() -> const std::string& {
+        if (result.sha256.empty()) {
+            result.sha256 = readWhole ? Sha256Of(content) : fd >= 0 ? Sha256OfFd(fd) : std::string();
+        }
+        return result.sha256;
+    };
+    const std::string install = InstallDirOf(m_webshellLibPath);
+    if (policy != nullptr && AllowMatch(install, policy->GetAllow(), path, result.ruleName, digest)) {
+        if (figures != nullptr) {
+            ++figures->filesMatched;
+            ++figures->allowed;
+        }
+        return;
+    }
     if (figures != nullptr) {
         ++figures->filesMatched;
         ++(result.certain ? figures->certain : figures->uncertain);
@@ -1154,6 +1181,14 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
         const bool uploaded = SendFileUploadMsg(path);
         RecordMatch(path, result, "", uploaded);
         return;
+    }
+    if (policy != nullptr && policy->IsQuarantineCertain()) {
+        std::vector<std::string> roots(cache.scanPathList.begin(), cache.scanPathList.end());
+        if (roots.empty()) {
+            Poco::FastMutex::ScopedLock lock(m_scanPathMutex);
+            roots.assign(m_scanPathSet.begin(), m_scanPathSet.end());
+        }
+        QuarantineMatch(install, path, st, roots, result, digest);
     }
     const ContainerInfo container = cache;
     SendDetectResultMsg(path, result, container);

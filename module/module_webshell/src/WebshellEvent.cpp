@@ -148,8 +148,8 @@ Json::Value BuildWebshellEvent(const WebshellEventFacts& facts, const EventHost&
         file["file_key_word"] = result.keyWord;
     }
     bool flag = true;
-    std::string sha256;
-    if (SDK::FileUtils::GetFileSha256(facts.path, flag, sha256, kNoHashLimit) == 0) {
+    std::string sha256 = result.sha256;  // a quarantined file is no longer there
+    if (!sha256.empty() || SDK::FileUtils::GetFileSha256(facts.path, flag, sha256, kNoHashLimit) == 0) {
         file["file_sha256"] = sha256;
     }
 
@@ -179,6 +179,10 @@ Json::Value BuildWebshellEvent(const WebshellEventFacts& facts, const EventHost&
         event["score"] = Json::Int64(*result.score);
     }
     event["layer_depth"] = result.layerDepth;
+    if (result.quarantineId) {
+        event["quarantined"] = !result.quarantineId->empty();
+        event["quarantine_id"] = *result.quarantineId;
+    }
     event["file_info"].append(file);
 
     if (!container.name.empty() && !container.id.empty()) {

@@ -20,6 +20,10 @@ struct DetectResult {
     int layerDepth = 0;     // where it matched: 0 the file itself, N a layer N decoding steps deep
     std::optional<int64_t> score;  // the rule's integer "score" meta, if it has one
     std::string description;       // the rule's "description" meta, if it has one
+    std::string sha256;            // of the content that matched, once something needed it
+    // Set when the policy asks for certain files to be quarantined: the
+    // quarantine id, or "" when the file stayed where it was.
+    std::optional<std::string> quarantineId;
 
     // Set before the scan: a rule without a deciding tag (certain, extra_php,
     // extra_jsp) whose score is at least this counts as certain. Unset: off.

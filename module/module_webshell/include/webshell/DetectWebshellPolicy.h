@@ -12,6 +12,11 @@
 //   certain_min_score                               content, integer, optional: a rule without a
 //                                                   deciding tag whose "score" meta is at least
 //                                                   this counts as certain (absent: off)
+//   allow                                           content, object, optional: {"paths": [globs],
+//                                                   "sha256": [hex], "rules": [names]}, matches
+//                                                   that are neither events nor uploads (AllowList.h)
+//   quarantine_certain                              content, bool, default false: move certain
+//                                                   files to data/quarantine/ (Quarantine.h)
 //   auto_scan_task.task_condition                   content, required: the periodic task's schedule
 // A key of another type is refused, naming it; an unknown key is reported.
 
@@ -21,6 +26,7 @@
 #include <string>
 
 #include "framework/Policy.h"
+#include "webshell/AllowList.h"
 
 namespace Engine {
 
@@ -60,6 +66,8 @@ public:
     int GetMaxFileSize() const { return m_maxFileSize; }
     int GetUploadFileCountPerDay() const { return m_uploadFileCountPerDay; }
     const std::optional<int64_t>& GetCertainMinScore() const { return m_certainMinScore; }
+    const AllowEntries& GetAllow() const { return m_allow; }
+    bool IsQuarantineCertain() const { return m_quarantineCertain; }
 
     void SetCustomizeScanPathList(const std::list<std::string>& paths) { m_customizeScanPathList = paths; }
     void SetDefaultScanPathList(const std::list<std::string>& paths) { m_defaultScanPathList = paths; }
@@ -84,6 +92,8 @@ private:
     int m_uploadFileCountPerDay = 100;
     bool m_monitorContainer = false;
     std::optional<int64_t> m_certainMinScore;
+    AllowEntries m_allow;
+    bool m_quarantineCertain = false;
     std::string m_refusal;
     Framework::PolicyCheck m_check;
 };
