@@ -32,6 +32,10 @@ constexpr uint32_t kDirMask = IN_CREATE | IN_MODIFY | IN_CLOSE_WRITE | IN_MOVED_
 constexpr uint32_t kDefaultWanted = IN_CREATE | IN_MODIFY | IN_MOVED_TO;
 // While an outbox waits for room in a consumer's queue.
 constexpr int kRetryWaitMs = 10;
+// A container's root vanishes whenever the container is removed; the container
+// service confirms the stop at its next poll (every 2 s) and the registration
+// goes. Until this long after, a vanished container root is not an alarm.
+constexpr int64_t kContainerGoneGraceMs = 10000;
 constexpr int64_t kReadErrorLogIntervalMs = 60000;
 // Changed paths kept for one consumer that does not drain its queue (about
 // 30 MB); beyond that they are dropped with a warning.
@@ -214,7 +218,9 @@ void WatchService::Attach(Registration& reg)
         }
         if (err != reg.lastAttachError && err != ENOSPC) {
             if (err == ENOENT) {
-                SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
+                SDK_LOG(m_logger, InContainerGrace(reg, NowMs()) ? Poco::Message::PRIO_INFORMATION
+                                                                 : Poco::Message::PRIO_WARNING,
+                        kSource,
                         "Cannot watch %s for task %s: it does not exist; it is watched as soon "
                         "as it appears.",
                         reg.req.path, reg.req.consumerName);
@@ -237,6 +243,7 @@ void WatchService::Attach(Registration& reg)
     reg.lastAttachError = 0;
     reg.reportOnAttach = false;
     reg.attached = true;
+    reg.goneSinceMs = -1;
     if (reg.req.recursive || reportFiles) {
         WalkStats stats = Walk(reg, "", reportFiles ? WalkMode::NewDir : WalkMode::WatchOnly, 0);
         if (reportFiles && stats.files > 0) {
@@ -565,7 +572,10 @@ void WatchService::HandleGone(int wd, const char* what)
         }
         if (user.second.empty()) {
             Detach(*reg);
-            SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource,
+            reg->goneSinceMs = NowMs();
+            SDK_LOG(m_logger,
+                    reg->req.extParm != 0 ? Poco::Message::PRIO_INFORMATION : Poco::Message::PRIO_WARNING,
+                    kSource,
                     "Watched directory %s (task %s) %s; its watches are released and the path "
                     "is watched again when a directory appears there.",
                     reg->req.path, reg->req.consumerName, std::string(what));
@@ -867,8 +877,14 @@ void WatchService::SetHealth(const std::string& key, const std::string& reason)
     }
 }
 
+bool WatchService::InContainerGrace(const Registration& reg, int64_t now)
+{
+    return reg.req.extParm != 0 && reg.goneSinceMs >= 0 && now - reg.goneSinceMs < kContainerGoneGraceMs;
+}
+
 void WatchService::UpdateHealth()
 {
+    const int64_t now = NowMs();
     std::string off;
     if (!m_watcher->IsOpen() && !m_regs.empty()) {
         off = "real-time monitoring is off: cannot create an inotify instance (" + m_watcher->Error() + ")";
@@ -879,7 +895,7 @@ void WatchService::UpdateHealth()
     size_t unwatched = 0;
     for (const auto& entry : m_regs) {
         const Registration& reg = entry.second;
-        if (!reg.attached && m_watcher->IsOpen()) {
+        if (!reg.attached && m_watcher->IsOpen() && !InContainerGrace(reg, now)) {
             missing += (missing.empty() ? "" : ", ") + reg.req.path + " for " + reg.req.consumerName + " (" +
                        (reg.lastAttachError != 0 ? SDK::ErrnoText(reg.lastAttachError) : "not yet") + ")";
         }

@@ -112,6 +112,7 @@ private:
         bool reportOnAttach = false;  // the root was missing: its files are new when it appears
         int64_t nextAttachMs = 0;
         int lastAttachError = 0;  // logged once per distinct error
+        int64_t goneSinceMs = -1;  // when the root vanished, while it stays away
         bool exhaustionWarned = false;
         size_t unwatched = 0;  // directories left unwatched for lack of watches
         std::string firstUnwatched;
@@ -182,6 +183,9 @@ private:
     // Raises or clears "filenotify.inotify", "filenotify.watches" (roots
     // asked for but not watched) and "filenotify.watch_limit".
     void UpdateHealth();
+    // A container root that vanished moments ago: the container is most
+    // likely being removed, which the container service confirms shortly.
+    static bool InContainerGrace(const Registration& reg, int64_t now);
     void SetHealth(const std::string& key, const std::string& reason);
 
     Registration* FindReg(RegId id);
