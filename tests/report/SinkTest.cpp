@@ -2,19 +2,13 @@
 // restarts and its bound, Debian's rsyslog over UDP and TCP, and an HTTP
 // receiver that fails in each way a real one does.
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <string>
 #include <vector>
 
-#include <Poco/Net/DatagramSocket.h>
-#include <Poco/Net/ServerSocket.h>
-#include <Poco/Net/StreamSocket.h>
 #include <gtest/gtest.h>
 
 #include "LoopbackHttpServer.h"
+#include "RsyslogServer.h"
 #include "ReportTestUtil.h"
 #include "framework/Health.h"
 #include "framework/StatusBoard.h"
@@ -57,55 +51,6 @@ std::string HealthReason(const std::string& key)
     }
     return "";
 }
-
-// Debian's rsyslogd in the foreground, listening on loopback (UDP and TCP)
-// and writing "PRI|APP-NAME|MSGID|MSG" lines to a file.
-class Rsyslog {
-public:
-    explicit Rsyslog(TempDir& dir) : m_out(dir.Join("syslog.out"))
-    {
-        {
-            Poco::Net::DatagramSocket udp(Poco::Net::SocketAddress("127.0.0.1", 0));
-            Poco::Net::ServerSocket tcp(Poco::Net::SocketAddress("127.0.0.1", 0));
-            udpPort = udp.address().port();
-            tcpPort = tcp.address().port();
-        }
-        const std::string conf = dir.Write("rsyslog.conf",
-            "global(maxMessageSize=\"64k\" workDirectory=\"" + dir.Path() + "\")\n"
-            "module(load=\"imudp\")\nmodule(load=\"imtcp\")\n"
-            "input(type=\"imudp\" address=\"127.0.0.1\" port=\"" + std::to_string(udpPort) + "\")\n"
-            "input(type=\"imtcp\" address=\"127.0.0.1\" port=\"" + std::to_string(tcpPort) + "\")\n"
-            "template(name=\"t\" type=\"string\" string=\"%pri%|%app-name%|%msgid%|%msg%\\n\")\n"
-            "*.* action(type=\"omfile\" file=\"" + m_out + "\" template=\"t\")\n");
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::execl("/usr/sbin/rsyslogd", "rsyslogd", "-n", "-f", conf.c_str(), "-i",
-                    dir.Join("rsyslog.pid").c_str(), static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ready = WaitFor([&] {
-            try {
-                Poco::Net::StreamSocket(Poco::Net::SocketAddress("127.0.0.1", tcpPort));
-                return true;
-            } catch (const Poco::Exception&) {
-                return false;
-            }
-        }, 10000, 50);
-    }
-    ~Rsyslog()
-    {
-        ::kill(m_pid, SIGTERM);
-        ::waitpid(m_pid, nullptr, 0);
-    }
-    std::vector<std::string> Lines() const { return TestSupport::ReadLines(m_out); }
-
-    Poco::UInt16 udpPort = 0, tcpPort = 0;
-    bool ready = false;
-
-private:
-    std::string m_out;
-    pid_t m_pid = -1;
-};
 
 }  // namespace
 
@@ -176,7 +121,7 @@ TEST(Spool, KeepsOrderAcrossRestartsResendsWhatWasNotAcknowledgedAndDropsOnlyThe
 TEST(SyslogSink, RsyslogReceivesEveryEventOverUdpAndTcp)
 {
     TempDir dir("syslog");
-    Rsyslog rsyslog(dir);
+    RsyslogServer rsyslog(dir);
     ASSERT_TRUE(rsyslog.ready) << "rsyslogd did not start (apt-get install rsyslog)";
     struct Case {
         std::string target;

@@ -112,32 +112,49 @@ void HttpSink::Submit(const std::string& line)
         return;
     }
     const SDK::Status kept = m_spool.Append(line + "\n");
-    Poco::Mutex::ScopedLock lock(m_mutex);
-    if (!kept) {
-        ++m_spoolErrors;
-        if (m_spoolError.empty()) {
-            SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
-                    "An event could not be kept for %s: %s. The event file still has it; further "
-                    "events that cannot be kept are counted (report.http \"spool_errors\") until the "
-                    "spool works again.",
-                    m_options.url, kept.message());
-            Framework::Health::Raise(kSpoolHealthKey, Framework::Health::Severity::Degraded,
-                                     "events for " + m_options.url + " cannot be spooled: " + kept.message());
+    {
+        Poco::Mutex::ScopedLock lock(m_mutex);
+        if (!kept) {
+            ++m_spoolErrors;
+            if (m_spoolError.empty()) {
+                SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
+                        "An event could not be kept for %s: %s. The event file still has it; further "
+                        "events that cannot be kept are counted (report.http \"spool_errors\") until "
+                        "the spool works again.",
+                        m_options.url, kept.message());
+                Framework::Health::Raise(kSpoolHealthKey, Framework::Health::Severity::Degraded,
+                                         "events for " + m_options.url + " cannot be spooled: " + kept.message());
+            }
+            m_spoolError = kept.message();
+        } else {
+            if (!m_spoolError.empty()) {
+                SDK_LOG(m_logger, Poco::Message::PRIO_NOTICE, kSource,
+                        "The spool %s works again; %?d events could not be kept for %s.", m_spool.Dir(),
+                        m_spoolErrors, m_options.url);
+                Framework::Health::Clear(kSpoolHealthKey);
+                m_spoolError.clear();
+            }
+            if (m_firstPendingMs == 0) {
+                m_firstPendingMs = NowMs();
+            }
+            m_wake.signal();
         }
-        m_spoolError = kept.message();
-        return;
     }
-    if (!m_spoolError.empty()) {
-        SDK_LOG(m_logger, Poco::Message::PRIO_NOTICE, kSource,
-                "The spool %s works again; %?d events could not be kept for %s.", m_spool.Dir(),
-                m_spoolErrors, m_options.url);
-        Framework::Health::Clear(kSpoolHealthKey);
-        m_spoolError.clear();
+    // The delivery thread may be waiting for an answer: the board shows
+    // the event spooled now.
+    Publish();
+}
+
+void HttpSink::NoteDelivery(uint64_t events)
+{
+    Poco::Mutex::ScopedLock lock(m_mutex);
+    if (events > 0) {
+        m_delivered.sent += events;
+        ++m_delivered.batches;
     }
-    if (m_firstPendingMs == 0) {
-        m_firstPendingMs = NowMs();
-    }
-    m_wake.signal();
+    m_delivered.failed = m_outage.Failures();
+    m_delivered.healthy = !m_outage.Down();
+    m_delivered.lastError = m_outage.LastError();
 }
 
 void HttpSink::Stop()
@@ -254,6 +271,8 @@ void HttpSink::Loop()
             m_spoolOpen = opened.ok();
             if (!opened) {
                 m_outage.Failed("the spool cannot be used: " + opened.message(), "events are not sent");
+                NoteDelivery(0);
+                Publish();
                 Poco::Mutex::ScopedLock lock(m_mutex);
                 m_wake.tryWait(m_mutex, BackoffMs(m_outage.Failures(), m_options.retryMaxMs));
                 continue;
@@ -277,14 +296,14 @@ void HttpSink::Loop()
                 SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource, "HTTP sink %s: %s.",
                         m_options.url, acked.message());
             }
-            m_sent += batch.count;
-            ++m_batches;
             m_outage.Recovered();
+            NoteDelivery(batch.count);
             Poco::Mutex::ScopedLock lock(m_mutex);
             m_firstPendingMs = m_spool.Stats().pending == 0 ? 0 : -1;
         } else if (!m_stopping) {
             m_outage.Failed(posted.message(),
                             std::to_string(m_spool.Stats().pending) + " events are kept in " + m_spool.Dir());
+            NoteDelivery(0);
             Publish();
             Poco::Mutex::ScopedLock lock(m_mutex);
             if (!m_stop) {
@@ -305,21 +324,19 @@ void HttpSink::Loop()
 void HttpSink::Publish()
 {
     const SpoolStats stats = m_spool.Stats();
+    Poco::Mutex::ScopedLock lock(m_mutex);
     Json::Value v(Json::objectValue);
     v["url"] = m_options.url;
-    v["sent"] = static_cast<Json::UInt64>(m_sent);
-    v["batches"] = static_cast<Json::UInt64>(m_batches);
-    v["failed"] = static_cast<Json::UInt64>(m_outage.Failures());
+    v["sent"] = static_cast<Json::UInt64>(m_delivered.sent);
+    v["batches"] = static_cast<Json::UInt64>(m_delivered.batches);
+    v["failed"] = static_cast<Json::UInt64>(m_delivered.failed);
     v["spooled"] = static_cast<Json::UInt64>(stats.spooled);
     v["pending"] = static_cast<Json::UInt64>(stats.pending);
     v["dropped"] = static_cast<Json::UInt64>(stats.dropped);
     v["spool_bytes"] = static_cast<Json::UInt64>(stats.bytes);
-    {
-        Poco::Mutex::ScopedLock lock(m_mutex);
-        v["spool_errors"] = static_cast<Json::UInt64>(m_spoolErrors);
-    }
-    v["healthy"] = !m_outage.Down();
-    v["last_error"] = m_outage.LastError();
+    v["spool_errors"] = static_cast<Json::UInt64>(m_spoolErrors);
+    v["healthy"] = m_delivered.healthy;
+    v["last_error"] = m_delivered.lastError;
     Framework::StatusBoard::Publish(kStatusKey, v);
     const int64_t now = NowMs();
     if (stats.dropped > m_droppedLogged && (m_dropLogMs == 0 || now - m_dropLogMs >= kDropLogIntervalMs)) {

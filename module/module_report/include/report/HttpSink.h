@@ -69,6 +69,7 @@ private:
     SDK::Status Post(const std::string& body);
     void SetSocket(int fd);
     void Publish();
+    void NoteDelivery(uint64_t events);  // 0: a failed attempt
 
     HttpSinkOptions m_options;
     Poco::Logger* m_logger;
@@ -78,7 +79,7 @@ private:
     Spool m_spool;
     bool m_spoolOpen = false;
 
-    Poco::Mutex m_mutex;  // guards m_stop, m_firstPendingMs, m_spoolError, m_spoolErrors
+    Poco::Mutex m_mutex;  // guards everything up to m_socketMutex
     Poco::Condition m_wake;
     bool m_stop = false;
     // When the oldest unsent event came (monotonic ms); 0: none, -1: a
@@ -86,17 +87,21 @@ private:
     int64_t m_firstPendingMs = 0;
     std::string m_spoolError;      // the last append that failed, until one works
     uint64_t m_spoolErrors = 0;
+    // What the delivery thread did, for Publish on either thread.
+    struct Delivered {
+        uint64_t sent = 0, batches = 0, failed = 0;
+        bool healthy = true;
+        std::string lastError;
+    } m_delivered;
+    uint64_t m_droppedLogged = 0;
+    int64_t m_dropLogMs = 0;
 
     std::atomic<bool> m_stopping{false};
     Poco::FastMutex m_socketMutex;
     int m_socketFd = -1;  // the connection in progress, for Stop; guarded by m_socketMutex
 
     // Delivery thread only.
-    uint64_t m_sent = 0;
-    uint64_t m_batches = 0;
     Outage m_outage;
-    uint64_t m_droppedLogged = 0;
-    int64_t m_dropLogMs = 0;
     Poco::Thread m_thread;
 };
 
