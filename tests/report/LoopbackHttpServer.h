@@ -33,6 +33,7 @@
 #include <Poco/Net/HTTPServerRequest.h>
 #include <Poco/Net/HTTPServerRequestImpl.h>
 #include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/SecureServerSocket.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 
@@ -43,8 +44,11 @@ public:
 
     enum class Ingest { Accept, Fail500, Hang, CloseMidway };
 
-    LoopbackHttpServer()
-        : m_socket(Poco::Net::SocketAddress("127.0.0.1", 0))
+    // With `tls` (a server context) it speaks HTTPS.
+    explicit LoopbackHttpServer(Poco::Net::Context::Ptr tls = nullptr)
+        : m_socket(tls ? Poco::Net::SecureServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0), 64, tls)
+                       : Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0))),
+          m_scheme(tls ? "https" : "http")
     {
         m_port = m_socket.address().port();
         Up();
@@ -103,7 +107,12 @@ public:
 
     std::string Url(const std::string& path) const
     {
-        return "http://127.0.0.1:" + std::to_string(m_port) + path;
+        return Url(path, "127.0.0.1");
+    }
+
+    std::string Url(const std::string& path, const std::string& host) const
+    {
+        return m_scheme + "://" + host + ":" + std::to_string(m_port) + path;
     }
 
     void SetBody(const std::string& name, const std::string& body)
@@ -282,6 +291,7 @@ private:
 
     Poco::Net::ServerSocket m_socket;
     Poco::UInt16 m_port = 0;
+    std::string m_scheme;
     std::unique_ptr<Poco::Net::HTTPServer> m_server;
     Ingest m_ingest = Ingest::Accept;
     std::vector<std::string> m_ingested;

@@ -240,3 +240,43 @@ TEST(HttpSink, RetriesEveryFaultUntilAcceptedAndLosesNothing)
     EXPECT_EQ(status["pending"].asInt(), 0);
     EXPECT_GE(status["failed"].asInt(), 4);
 }
+
+// The receiver's certificate is checked unless switched off: a self-signed
+// one gets nothing, until it is named as the CA or checks are off.
+TEST(HttpSink, SendsOnlyToAReceiverWhoseCertificateIsTrusted)
+{
+    TempDir dir("http-tls");
+    const std::string key = dir.Join("key.pem"), cert = dir.Join("cert.pem");
+    ASSERT_EQ(0, TestSupport::RunCommand("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=localhost "
+                                         "-addext subjectAltName=DNS:localhost -keyout " + key + " -out " + cert +
+                                         " 2>/dev/null"));
+    LoopbackHttpServer server(new Poco::Net::Context(Poco::Net::Context::TLS_SERVER_USE, key, cert, ""));
+    struct Case {
+        std::string caFile;
+        bool verify;
+        bool delivered;
+    } const cases[] = {{"", true, false}, {cert, true, true}, {"", false, true}};
+    size_t expected = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.caFile + (c.verify ? " verify" : " no verify"));
+        Report::HttpSinkOptions options;
+        options.url = server.Url("/ingest", "localhost");
+        options.caFile = c.caFile;
+        options.verify = c.verify;
+        options.batchMs = 0;
+        options.spool.dir = dir.Join("spool" + std::to_string(&c - cases));
+        Report::HttpSink sink(options, &Poco::Logger::get("report_module"));
+        sink.Start();
+        sink.Submit(Event(0));
+        expected += c.delivered ? 1 : 0;
+        if (c.delivered) {
+            EXPECT_TRUE(WaitFor([&] { return server.Ingested().size() == expected; }, 10000));
+        } else {
+            ASSERT_TRUE(WaitFor([&] { return !HealthReason("report.http").empty(); }, 10000));
+            EXPECT_NE(HealthReason("report.http").find("certificate"), std::string::npos)
+                << HealthReason("report.http");
+            EXPECT_EQ(server.Ingested().size(), expected);
+        }
+        sink.Stop();
+    }
+}

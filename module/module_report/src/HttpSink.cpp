@@ -53,11 +53,16 @@ HttpSink::HttpSink(const HttpSinkOptions& options, Poco::Logger* logger)
         const std::string scheme = Poco::toLower(uri.getScheme());
         if ((scheme != "http" && scheme != "https") || uri.getHost().empty()) {
             m_badConfig = "report.http.url must be an http:// or https:// URL";
-        } else if (scheme == "https") {
-            m_tls = ClientContext(m_options.caFile, m_options.verify);
         }
     } catch (const Poco::Exception& e) {
         m_badConfig = "report.http.url: " + e.displayText();
+    }
+    if (m_badConfig.empty() && Poco::toLower(m_options.url).compare(0, 8, "https://") == 0) {
+        try {
+            m_tls = ClientContext(m_options.caFile, m_options.verify);
+        } catch (const Poco::Exception& e) {
+            m_badConfig = "report.http.ca_file \"" + m_options.caFile + "\": " + e.displayText();
+        }
     }
     if (!m_options.header.empty()) {
         const size_t colon = m_options.header.find(':');
@@ -79,6 +84,9 @@ HttpSink::~HttpSink()
     if (!m_spoolError.empty()) {
         Framework::Health::Clear(kSpoolHealthKey);
     }
+    if (!m_badConfig.empty()) {
+        Framework::Health::Clear(kStatusKey);
+    }
 }
 
 void HttpSink::Start()
@@ -88,6 +96,11 @@ void HttpSink::Start()
                 "HTTP sink not used, nothing is sent to \"%s\": %s.", m_options.url, m_badConfig);
         Framework::Health::Raise(kStatusKey, Framework::Health::Severity::Degraded, m_badConfig);
         return;
+    }
+    {
+        Poco::Mutex::ScopedLock lock(m_mutex);
+        m_stop = false;
+        m_stopping = false;
     }
     const SDK::Status opened = m_spool.Open();
     m_spoolOpen = opened.ok();
@@ -199,7 +212,7 @@ bool HttpSink::WaitForBatch()
         long waitMs = kIdleWaitMs;
         if (stats.pending > 0) {
             const int64_t age = m_firstPendingMs <= 0 ? m_options.batchMs : NowMs() - m_firstPendingMs;
-            if (stats.pending >= m_options.batchEvents || stats.bytes >= m_options.batchBytes ||
+            if (stats.pending >= m_options.batchEvents || stats.pendingBytes >= m_options.batchBytes ||
                 age >= m_options.batchMs) {
                 return true;
             }
@@ -243,7 +256,10 @@ SDK::Status HttpSink::Post(const std::string& body)
         out.write(body.data(), static_cast<std::streamsize>(body.size()));
         out.flush();
         if (!out) {
-            return SDK::Status::Error("connection closed while the batch was sent");
+            // The stream hides why (a refused certificate, a reset): the session kept it.
+            const Poco::Exception* why = session->networkException();
+            return SDK::Status::Error(why != nullptr ? why->displayText()
+                                                     : std::string("connection closed while the batch was sent"));
         }
         Poco::Net::HTTPResponse response;
         std::istream& in = session->receiveResponse(response);

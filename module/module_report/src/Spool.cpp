@@ -371,7 +371,11 @@ Status Spool::Ack(const SpoolBatch& batch)
 SpoolStats Spool::Stats() const
 {
     Poco::FastMutex::ScopedLock lock(m_mutex);
-    return m_stats;
+    SpoolStats stats = m_stats;
+    // Segments before the cursor are gone, so only the cursor's own offset
+    // is already sent.
+    stats.pendingBytes = stats.pending == 0 ? 0 : stats.bytes - std::min(stats.bytes, m_cursorOffset);
+    return stats;
 }
 
 }  // namespace Report

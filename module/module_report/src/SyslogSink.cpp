@@ -88,6 +88,9 @@ SyslogSink::SyslogSink(const SyslogSinkOptions& options, Poco::Logger* logger)
 SyslogSink::~SyslogSink()
 {
     Stop();
+    if (!m_badTarget.empty()) {
+        Framework::Health::Clear(kStatusKey);
+    }
 }
 
 int SyslogSink::ParseFacility(const std::string& text)
@@ -133,6 +136,10 @@ void SyslogSink::Start()
     }
     SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "Events also go to syslog at %s.",
             m_options.target);
+    {
+        Poco::Mutex::ScopedLock lock(m_mutex);
+        m_stop = false;
+    }
     m_thread.startFunc([this] { Loop(); });
 }
 

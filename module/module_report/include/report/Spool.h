@@ -44,6 +44,7 @@ struct SpoolStats {
     uint64_t dropped = 0;   // unsent lines removed by the bound, or cut short by a crash
     uint64_t pending = 0;   // lines not yet acknowledged
     uint64_t bytes = 0;     // size of the segments on disk
+    uint64_t pendingBytes = 0;
 };
 
 class Spool {
