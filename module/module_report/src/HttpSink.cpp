@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <system_error>
 #include <istream>
 #include <ostream>
 
@@ -45,8 +46,7 @@ HttpSink::HttpSink(const HttpSinkOptions& options, Poco::Logger* logger)
     : m_options(options),
       m_logger(logger),
       m_spool(options.spool),
-      m_outage(kStatusKey, "HTTP sink " + options.url, logger),
-      m_thread("report.http")
+      m_outage(kStatusKey, "HTTP sink " + options.url, logger)
 {
     try {
         const Poco::URI uri(m_options.url);
@@ -116,7 +116,14 @@ void HttpSink::Start()
     if (stats.pending > 0) {
         m_firstPendingMs = -1;
     }
-    m_thread.startFunc([this] { Loop(); });
+    try {
+        m_thread = std::thread([this] { Loop(); });
+    } catch (const std::system_error& e) {
+        SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
+                "No thread for the %s sink (%s): nothing is sent until the agent restarts.", "http", e.what());
+        Framework::Health::Raise(kStatusKey, Framework::Health::Severity::Degraded,
+                                 std::string("no delivery thread: ") + e.what());
+    }
 }
 
 void HttpSink::Submit(const std::string& line)
@@ -184,7 +191,7 @@ void HttpSink::Stop()
             ::shutdown(m_socketFd, SHUT_RDWR);
         }
     }
-    if (m_thread.isRunning()) {
+    if (m_thread.joinable()) {
         m_thread.join();
     }
 }

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <system_error>
+
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/Environment.h>
 #include <Poco/Exception.h>
@@ -60,8 +62,7 @@ const char* const SyslogSink::kStatusKey = "report.syslog";
 SyslogSink::SyslogSink(const SyslogSinkOptions& options, Poco::Logger* logger)
     : m_options(options),
       m_logger(logger),
-      m_outage(kStatusKey, "Syslog sink " + options.target, logger),
-      m_thread("report.syslog")
+      m_outage(kStatusKey, "Syslog sink " + options.target, logger)
 {
     const std::string& t = m_options.target;
     if (t.compare(0, 6, "udp://") == 0 || t.compare(0, 6, "tcp://") == 0) {
@@ -140,7 +141,14 @@ void SyslogSink::Start()
         Poco::Mutex::ScopedLock lock(m_mutex);
         m_stop = false;
     }
-    m_thread.startFunc([this] { Loop(); });
+    try {
+        m_thread = std::thread([this] { Loop(); });
+    } catch (const std::system_error& e) {
+        SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
+                "No thread for the %s sink (%s): nothing is sent until the agent restarts.", "syslog", e.what());
+        Framework::Health::Raise(kStatusKey, Framework::Health::Severity::Degraded,
+                                 std::string("no delivery thread: ") + e.what());
+    }
 }
 
 void SyslogSink::Submit(const std::string& line)
@@ -175,7 +183,7 @@ void SyslogSink::Stop()
         m_stop = true;
         m_wake.broadcast();
     }
-    if (m_thread.isRunning()) {
+    if (m_thread.joinable()) {
         m_thread.join();
     }
 }

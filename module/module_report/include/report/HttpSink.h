@@ -20,11 +20,11 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include <Poco/Condition.h>
 #include <Poco/Mutex.h>
 #include <Poco/Net/Context.h>
-#include <Poco/Thread.h>
 
 #include "report/RemoteSink.h"
 #include "report/Spool.h"
@@ -102,7 +102,10 @@ private:
 
     // Delivery thread only.
     Outage m_outage;
-    Poco::Thread m_thread;
+    // std::thread rather than Poco::Thread: its join is a pthread_join, so
+    // nothing of the ended thread outlives Stop (Poco's join only waits for
+    // an event the thread still holds).
+    std::thread m_thread;
 };
 
 }  // namespace Report

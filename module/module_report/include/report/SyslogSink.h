@@ -24,10 +24,10 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include <Poco/Condition.h>
 #include <Poco/Mutex.h>
-#include <Poco/Thread.h>
 
 #include "report/RemoteSink.h"
 #include "sdk/Status.h"
@@ -98,7 +98,10 @@ private:
     // Delivery thread only.
     std::unique_ptr<Poco::Net::Socket> m_socket;
     Outage m_outage;
-    Poco::Thread m_thread;
+    // std::thread rather than Poco::Thread: its join is a pthread_join, so
+    // nothing of the ended thread outlives Stop (Poco's join only waits for
+    // an event the thread still holds).
+    std::thread m_thread;
 };
 
 }  // namespace Report
