@@ -15,10 +15,10 @@
 #include "testsupport/TestSupport.h"
 
 // Debian's rsyslogd in the foreground, listening on loopback (UDP and TCP)
-// and writing "PRI|APP-NAME|MSGID|MSG" lines to a file.
+// and on a unix datagram socket of its own (`socket`), writing "PRI|APP-NAME|MSGID|MSG" lines to a file.
 class RsyslogServer {
 public:
-    explicit RsyslogServer(TestSupport::TempDir& dir) : m_out(dir.Join("syslog.out"))
+    explicit RsyslogServer(TestSupport::TempDir& dir) : socket(dir.Join("log.sock")), m_out(dir.Join("syslog.out"))
     {
         {
             Poco::Net::DatagramSocket udp(Poco::Net::SocketAddress("127.0.0.1", 0));
@@ -28,7 +28,8 @@ public:
         }
         const std::string conf = dir.Write("rsyslog.conf",
             "global(maxMessageSize=\"64k\" workDirectory=\"" + dir.Path() + "\")\n"
-            "module(load=\"imudp\")\nmodule(load=\"imtcp\")\n"
+            "module(load=\"imudp\")\nmodule(load=\"imtcp\")\nmodule(load=\"imuxsock\" SysSock.Use=\"off\")\n"
+            "input(type=\"imuxsock\" Socket=\"" + socket + "\" UseSpecialParser=\"off\" ParseHostname=\"on\")\n"
             "input(type=\"imudp\" address=\"127.0.0.1\" port=\"" + std::to_string(udpPort) + "\")\n"
             "input(type=\"imtcp\" address=\"127.0.0.1\" port=\"" + std::to_string(tcpPort) + "\")\n"
             "template(name=\"t\" type=\"string\" string=\"%pri%|%app-name%|%msgid%|%msg%\\n\")\n"
@@ -43,7 +44,7 @@ public:
         ready = TestSupport::WaitFor([&] {
             try {
                 Poco::Net::StreamSocket(Poco::Net::SocketAddress("127.0.0.1", tcpPort));
-                return true;
+                return TestSupport::FileExists(socket);
             } catch (const Poco::Exception&) {
                 return false;
             }
@@ -56,6 +57,7 @@ public:
     }
     std::vector<std::string> Lines() const { return TestSupport::ReadLines(m_out); }
 
+    std::string socket;
     Poco::UInt16 udpPort = 0, tcpPort = 0;
     bool ready = false;
 

@@ -116,9 +116,9 @@ TEST(Spool, KeepsOrderAcrossRestartsResendsWhatWasNotAcknowledgedAndDropsOnlyThe
 }
 
 // One table over the transports: rsyslog parses every message as RFC 5424
-// with the event as MSG; a datagram over the limit arrives cut, marked and
-// counted, the TCP one whole.
-TEST(SyslogSink, RsyslogReceivesEveryEventOverUdpAndTcp)
+// with the event as MSG; a datagram (UDP, unix) over the limit arrives cut,
+// marked and counted, the TCP one whole.
+TEST(SyslogSink, RsyslogReceivesEveryEventOverUdpTcpAndAUnixSocket)
 {
     TempDir dir("syslog");
     RsyslogServer rsyslog(dir);
@@ -128,7 +128,8 @@ TEST(SyslogSink, RsyslogReceivesEveryEventOverUdpAndTcp)
         bool cut;
     };
     const Case cases[] = {{"udp://127.0.0.1:" + std::to_string(rsyslog.udpPort), true},
-                          {"tcp://127.0.0.1:" + std::to_string(rsyslog.tcpPort), false}};
+                          {"tcp://127.0.0.1:" + std::to_string(rsyslog.tcpPort), false},
+                          {"unix:" + rsyslog.socket, true}};
     const int kEvents = 20;
     const size_t kBig = 6000;
     size_t expected = 0;
