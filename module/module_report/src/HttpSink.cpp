@@ -120,7 +120,8 @@ void HttpSink::Start()
         m_thread = std::thread([this] { Loop(); });
     } catch (const std::system_error& e) {
         SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
-                "No thread for the %s sink (%s): nothing is sent until the agent restarts.", "http", e.what());
+                "No thread for the %s sink (%s): nothing is sent until the agent restarts.", "http",
+                e.what());
         Framework::Health::Raise(kStatusKey, Framework::Health::Severity::Degraded,
                                  std::string("no delivery thread: ") + e.what());
     }
@@ -142,8 +143,9 @@ void HttpSink::Submit(const std::string& line)
                         "events that cannot be kept are counted (report.http \"spool_errors\") until "
                         "the spool works again.",
                         m_options.url, kept.message());
-                Framework::Health::Raise(kSpoolHealthKey, Framework::Health::Severity::Degraded,
-                                         "events for " + m_options.url + " cannot be spooled: " + kept.message());
+                Framework::Health::Raise(
+                    kSpoolHealthKey, Framework::Health::Severity::Degraded,
+                    "events for " + m_options.url + " cannot be spooled: " + kept.message());
             }
             m_spoolError = kept.message();
         } else {
@@ -265,8 +267,9 @@ SDK::Status HttpSink::Post(const std::string& body)
         if (!out) {
             // The stream hides why (a refused certificate, a reset): the session kept it.
             const Poco::Exception* why = session->networkException();
-            return SDK::Status::Error(why != nullptr ? why->displayText()
-                                                     : std::string("connection closed while the batch was sent"));
+            return SDK::Status::Error(why != nullptr
+                                          ? why->displayText()
+                                          : std::string("connection closed while the batch was sent"));
         }
         Poco::Net::HTTPResponse response;
         std::istream& in = session->receiveResponse(response);

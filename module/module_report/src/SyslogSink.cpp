@@ -145,7 +145,8 @@ void SyslogSink::Start()
         m_thread = std::thread([this] { Loop(); });
     } catch (const std::system_error& e) {
         SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
-                "No thread for the %s sink (%s): nothing is sent until the agent restarts.", "syslog", e.what());
+                "No thread for the %s sink (%s): nothing is sent until the agent restarts.", "syslog",
+                e.what());
         Framework::Health::Raise(kStatusKey, Framework::Health::Severity::Degraded,
                                  std::string("no delivery thread: ") + e.what());
     }
@@ -312,7 +313,8 @@ void SyslogSink::Loop()
             queued = m_queue.size();
         }
         m_outage.Failed(sent.message(), std::to_string(queued) + " events wait in memory (at most " +
-                                            std::to_string(m_options.maxQueued) + ", then the oldest are dropped)");
+                                            std::to_string(m_options.maxQueued) +
+                                            ", then the oldest are dropped)");
         Publish();
         Poco::Mutex::ScopedLock lock(m_mutex);
         if (!m_stop) {
