@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs from Debian what the build, the tests, the benchmarks and the
 # fuzz targets need (clang-14 with libclang-rt-14-dev, which ships libFuzzer;
-# llvm-14 for the symbolizer).
+# llvm-14 for the symbolizer; rsyslog as a receiver for the delivery tests).
 # Idempotent: packages already present are not touched. Works as root and,
 # through sudo, as a user.
 set -euo pipefail
@@ -14,6 +14,7 @@ PACKAGES=(
   clang-14 libclang-rt-14-dev llvm-14
   docker.io containerd runc podman busybox-static
   dpkg-dev
+  rsyslog
 )
 
 missing=()

@@ -10,14 +10,21 @@
 //   /stall         200, Content-Length N, N/2 bytes, then nothing until Release()
 //   /redirect/<n>  302 to /ok/<n>
 //   /loop          302 to /loop
-// Hits() counts requests per path.
+//   /ingest        a receiver of POSTed JSON lines; what it does is set by
+//                  SetIngest (accept with 200, answer 500, never answer until
+//                  the mode changes, or close with half the body read).
+// Hits() counts requests per path; Down() and Up() stop and restart the
+// server on the same port.
 
 #include <atomic>
 #include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <iterator>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include <Poco/Net/HTTPRequestHandler.h>
 #include <Poco/Net/HTTPRequestHandlerFactory.h>
@@ -26,6 +33,7 @@
 #include <Poco/Net/HTTPServerRequest.h>
 #include <Poco/Net/HTTPServerRequestImpl.h>
 #include <Poco/Net/HTTPServerResponse.h>
+#include <Poco/Net/SecureServerSocket.h>
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Net/SocketAddress.h>
 
@@ -34,9 +42,33 @@ public:
     static constexpr size_t kHalfBody = 64 * 1024;
     static constexpr size_t kBigBody = 8 * 1024 * 1024;
 
-    LoopbackHttpServer()
-        : m_socket(Poco::Net::SocketAddress("127.0.0.1", 0))
+    enum class Ingest { Accept, Fail500, Hang, CloseMidway };
+
+    // With `tls` (a server context) it speaks HTTPS.
+    explicit LoopbackHttpServer(Poco::Net::Context::Ptr tls = nullptr)
+        : m_socket(tls ? Poco::Net::SecureServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0), 64, tls)
+                       : Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0))),
+          m_scheme(tls ? "https" : "http")
     {
+        m_port = m_socket.address().port();
+        Up();
+    }
+
+    ~LoopbackHttpServer()
+    {
+        Release();
+        SetIngest(Ingest::Accept);
+        Down();
+    }
+
+    void Up()
+    {
+        if (m_server) {
+            return;
+        }
+        if (!m_socket.impl()->initialized()) {
+            m_socket = Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", m_port));
+        }
         Poco::Net::HTTPServerParams::Ptr params = new Poco::Net::HTTPServerParams;
         params->setMaxThreads(8);
         params->setKeepAlive(false);
@@ -44,15 +76,43 @@ public:
         m_server->start();
     }
 
-    ~LoopbackHttpServer()
+    // Stops accepting: connections are refused until Up().
+    void Down()
     {
-        Release();
-        m_server->stopAll(true);
+        if (m_server) {
+            m_server->stopAll(true);
+            m_server.reset();
+            m_socket.close();
+        }
+    }
+
+    void SetIngest(Ingest mode)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_ingest = mode;
+        m_cv.notify_all();
+    }
+
+    // Lines of every accepted batch, in order, and the last Authorization header.
+    std::vector<std::string> Ingested()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_ingested;
+    }
+    std::string Authorization()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_authorization;
     }
 
     std::string Url(const std::string& path) const
     {
-        return "http://127.0.0.1:" + std::to_string(m_socket.address().port()) + path;
+        return Url(path, "127.0.0.1");
+    }
+
+    std::string Url(const std::string& path, const std::string& host) const
+    {
+        return m_scheme + "://" + host + ":" + std::to_string(m_port) + path;
     }
 
     void SetBody(const std::string& name, const std::string& body)
@@ -112,9 +172,52 @@ private:
         LoopbackHttpServer* m_owner;
     };
 
+    void ServeIngest(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
+    {
+        std::string body;
+        std::istream& in = request.stream();
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const Ingest mode = m_ingest;
+        lock.unlock();
+        if (mode == Ingest::CloseMidway) {
+            body.resize(static_cast<size_t>(request.getContentLength64() / 2));
+            in.read(&body[0], static_cast<std::streamsize>(body.size()));
+            static_cast<Poco::Net::HTTPServerRequestImpl&>(request).socket().shutdown();
+            return;
+        }
+        body.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        lock.lock();
+        if (mode == Ingest::Hang) {
+            m_cv.wait_for(lock, std::chrono::seconds(30), [this] { return m_ingest != Ingest::Hang; });
+            return;  // the client gave up long ago
+        }
+        if (mode == Ingest::Fail500) {
+            lock.unlock();
+            response.setStatusAndReason(Poco::Net::HTTPResponse::HTTP_INTERNAL_SERVER_ERROR);
+            response.send() << "index unavailable";
+            return;
+        }
+        m_authorization = request.get("Authorization", "");
+        std::istringstream lines(body);
+        for (std::string line; std::getline(lines, line);) {
+            m_ingested.push_back(line);
+        }
+        lock.unlock();
+        response.setContentLength(0);
+        response.send();
+    }
+
     void Serve(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
     {
         const std::string path = request.getURI();
+        if (path == "/ingest") {
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                ++m_hits[path];
+            }
+            ServeIngest(request, response);
+            return;
+        }
         std::string body;
         bool known = false;
         {
@@ -187,7 +290,12 @@ private:
     }
 
     Poco::Net::ServerSocket m_socket;
+    Poco::UInt16 m_port = 0;
+    std::string m_scheme;
     std::unique_ptr<Poco::Net::HTTPServer> m_server;
+    Ingest m_ingest = Ingest::Accept;
+    std::vector<std::string> m_ingested;
+    std::string m_authorization;
     std::mutex m_mutex;
     std::condition_variable m_cv;
     bool m_released = false;

@@ -28,15 +28,22 @@ const char* const DataCommReportTask::kStatusKey = "report.events";
 const size_t DataCommReportTask::kMaxRemembered = 4096;
 const int64_t DataCommReportTask::kDuplicateWindowMs = 60 * 1000;
 
-DataCommReportTask::DataCommReportTask(const Report::EventSinkOptions& options)
+DataCommReportTask::DataCommReportTask(const Report::EventSinkOptions& options,
+                                       std::vector<std::unique_ptr<Report::RemoteSink>> remote)
     : Framework::Task(kTaskName, "report", Framework::TaskCondition::TASK_TYPE_RESIDENT,
                       kQueueSize),
       m_logger(SDK::LoggerUtils::GetInstance()->GetModuleLogger("report_module", false)),
-      m_sink(options, m_logger)
+      m_sink(options, m_logger),
+      m_remote(std::move(remote))
 {
 }
 
-DataCommReportTask::~DataCommReportTask() = default;
+DataCommReportTask::~DataCommReportTask()
+{
+    for (auto& remote : m_remote) {
+        remote->Stop();
+    }
+}
 
 int DataCommReportTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
 {
@@ -54,6 +61,7 @@ int DataCommReportTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
                     data->GetContent());
         } else {
             m_sink.Write(data->GetContent());
+            Forward(data->GetContent());
         }
     } else {
         // Still one valid JSON line, so that readers of the sink never choke.
@@ -65,7 +73,9 @@ int DataCommReportTask::HandleMsg(std::shared_ptr<Framework::Message>& msg)
         Json::Value wrapped(Json::objectValue);
         wrapped["data_type"] = data->GetDataType();
         wrapped["invalid_content"] = data->GetContent();
-        m_sink.Write(SDK::JsonUtils::JsonToString(wrapped));
+        const std::string line = SDK::JsonUtils::JsonToString(wrapped);
+        m_sink.Write(line);
+        Forward(line);
     }
     m_received.fetch_add(1, std::memory_order_acq_rel);
     Publish();
@@ -76,6 +86,9 @@ int DataCommReportTask::Run()
 {
     SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource, "%s writes events to %s.",
             std::string(kTaskName), m_sink.IsStdout() ? std::string("standard output") : m_sink.Path());
+    for (auto& remote : m_remote) {
+        remote->Start();
+    }
     Publish();
     while (!IsCancelling()) {
         GetEventWaiter().WaitAndHandleEvent(kWaitMs, kEventsPerWake);
@@ -96,8 +109,23 @@ int DataCommReportTask::Run()
                 "%z events could not be written to %s before the stop and are lost (%s).",
                 m_sink.Stats().held, m_sink.Path(), m_sink.Stats().lastError);
     }
+    for (auto& remote : m_remote) {
+        remote->Stop();
+    }
     Publish();
     return 0;
+}
+
+void DataCommReportTask::Forward(const std::string& content)
+{
+    if (m_remote.empty()) {
+        return;
+    }
+    std::string line = Report::EventSink::ToLine(content);
+    line.pop_back();
+    for (auto& remote : m_remote) {
+        remote->Submit(line);
+    }
 }
 
 bool DataCommReportTask::IsDuplicate(const Json::Value& event)

@@ -22,14 +22,13 @@
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/HTTPSClientSession.h>
 #include <Poco/Net/NetException.h>
-#include <Poco/Net/RejectCertificateHandler.h>
-#include <Poco/Net/SSLManager.h>
 #include <Poco/Net/SecureStreamSocket.h>
 #include <Poco/Net/SocketImpl.h>
 #include <Poco/String.h>
 #include <Poco/Timer.h>
 #include <Poco/URI.h>
 
+#include "HttpClient.h"
 #include "sdk/FileUtils.h"
 #include "sdk/HostRoot.h"
 #include "sdk/Posix.h"
@@ -60,54 +59,10 @@ std::string BaseName(const std::string& path)
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-// TLS for https:// downloads: the system's CA store, the peer's certificate
-// and host name verified, and no interactive prompt when verification fails.
-Poco::Net::Context::Ptr ClientContext()
-{
-    static std::once_flag once;
-    static Poco::Net::Context::Ptr context;
-    std::call_once(once, [] {
-        Poco::Net::initializeSSL();
-        Poco::Net::Context::Params params;
-        params.verificationMode = Poco::Net::Context::VERIFY_RELAXED;
-        params.loadDefaultCAs = true;
-        context = new Poco::Net::Context(Poco::Net::Context::TLS_CLIENT_USE, params);
-        Poco::Net::SSLManager::instance().initializeClient(
-            Poco::Net::SSLManager::PrivateKeyPassphraseHandlerPtr(),
-            Poco::Net::SSLManager::InvalidCertificateHandlerPtr(
-                new Poco::Net::RejectCertificateHandler(false)),
-            context);
-    });
-    return context;
-}
-
 bool IsRedirect(int status)
 {
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
 }
-
-// A session that hands its descriptor over as soon as the TCP connection
-// exists, so that an abort or the deadline can cut whatever comes next (the
-// TLS handshake is deferred to the first write for that reason).
-template <class Base>
-class WatchedSession : public Base {
-public:
-    template <class... Args>
-    WatchedSession(std::function<void(int)> onConnected, Args&&... args)
-        : Base(std::forward<Args>(args)...), m_onConnected(std::move(onConnected))
-    {
-    }
-
-protected:
-    void connect(const Poco::Net::SocketAddress& address) override
-    {
-        Base::connect(address);
-        m_onConnected(this->socket().impl()->sockfd());
-    }
-
-private:
-    std::function<void(int)> m_onConnected;
-};
 
 }  // namespace
 

@@ -6,17 +6,29 @@
 #include "report/DataCommReportTask.h"
 #include "report/FileCommReportTask.h"
 #include "report/ReportConfig.h"
+#include "sdk/LoggerUtils.h"
 
 namespace {
 
 Framework::ServiceStart StartReports()
 {
     const Report::ReportConfig config = Report::ReportConfig::FromEngine();
-    const std::string sink =
+    std::string sinks =
         config.sink.path == "-" ? std::string("standard output") : config.sink.path;
-    return {{new Engine::DataCommReportTask(config.sink), new Engine::FileCommReportTask(config)},
-            "events to " + sink + (config.upload.dir.empty() ? std::string(", no uploads kept")
-                                                             : ", uploads kept in " + config.upload.dir)};
+    std::vector<std::unique_ptr<Report::RemoteSink>> remote;
+    Poco::Logger* logger = SDK::LoggerUtils::GetInstance()->GetModuleLogger("report_module", false);
+    if (!config.syslog.target.empty()) {
+        remote.emplace_back(new Report::SyslogSink(config.syslog, logger));
+        sinks += ", syslog " + config.syslog.target;
+    }
+    if (!config.http.url.empty()) {
+        remote.emplace_back(new Report::HttpSink(config.http, logger));
+        sinks += ", " + config.http.url;
+    }
+    return {{new Engine::DataCommReportTask(config.sink, std::move(remote)),
+             new Engine::FileCommReportTask(config)},
+            "events to " + sinks + (config.upload.dir.empty() ? std::string(", no uploads kept")
+                                                              : ", uploads kept in " + config.upload.dir)};
 }
 
 }  // namespace

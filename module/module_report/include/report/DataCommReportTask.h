@@ -14,6 +14,10 @@
 // as "duplicates": the file-change task and the periodic pass find the same
 // dropped file seconds apart. At most kMaxRemembered events are remembered.
 // While the sink fails the health register says "report.sink".
+//
+// Remote sinks (syslog, HTTP) get every event written to the sink, not the
+// duplicates; they deliver on threads of their own, started with the task's
+// loop and stopped when it ends.
 
 #include <atomic>
 #include <cstdint>
@@ -22,11 +26,13 @@
 #include <string>
 #include <unordered_map>
 #include <utility>
+#include <vector>
 
 #include <json/json.h>
 
 #include "framework/Task.h"
 #include "report/EventSink.h"
+#include "report/RemoteSink.h"
 
 namespace Poco {
 class Logger;
@@ -42,7 +48,8 @@ public:
     static const size_t kMaxRemembered;   // 4096
     static const int64_t kDuplicateWindowMs;  // 60 s
 
-    explicit DataCommReportTask(const Report::EventSinkOptions& options);
+    explicit DataCommReportTask(const Report::EventSinkOptions& options,
+                                std::vector<std::unique_ptr<Report::RemoteSink>> remote = {});
     ~DataCommReportTask() override;
 
     int Run() override;
@@ -52,12 +59,14 @@ public:
 
 private:
     void Publish();
+    void Forward(const std::string& content);  // to the remote sinks
     // true when `event` repeats one written within the window; remembers it
     // otherwise.
     bool IsDuplicate(const Json::Value& event);
 
     Poco::Logger* m_logger;
     Report::EventSink m_sink;  // used on the task's thread only
+    std::vector<std::unique_ptr<Report::RemoteSink>> m_remote;
     std::atomic<uint64_t> m_received{0};
     uint64_t m_invalid = 0;
     uint64_t m_duplicates = 0;

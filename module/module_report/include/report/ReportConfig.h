@@ -9,12 +9,16 @@
 //   report.download_max_bytes    download size cap (64 MiB)
 //   report.download_timeout_s    whole-download timeout in seconds (60)
 //   report.upload_max_bytes      largest file kept as an upload (64 MiB)
+//   report.syslog.*              the syslog sink (SyslogSink.h); off without a target
+//   report.http.*                the HTTP sink (HttpSink.h); off without a URL
 // Without an engine (in-process tests) every key takes its default.
 
 #include <string>
 
 #include "report/Downloader.h"
 #include "report/EventSink.h"
+#include "report/HttpSink.h"
+#include "report/SyslogSink.h"
 #include "report/UploadStore.h"
 
 namespace Report {
@@ -28,6 +32,8 @@ struct ReportConfig {
     UploadOptions upload;       // dir: <install>/data/upload
     std::string downloadRoot;   // download targets must lie under it; empty: anywhere
     int maxParallelDownloads = kDefaultParallelDownloads;
+    SyslogSinkOptions syslog;
+    HttpSinkOptions http;       // spool.dir: <install>/data/spool/http
 
     static ReportConfig FromEngine();
 };
