@@ -18,6 +18,7 @@ struct AgentOptions {
     std::string hostRoot = "/";      // --host-root
     bool logStderr = false;          // --log-stderr (run)
     bool quiet = false;              // -q, --quiet (scan): events and errors only
+    int threads = 0;                 // --threads (scan): scanning threads, 0 = the command's default
     std::vector<std::string> args;   // scan: paths; ctl: the request and its argument; check-policy: the file
 };
 
