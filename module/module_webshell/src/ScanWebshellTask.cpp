@@ -182,8 +182,10 @@ int ScanThreadsWanted()
     const int wanted = engine->config().getInt("webshell.scan_threads", 1);
     return std::max(1, std::min(wanted, 64));
 }
-// Files queued ahead of the scanning threads, per thread.
+// Files queued ahead of the scanning threads, per thread and at most: each
+// holds a descriptor, and the walk's directories need theirs.
 const size_t kQueuedPerThread = 16;
+const size_t kMaxQueued = 256;
 
 class PassScope {
 public:
@@ -825,7 +827,7 @@ std::unique_ptr<ScanWorkers> StartScanThreads(ScanWebshellTask& task, const SDK:
         t_scanner = nullptr;
         t_pass = nullptr;
     };
-    auto workers = std::make_unique<ScanWorkers>(scanners->size(), kQueuedPerThread * scanners->size(), body);
+    auto workers = std::make_unique<ScanWorkers>(scanners->size(), std::min(kQueuedPerThread * scanners->size(), kMaxQueued), body);
     if (workers->Started() < scanners->size()) {
         SDK_LOG(logger, Poco::Message::PRIO_WARNING, kSource,
                 "Pass of %s runs %lu scanning thread(s) instead of %lu: no more threads could be started.",
