@@ -36,9 +36,9 @@ fi
 
 HERE="$(cd "$(dirname "$0")" && pwd)"
 if [ -x "$B/stage/bin/ardent-agent" ] && command -v yara >/dev/null; then
-  echo "== scan: full pass beside yara -r -p 1, same rules, same tree"
+  echo "== scan: full pass with 1 and 2 threads beside yara -r -p 1 and -p 2, same rules, same tree"
   bash "$HERE/scan/run_scan_bench.sh" "$B"
-  echo "== scan: peak RSS on a file built to make libyara record matches"
+  echo "== scan: peak RSS on a file built to make libyara record matches, and on the web-shell corpus"
   bash "$HERE/scan/run_hostile_bench.sh" "$B"
   echo "== scan: CPU share with --cpu-limit"
   bash "$HERE/scan/run_cpu_limit_bench.sh" "$B"

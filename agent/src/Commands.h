@@ -21,6 +21,7 @@ struct AgentOptions {
     bool noUpload = false;           // --no-upload (scan): no file is kept anywhere
     std::string uploadDir;           // --upload-dir (scan): where kept files go
     std::string reportFile;          // --report (scan): every match as JSON
+    int threads = 0;                 // --threads (scan): scanning threads, 0 = the command's default
     std::vector<std::string> args;   // scan: paths; ctl: the request and its argument; check-policy: the file
 };
 

@@ -1,6 +1,6 @@
 // ardent-agent: the host of the agent's modules.
 //   ardent-agent run  [--policy F] [--events F|-] [--cpu-limit P] [--host-root DIR] [--log-stderr]
-//   ardent-agent scan [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [-q]
+//   ardent-agent scan [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [--threads N] [-q]
 //                     [--report F] [--no-upload | --upload-dir D] [PATH...]
 //   ardent-agent ctl  status|scan-now|reload|policy F
 //   ardent-agent check-policy F
@@ -37,9 +37,11 @@ const CommandHelp kCommands[] = {
     {"scan",
      "  scan   one full web-shell scan pass, then exit (0: nothing certain found,\n"
      "         1: web shells found, 2: error)\n"
-     "         [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [-q]\n"
-     "         [--report F] [--no-upload | --upload-dir D] [DIR|FILE...]\n"
+     "         [--policy F] [--rules F] [--events F|-] [--cpu-limit P] [--threads N]\n"
+     "         [-q] [--report F] [--no-upload | --upload-dir D] [DIR|FILE...]\n"
      "         -q, --quiet     only events and errors: no progress, no summary\n"
+     "         --threads N     files scanned at once, 1 to 64 (default: the number of\n"
+     "                         cores; 1 with --cpu-limit, which limits each thread)\n"
      "         --report F      write every match (path, rule, tier, keyword, sha256,\n"
      "                         uploaded) to F as JSON\n"
      "         --no-upload     keep no copy of suspicious files anywhere\n"
@@ -171,6 +173,14 @@ int main(int argc, char** argv)
             if (end == cpu.c_str() || *end != '\0' || percent < 0 || percent > 100)
                 return Fail("--cpu-limit takes a whole number from 0 (off) to 100");
             options.cpuLimit = static_cast<int>(percent);
+        } else if (arg == "--threads" && options.command == "scan") {
+            std::string n;
+            if (!value(n)) return Fail("--threads needs a number");
+            char* end = nullptr;
+            long threads = std::strtol(n.c_str(), &end, 10);
+            if (end == n.c_str() || *end != '\0' || threads < 1 || threads > 64)
+                return Fail("--threads takes a whole number from 1 to 64");
+            options.threads = static_cast<int>(threads);
         } else if (arg == "--log-stderr" && options.command == "run") {
             options.logStderr = true;
         } else if (arg == "--host-root" && options.command == "run") {

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <initializer_list>
 #include <mutex>
@@ -192,6 +193,48 @@ int ForwardScanCallback(YR_SCAN_CONTEXT* context, int message, void* messageData
         return CALLBACK_CONTINUE;
     }
     return call->callback(context, message, messageData, call->userData);
+}
+
+// A buffer larger than this is scanned under the match budget; smaller ones
+// (nearly every script) in one full scan, whose matches this size bounds.
+const std::size_t kBudgetWindow = 64u << 10;
+// String matches a buffer may have for a full scan; an ordinary page has a
+// few hundred at most. About 60 bytes each (more with long matched data).
+const uint64_t kMatchBudget = 20000;
+
+struct MatchCount {
+    uint64_t rules = 0;    // rules that matched
+    uint64_t strings = 0;  // matches of all strings (full scan)
+};
+
+int CountRules(YR_SCAN_CONTEXT* context, int message, void* messageData, void* userData)
+{
+    (void)context;
+    (void)messageData;
+    if (message == CALLBACK_MSG_RULE_MATCHING) {
+        ++static_cast<MatchCount*>(userData)->rules;
+    }
+    return CALLBACK_CONTINUE;
+}
+
+// The matches libyara recorded, read when the scan ends (before they are freed).
+__attribute__((no_sanitize("alignment")))
+int CountStrings(YR_SCAN_CONTEXT* context, int message, void* messageData, void* userData)
+{
+    (void)messageData;
+    if (message == CALLBACK_MSG_SCAN_FINISHED && context != nullptr) {
+        auto* count = static_cast<MatchCount*>(userData);
+        const YR_RULE* rule = nullptr;
+        yr_rules_foreach(context->rules, rule)
+        {
+            const YR_STRING* string = nullptr;
+            yr_rule_strings_foreach(rule, string)
+            {
+                count->strings += static_cast<uint64_t>(context->matches[string->idx].count);
+            }
+        }
+    }
+    return CALLBACK_CONTINUE;
 }
 
 struct CompileLog {
@@ -513,14 +556,59 @@ bool YaraUtils::CheckBuffer(const void* data, std::size_t size, void* userData, 
 bool YaraUtils::Scan(const void* data, std::size_t size, int fd, void* userData, int timeout,
                      const ScanContext& context)
 {
+    m_overBudget = false;
     const int seconds = timeout > 0 ? timeout : 0;  // 0: no timeout
     ScanCall call{m_callback, userData};
+    if (fd >= 0 || size <= kBudgetWindow) {
+        return ScanOnce(data, size, fd, ForwardScanCallback, &call, 0, seconds, seconds, context);
+    }
+    // libyara keeps every match of every string, about 60 bytes each, so a
+    // file made of one short pattern repeated would take gigabytes. A fast
+    // scan (one match per string) decides the same rules; only the matched
+    // bytes quoted as the keyword can differ. So: most files, matching
+    // nothing, are decided by the fast scan alone. A file that matched is
+    // scanned again in full, to quote the same keyword as ever, once its
+    // matches were counted window by window and stay within the budget.
+    const auto started = std::chrono::steady_clock::now();
+    auto left = [&]() {
+        if (seconds == 0) {
+            return 0;
+        }
+        const auto spent = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started);
+        return std::max(1, seconds - static_cast<int>(spent.count()));
+    };
+    MatchCount probe;
+    if (!ScanOnce(data, size, -1, CountRules, &probe, SCAN_FLAGS_FAST_MODE, left(), seconds, context)) {
+        return false;
+    }
+    if (probe.rules == 0) {
+        return true;
+    }
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    uint64_t matches = 0;
+    for (std::size_t offset = 0; offset < size && matches <= kMatchBudget; offset += kBudgetWindow) {
+        MatchCount window;
+        if (!ScanOnce(bytes + offset, std::min(kBudgetWindow, size - offset), -1, CountStrings, &window, 0,
+                      left(), seconds, context)) {
+            return false;
+        }
+        matches += window.strings;
+    }
+    m_overBudget = matches > kMatchBudget;
+    return ScanOnce(data, size, -1, ForwardScanCallback, &call, m_overBudget ? SCAN_FLAGS_FAST_MODE : 0, left(),
+                    seconds, context);
+}
+
+bool YaraUtils::ScanOnce(const void* data, std::size_t size, int fd, RawCallback callback, void* userData,
+                         int flags, int seconds, int limit, const ScanContext& context)
+{
     SetExternals(m_scanner, context);
-    yr_scanner_set_callback(m_scanner, ForwardScanCallback, &call);
+    yr_scanner_set_flags(m_scanner, SCAN_FLAGS_REPORT_RULES_MATCHING | flags);
+    yr_scanner_set_callback(m_scanner, callback, userData);
     yr_scanner_set_timeout(m_scanner, seconds);
     const int result = fd >= 0 ? yr_scanner_scan_fd(m_scanner, fd)
                                : yr_scanner_scan_mem(m_scanner, static_cast<const uint8_t*>(data), size);
-    // The callback's user data lives on this stack frame only.
+    // The callback's user data lives on the caller's stack frame only.
     yr_scanner_set_callback(m_scanner, ForwardScanCallback, nullptr);
     m_timedOut = result == ERROR_SCAN_TIMEOUT;
     if (result == ERROR_SUCCESS) {
@@ -530,7 +618,7 @@ bool YaraUtils::Scan(const void* data, std::size_t size, int fd, void* userData,
                                  ? "layer " + std::to_string(context.layerDepth) + " of " + context.filepath
                                  : context.filepath;
     if (result == ERROR_SCAN_TIMEOUT) {
-        m_lastError = "scan of " + what + " timed out after " + std::to_string(seconds) + " s";
+        m_lastError = "scan of " + what + " timed out after " + std::to_string(limit) + " s";
     } else {
         m_lastError = "scan of " + what + " failed: " + YaraErrorText(result);
     }

@@ -38,6 +38,7 @@
 #include "sdk/StrUtils.h"
 #include "sdk/TimeUtils.h"
 #include "MatchLedger.h"
+#include "ScanWorkers.h"
 #include "Throttle.h"
 #include "WebshellEvent.h"
 #include "webshell/AllowList.h"
@@ -103,6 +104,8 @@ struct PassState : PassFigures {
     unsigned long publishedTick = 0;
     uint64_t publishedSeen = 0;
     MatchLedger matches;
+    // A scanning thread of a threaded pass records into the pass's ledger.
+    MatchLedger* sharedMatches = nullptr;
 };
 
 const char* SkipText(PassSkip skip)
@@ -145,6 +148,54 @@ Json::Value RenderPass(const PassState& pass, const char* state, PassSkip skip, 
 }
 
 thread_local PassState* t_pass = nullptr;
+// The scanner of a scanning thread of a threaded pass (null: the task's own).
+thread_local SDK::YaraUtils* t_scanner = nullptr;
+
+// Where a match becomes an event, an upload or a use of the daily quota:
+// one file at a time for the whole module, whatever thread found it.
+Poco::FastMutex& ReportingMutex()
+{
+    static Poco::FastMutex mutex;
+    return mutex;
+}
+
+void AddFigures(PassFigures& to, const PassFigures& from)
+{
+    to.filesSeen += from.filesSeen;
+    to.filesChecked += from.filesChecked;
+    to.filesTimedOut += from.filesTimedOut;
+    to.filesFailed += from.filesFailed;
+    to.filesMatched += from.filesMatched;
+    to.certain += from.certain;
+    to.uncertain += from.uncertain;
+    to.allowed += from.allowed;
+    to.events += from.events;
+    to.uploads += from.uploads;
+    to.bytesChecked += from.bytesChecked;
+}
+
+// The running figures of a threaded pass, added to by every scanning thread.
+Poco::FastMutex& ScanFiguresMutex()
+{
+    static Poco::FastMutex mutex;
+    return mutex;
+}
+
+// Scanning threads of a pass: the engine's "webshell.scan_threads" (the
+// scan command's --threads); the resident agent leaves it at one.
+int ScanThreadsWanted()
+{
+    Framework::Engine* engine = Framework::Engine::GetInstance();
+    if (engine == nullptr) {
+        return 1;
+    }
+    const int wanted = engine->config().getInt("webshell.scan_threads", 1);
+    return std::max(1, std::min(wanted, 64));
+}
+// Files queued ahead of the scanning threads, per thread and at most: each
+// holds a descriptor, and the walk's directories need theirs.
+const size_t kQueuedPerThread = 16;
+const size_t kMaxQueued = 256;
 
 class PassScope {
 public:
@@ -220,9 +271,8 @@ private:
 const unsigned long kProgressIntervalMs = 1000;
 const uint64_t kProgressFiles = 100;
 
-void PublishProgress()
+void PublishProgress(PassState* figures = t_pass)
 {
-    PassState* figures = t_pass;
     if (figures == nullptr) {
         return;
     }
@@ -251,7 +301,7 @@ void RecordMatch(const std::string& path, const DetectResult& result, std::strin
     record.sha256 = sha256.empty() ? FileSha256(path) : std::move(sha256);
     record.uploaded = uploaded;
     record.layerDepth = result.layerDepth;
-    pass->matches.Record(std::move(record));
+    (pass->sharedMatches != nullptr ? *pass->sharedMatches : pass->matches).Record(std::move(record));
 }
 
 // Off for `scan --no-upload`: no file is copied anywhere.
@@ -456,6 +506,10 @@ bool HasId(int fd, const FileId& id)
 struct WalkState {
     std::unordered_set<FileId, FileIdHash> dirs;
     std::unordered_set<FileId, FileIdHash> files;
+    // A threaded pass: files go to the scanning threads, with the walk's
+    // container (blank for the host).
+    ScanWorkers* workers = nullptr;
+    std::shared_ptr<const ContainerCacheInfo> cache;
 };
 
 // ------------------------------------------------------------ construction
@@ -777,6 +831,63 @@ void ScanWebshellTask::GetWebHomePath(bool includeContainer)
 
 // ------------------------------------------------------ walk and file check
 
+namespace {
+
+// The threads of a threaded pass, each with a scanner of its own over the
+// task's rules; null for a pass the walking thread scans alone.
+std::unique_ptr<ScanWorkers> StartScanThreads(ScanWebshellTask& task, const SDK::YaraUtils& rules,
+                                              PassState& figures, Poco::Logger* logger)
+{
+    const int wanted = ScanThreadsWanted();
+    if (wanted <= 1 || !rules.HasRules()) {
+        return nullptr;
+    }
+    auto scanners = std::make_shared<std::vector<std::unique_ptr<SDK::YaraUtils>>>();
+    for (int i = 0; i < wanted; ++i) {
+        auto scanner = std::make_unique<SDK::YaraUtils>(&ScanWebshellTask::Callback);
+        if (!scanner->ShareRulesOf(rules)) {
+            SDK_LOG(logger, Poco::Message::PRIO_WARNING, kSource,
+                    "Pass of %s runs %d scanning thread(s) instead of %d: %s.", task.GetTaskName(), i, wanted,
+                    scanner->LastError());
+            break;
+        }
+        scanners->push_back(std::move(scanner));
+    }
+    if (scanners->size() <= 1) {
+        return nullptr;
+    }
+    auto body = [&task, &figures, scanners](std::size_t index, const ScanWorkers::Next& next) {
+        PassState local;
+        local.sharedMatches = &figures.matches;
+        t_pass = &local;
+        t_scanner = (*scanners)[index].get();
+        ScanJob job;
+        while (next(job)) {
+            task.ScanFromFile(job.path, *job.cache, job.fd.Get(), job.named);
+            job.fd.Reset();
+            Poco::FastMutex::ScopedLock lock(ScanFiguresMutex());
+            AddFigures(figures, local);
+            static_cast<PassFigures&>(local) = PassFigures();
+            PublishProgress(&figures);
+        }
+        t_scanner = nullptr;
+        t_pass = nullptr;
+    };
+    auto workers = std::make_unique<ScanWorkers>(scanners->size(), std::min(kQueuedPerThread * scanners->size(), kMaxQueued), body);
+    if (workers->Started() < scanners->size()) {
+        SDK_LOG(logger, Poco::Message::PRIO_WARNING, kSource,
+                "Pass of %s runs %lu scanning thread(s) instead of %lu: no more threads could be started.",
+                task.GetTaskName(), static_cast<unsigned long>(workers->Started()),
+                static_cast<unsigned long>(scanners->size()));
+    }
+    if (workers->Started() == 0) {
+        return nullptr;
+    }
+    return workers;
+}
+
+}  // namespace
+
 void ScanWebshellTask::Check()
 {
     PassScope pass(GetTaskName());
@@ -795,6 +906,30 @@ void ScanWebshellTask::Check()
     }
 
     WalkState walk;
+    std::unique_ptr<ScanWorkers> workers = StartScanThreads(*this, m_yara, pass.Figures(), m_logger);
+    walk.workers = workers.get();
+    walk.cache = std::make_shared<const ContainerCacheInfo>();
+    PassState* const walkerFigures = t_pass;
+    if (workers != nullptr) {
+        t_pass = nullptr;  // the scanning threads count and publish the figures
+    }
+    // Every file queued is checked (or dropped, when cancelled) and the
+    // figures are whole before the pass ends: `pass` outlives this.
+    struct Join {
+        std::unique_ptr<ScanWorkers>& workers;
+        ScanWebshellTask& task;
+        PassState* figures;
+        ~Join()
+        {
+            if (workers != nullptr) {
+                if (task.IsCancelling()) {
+                    workers->Abandon();
+                }
+                workers->Finish();
+            }
+            t_pass = figures;
+        }
+    } join{workers, *this, walkerFigures};
     for (const auto& path : m_scanPathSet) {
         if (IsCancelling()) {
             break;
@@ -804,7 +939,12 @@ void ScanWebshellTask::Check()
             ContainerCacheInfo blank;
             struct stat st;
             if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) {
-                if (walk.files.insert(IdOf(st)).second) {
+                SDK::UniqueFd fd;
+                if (!walk.files.insert(IdOf(st)).second) {
+                    // checked already under another name
+                } else if (walk.workers != nullptr && SDK::OpenRegularFile(path, false, fd).ok()) {
+                    walk.workers->Push(ScanJob{path, std::move(fd), walk.cache, true});
+                } else {
                     ScanFromFile(path, blank, -1, true);
                 }
             } else {
@@ -829,7 +969,11 @@ void ScanWebshellTask::Check()
         WEBSHELL_THROTTLE_POINT(kSource, GetTaskName());
         for (const auto& path : entry.second.scanPathList) {
             WEBSHELL_THROTTLE_POINT(kSource, GetTaskName());
-            pass.Figures().roots.append(path);
+            {
+                Poco::FastMutex::ScopedLock lock(ScanFiguresMutex());
+                pass.Figures().roots.append(path);
+            }
+            walk.cache = std::make_shared<const ContainerCacheInfo>(entry.second);
             ScanFromDir(path, walk, entry.second);
         }
     }
@@ -1042,6 +1186,10 @@ void ScanWebshellTask::CheckWalkedFile(int dirFd, const std::string& name, const
                 path);
         return;
     }
+    if (walk.workers != nullptr) {
+        walk.workers->Push(ScanJob{path, std::move(fd), walk.cache});
+        return;
+    }
     ScanFromFile(path, cache, fd.Get());
 }
 
@@ -1085,7 +1233,8 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     if (!named && !CheckFileType(path)) {
         return;
     }
-    if (!m_yara.HasRules()) {
+    SDK::YaraUtils& yara = t_scanner != nullptr ? *t_scanner : m_yara;
+    if (!yara.HasRules()) {
         SDK_LOG(m_logger, Poco::Message::PRIO_WARNING, kSource, "File %s not checked: no rules are loaded yet.",
                 path);
         return;
@@ -1103,14 +1252,20 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     // A walk hands the file already opened relative to its directory, so
     // paths longer than PATH_MAX are read too.
     if (static_cast<uint64_t>(st.st_size) > kDecodeFileLimit) {
-        scanned = fd >= 0 ? m_yara.CheckFd(fd, path, &result, kScanTimeoutS)
-                          : m_yara.CheckFile(path, &result, kScanTimeoutS);
+        scanned = fd >= 0 ? yara.CheckFd(fd, path, &result, kScanTimeoutS)
+                          : yara.CheckFile(path, &result, kScanTimeoutS);
     } else {
         const SDK::ReadResult read = fd >= 0 ? SDK::ReadAll(fd, kDecodeFileLimit, content, path)
                                              : SDK::ReadRegularFile(path, kDecodeFileLimit, content);
         if (read.ok()) {
             context.Measure(content.data(), content.size());
-            scanned = m_yara.CheckBuffer(content.data(), content.size(), &result, kScanTimeoutS, context);
+            scanned = yara.CheckBuffer(content.data(), content.size(), &result, kScanTimeoutS, context);
+            if (yara.OverMatchBudget()) {
+                SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource,
+                        "File %s has more string matches than are kept; checked with one match per string "
+                        "(same rules, the keyword is the first match).",
+                        path);
+            }
         } else if (read.error == SDK::ReadError::Missing) {
             // Gone since it was named: nothing left to check.
             SDK_LOG(m_logger, Poco::Message::PRIO_DEBUG, kSource, "File %s is gone: %s.", path,
@@ -1124,19 +1279,20 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
             failure = "cannot read it: " + read.status.message();
         }
     }
-    bool timedOut = !scanned && m_yara.TimedOut();
+    bool timedOut = !scanned && yara.TimedOut();
     if (!scanned && failure.empty()) {
-        failure = m_yara.LastError();
+        failure = yara.LastError();
     }
     if (scanned && !result.certain && !content.empty()) {
         std::string layerFailure;
-        ScanDecodedLayers(m_yara, m_logger, content, context, result, layerFailure, timedOut);
+        ScanDecodedLayers(yara, m_logger, content, context, result, layerFailure, timedOut);
         // A layer the rules could not finish may hide what the file is.
         if (!result.certain && !layerFailure.empty()) {
             scanned = false;
             failure = layerFailure;
         }
     }
+    Poco::FastMutex::ScopedLock reporting(ReportingMutex());
     if (!scanned) {
         // Not known to be clean: said, counted apart and kept like a
         // suspicious file, so padding or match explosions hide nothing.
@@ -1179,7 +1335,7 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     // Only a certain match is an event; anything else deserves a second look.
     if (!result.certain) {
         const bool uploaded = SendFileUploadMsg(path);
-        RecordMatch(path, result, "", uploaded);
+        RecordMatch(path, result, result.sha256, uploaded);
         return;
     }
     if (policy != nullptr && policy->IsQuarantineCertain()) {

@@ -3,9 +3,9 @@
 // objects, ShareRulesOf), scanned by the owner.
 //
 // Threads: an object is used by one thread at a time (each scan task owns
-// one). It keeps one libyara scanner, made when rules load and reused for
-// every buffer, and the scanner's variables and callback belong to the scan
-// in progress.
+// one, and each scanning thread of a threaded pass). It keeps one libyara
+// scanner, made when rules load and reused for every buffer, and the
+// scanner's variables and callback belong to the scan in progress.
 //
 // External variables. Every library gets these, defined on the compiler
 // before rule source is added and set before each scan, so rules written
@@ -93,6 +93,12 @@ public:
 
     // Scans a buffer already in memory with the variables of `context`
     // (whose filepath names it in errors); otherwise as CheckFile.
+    //
+    // Memory: a buffer over 64 KiB is first scanned in fast mode (one match
+    // per string: the same rules match). Without a match that is all; with
+    // one it is scanned again in full when its string matches, counted
+    // 64 KiB at a time, stay within a budget, and in fast mode otherwise
+    // (OverMatchBudget). `timeout` covers these scans together.
     bool CheckBuffer(const void* data, std::size_t size, void* userData, int timeout,
                      const ScanContext& context);
 
@@ -100,16 +106,25 @@ public:
     const std::string& LastError() const { return m_lastError; }
     // The last failed check stopped at its time limit (not another error).
     bool TimedOut() const { return m_timedOut; }
+    // The last check had more string matches than libyara is allowed to
+    // keep: it decided the rules as ever, but quoted the first match of each
+    // string rather than the last.
+    bool OverMatchBudget() const { return m_overBudget; }
 
 private:
+    using RawCallback = int (*)(YR_SCAN_CONTEXT*, int, void*, void*);
     bool Scan(const void* data, std::size_t size, int fd, void* userData, int timeout,
               const ScanContext& context);
+    // One libyara scan; `limit` is the file's whole time limit, for the error text.
+    bool ScanOnce(const void* data, std::size_t size, int fd, RawCallback callback, void* userData, int flags,
+                  int seconds, int limit, const ScanContext& context);
 
     Callback m_callback;
     std::shared_ptr<YR_RULES> m_rules;
     YR_SCAN_CONTEXT* m_scanner = nullptr;
     std::string m_lastError;
     bool m_timedOut = false;
+    bool m_overBudget = false;
 };
 
 }  // namespace SDK
