@@ -44,6 +44,7 @@ struct Outcome {
     std::string err;
     std::set<std::string> events;  // "path keyword"
     size_t kept = 0;               // files in data/upload
+    std::set<std::string> listed;  // --report: "path rule uploaded"
 };
 
 // One scan in an install tree of its own, so the upload quota starts afresh.
@@ -52,7 +53,10 @@ Outcome Scan(const std::string& policy, const std::string& rules, const std::vec
     TempDir dir("ardent-threads");
     const std::string install = TestSupport::MakeInstallTree(dir);
     const std::string sink = dir.Join("events.jsonl");
-    std::vector<std::string> args = {"scan", "--install-dir", install, "--rules", rules, "--events", sink};
+    const std::string report = dir.Join("report.json");
+    std::vector<std::string> args = {"scan",   "--install-dir", install,          "--rules", rules,
+                                     "--events", sink,          "--upload-dir",   install + "data/upload",
+                                     "--report", report};
     if (!policy.empty()) {
         args.push_back("--policy");
         args.push_back(dir.Write("policy.json", policy));
@@ -69,6 +73,10 @@ Outcome Scan(const std::string& policy, const std::string& rules, const std::vec
     for (const auto& e : TestSupport::ReadEvents(sink)) {
         const Json::Value& file = e["file_info"][0];
         run.events.insert(file["file_path"].asString() + " " + file["file_key_word"].asString());
+    }
+    const Json::Value listed = TestSupport::ParseJson(TestSupport::ReadFile(report));
+    for (const auto& m : listed["matches"]) {
+        run.listed.insert(m["path"].asString() + " " + m["rule"].asString() + " " + m["uploaded"].asString());
     }
     std::vector<std::string> names;
     Poco::File(install + "data/upload").list(names);
@@ -132,6 +140,9 @@ TEST(ScanThreadsE2E, OnePassAndTheSameOutcomeWithAnyNumberOfThreads)
     // The quota stopped the uploads at the same count with one thread or three.
     EXPECT_LT(runs[0].kept, 12u);
     EXPECT_EQ(runs[1].kept, runs[0].kept);
+    // Every match is listed once, whichever thread found it.
+    EXPECT_EQ(runs[0].listed.size(), 32u);
+    EXPECT_EQ(runs[1].listed.size(), 32u);
 }
 
 // 1 MiB of "<%%>" against 16 rules that each search "<%" and "%>": libyara
