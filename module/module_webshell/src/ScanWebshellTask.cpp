@@ -1532,7 +1532,14 @@ int ScanWebshellTask::DiscardReplicateMsg(const char* key)
 
 bool ScanWebshellTask::SendFileUploadMsg(const std::string& path)
 {
-    if (path.size() > kMaxUploadPathLength || !UploadsWanted()) {
+    if (!UploadsWanted()) {
+        return false;
+    }
+    if (path.size() > kMaxUploadPathLength) {
+        // The file-report service takes no longer path; a deep path must not
+        // hide a suspicious file, so it is said.
+        SDK_LOG(m_logger, Poco::Message::PRIO_INFORMATION, kSource,
+                "Suspicious file %s not kept: its path is longer than %z bytes.", path, kMaxUploadPathLength);
         return false;
     }
     WebshellFileUploadRecorder& recorder = WebshellFileUploadRecorder::GetInstance();
