@@ -5,8 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <fstream>
 #include <map>
 
 #include <gtest/gtest.h>
@@ -335,13 +333,11 @@ TEST(FileNotify, PublishesStatusAndRefusesBadRequests)
         Json::Value s = Framework::StatusBoard::Get("filenotify");
         return s.isObject() && s["watches"].asUInt64() == 3 && s["notifications"].asUInt64() >= 1;
     }));
-    Json::Value status = Framework::StatusBoard::Get("filenotify");
-    EXPECT_EQ(0u, status["overflows"].asUInt64());
-    EXPECT_TRUE(status["pending"].isIntegral());
-    ASSERT_EQ(1u, status["registrations"].size());
-    EXPECT_EQ(root.Path(), status["registrations"][0]["path"].asString());
-    EXPECT_EQ("fn_consumer", status["registrations"][0]["task"].asString());
-    EXPECT_EQ(11u, status["registrations"][0]["ext_parm"].asUInt64());
+    const Json::Value reg = Framework::StatusBoard::Get("filenotify")["registrations"];
+    ASSERT_EQ(1u, reg.size());
+    EXPECT_EQ((std::vector<std::string>{root.Path(), "fn_consumer", "11"}),
+              (std::vector<std::string>{reg[0]["path"].asString(), reg[0]["task"].asString(),
+                                        reg[0]["ext_parm"].asString()}));
 
     // A relative path and a watch request without a consumer are refused
     // with an error naming them; the service goes on.
@@ -355,7 +351,6 @@ TEST(FileNotify, PublishesStatusAndRefusesBadRequests)
     // A path that does not exist yet is watched once it appears, and what
     // it holds then is reported.
     const std::string later = root.Join("not-yet");
-    FileNotify::Options fast;
     ASSERT_TRUE(h.Request(&h.consumer(), later, true, 12));
     ASSERT_TRUE(WaitFor([&] { return h.task().Registrations() == 2; }));
     EXPECT_EQ(1u, h.log().Count("does not exist", Poco::Message::PRIO_WARNING));

@@ -7,8 +7,6 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "testsupport/TestSupport.h"
-
 namespace ReportTest {
 
 inline Json::Value Parse(const std::string& line)
@@ -22,7 +20,5 @@ inline Json::Value Parse(const std::string& line)
         << "not JSON: " << line << " (" << errors << ")";
     return value;
 }
-
-using TestSupport::ModeOf;
 
 }  // namespace ReportTest

@@ -19,7 +19,7 @@ namespace {
 using Report::UploadOptions;
 using Report::UploadResult;
 using Report::UploadStore;
-using ReportTest::ModeOf;
+using TestSupport::ModeOf;
 using ReportTest::Parse;
 using TestSupport::ReadFile;
 using TestSupport::TempDir;
