@@ -14,7 +14,6 @@
 #include <json/json.h>
 
 #include "LoopbackHttpServer.h"
-#include "ReportTestUtil.h"
 #include "framework/Message.h"
 #include "framework/StatusBoard.h"
 #include "report/DataCommReportTask.h"
@@ -123,8 +122,8 @@ TEST(DataCommReportTask, WritesEveryEventAsAJsonLineIncludingThoseQueuedAtStop)
     ASSERT_TRUE(WaitFor([&] { return Figure(DataCommReportTask::kStatusKey, "received") == 2; }));
     auto lines = ReadLines(sink);
     ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(ReportTest::Parse(lines[0])["event_id"].asString(), "a");
-    const Json::Value wrapped = ReportTest::Parse(lines[1]);
+    EXPECT_EQ(TestSupport::ParseJson(lines[0])["event_id"].asString(), "a");
+    const Json::Value wrapped = TestSupport::ParseJson(lines[1]);
     EXPECT_EQ(wrapped["data_type"].asString(), "2");
     EXPECT_EQ(wrapped["invalid_content"].asString(), "broken {\n\"x");
     EXPECT_EQ(StatusBoard::Get(DataCommReportTask::kStatusKey)["sink"].asString(), sink);
@@ -137,7 +136,7 @@ TEST(DataCommReportTask, WritesEveryEventAsAJsonLineIncludingThoseQueuedAtStop)
     EXPECT_EQ(task.Stop(), 1);
     lines = ReadLines(sink);
     ASSERT_EQ(lines.size(), 202u);
-    EXPECT_EQ(ReportTest::Parse(lines.back())["i"].asInt(), 199);
+    EXPECT_EQ(TestSupport::ParseJson(lines.back())["i"].asInt(), 199);
     EXPECT_EQ(Figure(DataCommReportTask::kStatusKey, "written"), 202u);
 }
 
