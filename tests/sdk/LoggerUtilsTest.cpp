@@ -30,10 +30,8 @@ bool Contains(const std::string& text, const std::string& part)
 TEST(LoggerUtils, ConfigureAppliesToLoggersMadeBeforeAndAfter)
 {
     EXPECT_EQ(nullptr, LoggerUtils::GetInstance()->GetRootLogger()) << "not configured yet";
-    EXPECT_EQ(LoggerUtils::GetInstance(), LoggerUtils::GetInstance());
     Poco::Logger* early = LoggerUtils::GetInstance()->GetModuleLogger("early_module", false);
     ASSERT_NE(nullptr, early);
-    EXPECT_EQ("early_module", early->name());
 
     TempDir dir("ardent-log");
     const std::string logFile = dir.Join("log/agent.log");  // log/ does not exist yet
@@ -41,7 +39,6 @@ TEST(LoggerUtils, ConfigureAppliesToLoggersMadeBeforeAndAfter)
     Poco::Logger* root = LoggerUtils::GetInstance()->GetRootLogger();
     ASSERT_NE(nullptr, root);
     Poco::Logger* late = LoggerUtils::GetInstance()->GetModuleLogger("late_module", false);
-    EXPECT_EQ(late, LoggerUtils::GetInstance()->GetModuleLogger("late_module", false));
 
     SDK_LOG(early, Poco::Message::PRIO_INFORMATION, kSource, "Scan of %s started.",
             std::string("/var/www"));
