@@ -6,9 +6,7 @@
 #include <glob.h>
 #include <sys/time.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -179,32 +177,4 @@ TEST(Download, TheWholeTransferEndsByItsDeadlineWhateverThePeerDoes)
         EXPECT_EQ(ReadFile(target), kOld);
         EXPECT_TRUE(Leftovers(target).empty());
     }
-}
-
-TEST(Download, AbortCutsABlockedTransferShort)
-{
-    LoopbackHttpServer server;
-    TempDir dir;
-    const std::string target = dir.Write("webshell.dat", kOld);
-    Download download(server.Url("/stall"), target, Limits(1024 * 1024, 120));
-
-    DownloadResult result;
-    std::atomic<bool> done{false};
-    std::thread worker([&] {
-        result = download.Run();
-        done = true;
-    });
-    ASSERT_TRUE(TestSupport::WaitFor([&] { return server.Stalling(); }, 10000));
-    // The half body is in a temporary file now; the target is untouched.
-    EXPECT_EQ(ReadFile(target), kOld);
-    download.Abort();
-    // Well before the transfer's own 120 s timeout.
-    const bool returned = TestSupport::WaitFor([&] { return done.load(); }, 20000);
-    server.Release();
-    worker.join();
-    ASSERT_TRUE(returned);
-    EXPECT_FALSE(result.ok);
-    EXPECT_NE(result.error.find("aborted"), std::string::npos) << result.error;
-    EXPECT_EQ(ReadFile(target), kOld);
-    EXPECT_TRUE(Leftovers(target).empty());
 }

@@ -241,6 +241,8 @@ TEST(FileCommReportTask, RequestsForATargetBeingFetchedJoinTheRunningDownloadAnd
     TestSupport::RunCommand("ls -A '" + env.InstallDir() + "data/webshell'", &listing);
     EXPECT_EQ(listing, "webshell.dat\n");
     EXPECT_EQ(DownloadStatus(target)["state"].asString(), "failed");
+    EXPECT_NE(DownloadStatus(target)["error"].asString().find("aborted"), std::string::npos)
+        << DownloadStatus(target)["error"];
 }
 
 TEST(FileCommReportTask, KeepsUploadsCountsThemAndLogsFailuresOnceAMinute)
