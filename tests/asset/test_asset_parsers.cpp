@@ -346,7 +346,7 @@ TEST(ApacheConfig, SplitsArgumentsAsHttpdDoes)
     }
 }
 
-TEST(TomcatConfig, AppBasesDocBasesAndContextFiles)
+TEST(TomcatConfig, AppBasesDocBasesContextFilesAndBrokenFiles)
 {
     TempDir dir("asset-tomcat");
     const std::string base = dir.MkDir("tomcat");
@@ -390,26 +390,19 @@ TEST(TomcatConfig, AppBasesDocBasesAndContextFiles)
     EXPECT_EQ(FindDir(scan, base + "/webapps")->origin, "appBase");
     ASSERT_EQ(scan.issues.size(), 1u) << Describe(scan);
     EXPECT_EQ(scan.issues[0].file, base + "/conf/Catalina/localhost/broken.xml");
-}
 
-TEST(TomcatConfig, MalformedServerXmlKeepsWhatCameBeforeTheError)
-{
-    TempDir dir("asset-tomcat-bad");
-    const std::string base = dir.MkDir("tc");
-    SDK::HostRoot fs;
-    TomcatConfigParser parser(fs, base);
+    // A malformed server.xml keeps what came before the error.
     std::istringstream in(
         "<Server>\n"
         "  <Service><Engine name=\"Catalina\">\n"
         "    <Host name=\"localhost\" appBase=\"/srv/first\"></Host>\n"
         "    <Host name=\"b\" appBase=\"/srv/second\">\n"
         "  </Engine <oops>\n");
-    ConfigScan scan = parser.ParseServerXml(in, "server.xml");
-    std::vector<std::string> expected = {"/srv/first", "/srv/second"};
-    EXPECT_EQ(Paths(scan), expected);
-    ASSERT_EQ(scan.issues.size(), 1u);
-    EXPECT_EQ(scan.issues[0].file, "server.xml");
-    EXPECT_EQ(scan.issues[0].line, 5);
+    ConfigScan bad = parser.ParseServerXml(in, "server.xml");
+    EXPECT_EQ(Paths(bad), (std::vector<std::string>{"/srv/first", "/srv/second"}));
+    ASSERT_EQ(bad.issues.size(), 1u);
+    EXPECT_EQ(bad.issues[0].file, "server.xml");
+    EXPECT_EQ(bad.issues[0].line, 5);
 
     // A missing server.xml is an issue naming the file, not a crash.
     ConfigScan missing = TomcatConfigParser(fs, base + "/nothing").Parse();

@@ -350,8 +350,7 @@ std::vector<std::shared_ptr<Framework::Message>> CaptureTask::Messages()
 
 size_t CaptureTask::Count()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_messages.size();
+    return Messages().size();
 }
 
 bool CaptureTask::WaitForCount(size_t n, int timeoutMs)
@@ -534,14 +533,5 @@ int AgentProcess::Stop(int sig, int timeoutMs)
     return Wait(timeoutMs);
 }
 
-std::string AgentProcess::Stdout() const
-{
-    return ReadFile(m_outPath);
-}
-
-std::string AgentProcess::Stderr() const
-{
-    return ReadFile(m_errPath);
-}
 
 }  // namespace TestSupport
