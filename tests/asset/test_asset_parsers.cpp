@@ -391,21 +391,22 @@ TEST(TomcatConfig, AppBasesDocBasesContextFilesAndBrokenFiles)
     ASSERT_EQ(scan.issues.size(), 1u) << Describe(scan);
     EXPECT_EQ(scan.issues[0].file, base + "/conf/Catalina/localhost/broken.xml");
 
-    // A malformed server.xml keeps what came before the error.
+    // A malformed server.xml keeps what came before the error (a base with
+    // no context files of its own); a missing one is an issue naming it.
+    TomcatConfigParser bare(fs, base + "/nothing");
     std::istringstream in(
         "<Server>\n"
         "  <Service><Engine name=\"Catalina\">\n"
         "    <Host name=\"localhost\" appBase=\"/srv/first\"></Host>\n"
         "    <Host name=\"b\" appBase=\"/srv/second\">\n"
         "  </Engine <oops>\n");
-    ConfigScan bad = parser.ParseServerXml(in, "server.xml");
+    ConfigScan bad = bare.ParseServerXml(in, "server.xml");
     EXPECT_EQ(Paths(bad), (std::vector<std::string>{"/srv/first", "/srv/second"}));
     ASSERT_EQ(bad.issues.size(), 1u);
     EXPECT_EQ(bad.issues[0].file, "server.xml");
     EXPECT_EQ(bad.issues[0].line, 5);
 
-    // A missing server.xml is an issue naming the file, not a crash.
-    ConfigScan missing = TomcatConfigParser(fs, base + "/nothing").Parse();
+    ConfigScan missing = bare.Parse();
     EXPECT_TRUE(missing.dirs.empty());
     ASSERT_EQ(missing.issues.size(), 1u);
     EXPECT_EQ(missing.issues[0].file, base + "/nothing/conf/server.xml");
