@@ -67,26 +67,6 @@ ConfigScan Nginx(const std::string& text, const std::string& prefix = "/usr/shar
 
 }  // namespace
 
-TEST(LiteralDirPart, ReducesVariablePathsToTheirLiteralDirectories)
-{
-    struct Case {
-        const char* in;
-        const char* out;
-    } cases[] = {
-        {"/var/www/html", "/var/www/html"},
-        {"/var/www/$host", "/var/www"},
-        {"/var/www/site$1/htdocs", "/var/www"},
-        {"/srv/${SITE}/htdocs", "/srv"},
-        {"/var/www//$host", "/var/www"},
-        {"/$host", ""},       // nothing literal but "/": never the whole file system
-        {"$document_root", ""},
-        {"relative/$x", "relative"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(LiteralDirPart(c.in), c.out) << c.in;
-    }
-}
-
 TEST(NginxConfig, RootsAndAliasesFollowNginxInheritance)
 {
     const char* conf = R"(
@@ -138,7 +118,7 @@ stream { server { listen 9999; } }
     EXPECT_TRUE(Paths(Nginx("http { server { location / { proxy_pass http://x; } } }")).empty());
 }
 
-TEST(NginxConfig, TokensQuotesEscapesAndVariables)
+TEST(NginxConfig, TokensQuotesEscapesAndVariablesReducedToLiteralDirectories)
 {
     const char* conf =
         "http {\n"
@@ -158,6 +138,24 @@ TEST(NginxConfig, TokensQuotesEscapesAndVariables)
     EXPECT_EQ(Paths(scan), expected);
     // The alias made only of a variable is refused with a reason, not reported as "/".
     EXPECT_TRUE(HasIssue(scan, "nginx.conf", 8, "no literal directory")) << Describe(scan);
+
+    // A path with variables stands for its literal directories.
+    struct Case {
+        const char* in;
+        const char* out;
+    } cases[] = {
+        {"/var/www/html", "/var/www/html"},
+        {"/var/www/$host", "/var/www"},
+        {"/var/www/site$1/htdocs", "/var/www"},
+        {"/srv/${SITE}/htdocs", "/srv"},
+        {"/var/www//$host", "/var/www"},
+        {"/$host", ""},       // nothing literal but "/": never the whole file system
+        {"$document_root", ""},
+        {"relative/$x", "relative"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(LiteralDirPart(c.in), c.out) << c.in;
+    }
 }
 
 TEST(NginxConfig, BrokenFilesAreReportedWithLineAndTheRestIsUsed)
