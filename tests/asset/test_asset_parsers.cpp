@@ -299,7 +299,7 @@ TEST(ApacheConfig, DocumentRootsAliasesIncludesAndVariables)
     EXPECT_TRUE(HasIssue(scan, root + "/conf.d/loop.conf", 1, "include cycle")) << Describe(scan);
 }
 
-TEST(ApacheConfig, BrokenLinesAreReportedAndTheRestIsUsed)
+TEST(ApacheConfig, BrokenLinesAreReportedTheRestIsUsedAndArgumentsSplitAsHttpdDoes)
 {
     SDK::HostRoot fs;
     ApacheConfigParser parser(fs, "/etc/httpd");
@@ -325,10 +325,8 @@ TEST(ApacheConfig, BrokenLinesAreReportedAndTheRestIsUsed)
     EXPECT_TRUE(HasIssue(scan, "httpd.conf", 4, "/nonexistent/file.conf"));
     EXPECT_TRUE(HasIssue(scan, "httpd.conf", 10, "<VirtualHost> is not closed")) << Describe(scan);
     EXPECT_EQ(scan.issues.size(), 6u) << Describe(scan);
-}
 
-TEST(ApacheConfig, SplitsArgumentsAsHttpdDoes)
-{
+    // Arguments are split as httpd splits them.
     struct Case {
         const char* line;
         std::vector<std::string> words;
