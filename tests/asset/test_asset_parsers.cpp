@@ -67,26 +67,6 @@ ConfigScan Nginx(const std::string& text, const std::string& prefix = "/usr/shar
 
 }  // namespace
 
-TEST(LiteralDirPart, ReducesVariablePathsToTheirLiteralDirectories)
-{
-    struct Case {
-        const char* in;
-        const char* out;
-    } cases[] = {
-        {"/var/www/html", "/var/www/html"},
-        {"/var/www/$host", "/var/www"},
-        {"/var/www/site$1/htdocs", "/var/www"},
-        {"/srv/${SITE}/htdocs", "/srv"},
-        {"/var/www//$host", "/var/www"},
-        {"/$host", ""},       // nothing literal but "/": never the whole file system
-        {"$document_root", ""},
-        {"relative/$x", "relative"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(LiteralDirPart(c.in), c.out) << c.in;
-    }
-}
-
 TEST(NginxConfig, RootsAndAliasesFollowNginxInheritance)
 {
     const char* conf = R"(
@@ -138,7 +118,7 @@ stream { server { listen 9999; } }
     EXPECT_TRUE(Paths(Nginx("http { server { location / { proxy_pass http://x; } } }")).empty());
 }
 
-TEST(NginxConfig, TokensQuotesEscapesAndVariables)
+TEST(NginxConfig, TokensQuotesEscapesAndVariablesReducedToLiteralDirectories)
 {
     const char* conf =
         "http {\n"
@@ -158,6 +138,24 @@ TEST(NginxConfig, TokensQuotesEscapesAndVariables)
     EXPECT_EQ(Paths(scan), expected);
     // The alias made only of a variable is refused with a reason, not reported as "/".
     EXPECT_TRUE(HasIssue(scan, "nginx.conf", 8, "no literal directory")) << Describe(scan);
+
+    // A path with variables stands for its literal directories.
+    struct Case {
+        const char* in;
+        const char* out;
+    } cases[] = {
+        {"/var/www/html", "/var/www/html"},
+        {"/var/www/$host", "/var/www"},
+        {"/var/www/site$1/htdocs", "/var/www"},
+        {"/srv/${SITE}/htdocs", "/srv"},
+        {"/var/www//$host", "/var/www"},
+        {"/$host", ""},       // nothing literal but "/": never the whole file system
+        {"$document_root", ""},
+        {"relative/$x", "relative"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(LiteralDirPart(c.in), c.out) << c.in;
+    }
 }
 
 TEST(NginxConfig, BrokenFilesAreReportedWithLineAndTheRestIsUsed)
@@ -301,7 +299,7 @@ TEST(ApacheConfig, DocumentRootsAliasesIncludesAndVariables)
     EXPECT_TRUE(HasIssue(scan, root + "/conf.d/loop.conf", 1, "include cycle")) << Describe(scan);
 }
 
-TEST(ApacheConfig, BrokenLinesAreReportedAndTheRestIsUsed)
+TEST(ApacheConfig, BrokenLinesAreReportedTheRestIsUsedAndArgumentsSplitAsHttpdDoes)
 {
     SDK::HostRoot fs;
     ApacheConfigParser parser(fs, "/etc/httpd");
@@ -327,10 +325,8 @@ TEST(ApacheConfig, BrokenLinesAreReportedAndTheRestIsUsed)
     EXPECT_TRUE(HasIssue(scan, "httpd.conf", 4, "/nonexistent/file.conf"));
     EXPECT_TRUE(HasIssue(scan, "httpd.conf", 10, "<VirtualHost> is not closed")) << Describe(scan);
     EXPECT_EQ(scan.issues.size(), 6u) << Describe(scan);
-}
 
-TEST(ApacheConfig, SplitsArgumentsAsHttpdDoes)
-{
+    // Arguments are split as httpd splits them.
     struct Case {
         const char* line;
         std::vector<std::string> words;
@@ -346,7 +342,7 @@ TEST(ApacheConfig, SplitsArgumentsAsHttpdDoes)
     }
 }
 
-TEST(TomcatConfig, AppBasesDocBasesAndContextFiles)
+TEST(TomcatConfig, AppBasesDocBasesContextFilesAndBrokenFiles)
 {
     TempDir dir("asset-tomcat");
     const std::string base = dir.MkDir("tomcat");
@@ -390,29 +386,23 @@ TEST(TomcatConfig, AppBasesDocBasesAndContextFiles)
     EXPECT_EQ(FindDir(scan, base + "/webapps")->origin, "appBase");
     ASSERT_EQ(scan.issues.size(), 1u) << Describe(scan);
     EXPECT_EQ(scan.issues[0].file, base + "/conf/Catalina/localhost/broken.xml");
-}
 
-TEST(TomcatConfig, MalformedServerXmlKeepsWhatCameBeforeTheError)
-{
-    TempDir dir("asset-tomcat-bad");
-    const std::string base = dir.MkDir("tc");
-    SDK::HostRoot fs;
-    TomcatConfigParser parser(fs, base);
+    // A malformed server.xml keeps what came before the error (a base with
+    // no context files of its own); a missing one is an issue naming it.
+    TomcatConfigParser bare(fs, base + "/nothing");
     std::istringstream in(
         "<Server>\n"
         "  <Service><Engine name=\"Catalina\">\n"
         "    <Host name=\"localhost\" appBase=\"/srv/first\"></Host>\n"
         "    <Host name=\"b\" appBase=\"/srv/second\">\n"
         "  </Engine <oops>\n");
-    ConfigScan scan = parser.ParseServerXml(in, "server.xml");
-    std::vector<std::string> expected = {"/srv/first", "/srv/second"};
-    EXPECT_EQ(Paths(scan), expected);
-    ASSERT_EQ(scan.issues.size(), 1u);
-    EXPECT_EQ(scan.issues[0].file, "server.xml");
-    EXPECT_EQ(scan.issues[0].line, 5);
+    ConfigScan bad = bare.ParseServerXml(in, "server.xml");
+    EXPECT_EQ(Paths(bad), (std::vector<std::string>{"/srv/first", "/srv/second"}));
+    ASSERT_EQ(bad.issues.size(), 1u);
+    EXPECT_EQ(bad.issues[0].file, "server.xml");
+    EXPECT_EQ(bad.issues[0].line, 5);
 
-    // A missing server.xml is an issue naming the file, not a crash.
-    ConfigScan missing = TomcatConfigParser(fs, base + "/nothing").Parse();
+    ConfigScan missing = bare.Parse();
     EXPECT_TRUE(missing.dirs.empty());
     ASSERT_EQ(missing.issues.size(), 1u);
     EXPECT_EQ(missing.issues[0].file, base + "/nothing/conf/server.xml");

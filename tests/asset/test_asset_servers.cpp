@@ -1,6 +1,6 @@
 // A real Apache httpd on loopback (whose parent/child layout a fake /proc
 // only imitates), discovered by the real libasset_module.so loaded into an
-// engine; and the four service modules loaded the way the agent loads them.
+// engine; and a service module refused a task name already taken.
 
 #include <algorithm>
 #include <map>
@@ -169,52 +169,16 @@ TEST(RealServers, ApacheIsReportedWithItsWebDirectoriesUntilItStops)
     te.engine().UnloadModules();
 }
 
-TEST(ServiceModules, EachRunsItsTasksAsConfiguredAndLeavesNothingBehind)
+// Each module running its tasks with the agent's configuration is covered by
+// the end-to-end tests; what they cannot set up is a name already taken.
+TEST(ServiceModules, AServiceIsWholeOrAbsent)
 {
-    TempDir host("service-host");
-    struct Case {
-        const char* module;
-        std::vector<std::string> tasks;
-        std::string statusKey;
-        std::string member;    // a status member that shows the configuration arrived
-        std::string expected;  // "@events": the configured event file
-    };
-    const Case cases[] = {
-        {"asset", {"msg_sync_task"}, "asset", "host_root", host.Path()},
-        {"container", {"container_collect_task"}, "container", "poll_ms", "40"},
-        {"filenotify", {"filenotify_task"}, "filenotify", "watches", "0"},
-        {"report", {"data_comm_report_task", "file_comm_report_task"}, "report.events", "sink",
-         "@events"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.module);
-        TestSupport::TestEngine te({c.module});
-        const std::string events = te.InstallDir() + "log/module.jsonl";
-        te.engine().config().setString("agent.host_root", host.Path());
-        te.engine().config().setInt("container.poll_ms", 40);
-        te.engine().config().setString("agent.events", events);
-        Framework::StatusBoard::Remove(c.statusKey);
-        ASSERT_EQ(te.engine().LoadModules(te.InstallDir() + "module"), 1);
-        for (const auto& task : c.tasks) {
-            EXPECT_NE(te.engine().FindTask(task), nullptr) << task;
-        }
-        const std::string expected = c.expected == "@events" ? events : c.expected;
-        EXPECT_TRUE(WaitFor([&] {
-            return Framework::StatusBoard::Get(c.statusKey)[c.member].asString() == expected;
-        })) << Framework::StatusBoard::Get(c.statusKey).toStyledString();
-        te.engine().UnloadModules();
-        for (const auto& task : c.tasks) {
-            EXPECT_EQ(te.engine().FindTask(task), nullptr) << task;
-        }
-    }
-    EXPECT_TRUE(Framework::StatusBoard::Get("container").isNull());
-
-    // A service is whole or absent: one of its names taken keeps all of it out.
     TestSupport::TestEngine te({"report"});
     Poco::AutoPtr<TestSupport::CaptureTask> squatter(new TestSupport::CaptureTask("file_comm_report_task"));
     ASSERT_EQ(te.engine().RegisterTask(squatter.get(), nullptr), 0);
     te.engine().LoadModules(te.InstallDir() + "module");
     EXPECT_EQ(te.engine().FindTask("data_comm_report_task"), nullptr);
+    EXPECT_EQ(te.engine().FindTask("file_comm_report_task"), squatter.get());
     te.engine().UnloadModules();
     te.engine().UnRegisterTask("file_comm_report_task");
 }

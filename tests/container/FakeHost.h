@@ -33,29 +33,24 @@ inline std::string ToJson(const Json::Value& v)
     return SDK::JsonUtils::JsonToString(v);
 }
 
+inline Json::Value FromJson(const std::string& text)
+{
+    Json::Value v;
+    SDK::JsonUtils::ParseJsonStr(text, v);
+    return v;
+}
+
 // An OCI runtime configuration as runc reads it.
 inline Json::Value OciConfig(const std::string& rootPath = "rootfs")
 {
-    Json::Value doc(Json::objectValue);
-    doc["ociVersion"] = "1.0.2";
-    doc["process"]["args"].append("nginx");
-    doc["process"]["args"].append("-g");
-    doc["process"]["args"].append("daemon off;");
-    doc["process"]["env"].append("PATH=/usr/sbin:/usr/bin");
-    doc["process"]["env"].append("NGINX_VERSION=1.25.3");
+    Json::Value doc = FromJson(R"({"ociVersion": "1.0.2",
+        "process": {"args": ["nginx", "-g", "daemon off;"], "env": ["PATH=/usr/sbin:/usr/bin", "NGINX_VERSION=1.25.3"]},
+        "mounts": [{"destination": "/var/www/html/uploads", "type": "bind", "source": "/srv/uploads",
+                    "options": ["rbind", "ro"]}],
+        "linux": {"namespaces": [{"type": "network"}]}})");
     if (!rootPath.empty()) {
         doc["root"]["path"] = rootPath;
     }
-    Json::Value m(Json::objectValue);
-    m["destination"] = "/var/www/html/uploads";
-    m["type"] = "bind";
-    m["source"] = "/srv/uploads";
-    m["options"].append("rbind");
-    m["options"].append("ro");
-    doc["mounts"].append(m);
-    Json::Value ns(Json::objectValue);
-    ns["type"] = "network";
-    doc["linux"]["namespaces"].append(ns);
     return doc;
 }
 
@@ -107,16 +102,14 @@ public:
     void DockerRecord(const std::string& id, const std::string& name, const std::string& image,
                       long pid, bool running)
     {
-        Json::Value doc(Json::objectValue);
+        Json::Value doc = FromJson(R"({"Config": {"Labels": {"maintainer": "ops@example.com"}, "ExposedPorts": {"80/tcp": {}}},
+                                    "NetworkSettings": {"Networks": {"bridge": {}}}})");
         doc["ID"] = id;
         doc["Name"] = name;
         doc["Config"]["Image"] = image;
-        doc["Config"]["Labels"]["maintainer"] = "ops@example.com";
-        doc["Config"]["ExposedPorts"]["80/tcp"] = Json::Value(Json::objectValue);
         doc["Image"] = "sha256:" + HexId(99);
         doc["State"]["Running"] = running;
         doc["State"]["Pid"] = static_cast<Json::Int64>(running ? pid : 0);
-        doc["NetworkSettings"]["Networks"]["bridge"] = Json::Value(Json::objectValue);
         m_dir.Write("var/lib/docker/containers/" + id + "/config.v2.json", ToJson(doc));
     }
 

@@ -61,7 +61,7 @@ bool HasProblem(const ContainerCollector& c, const std::string& path, const std:
 
 }  // namespace
 
-TEST(ContainerRuntime, DockerContainerIsReportedOnceWithItsDockerNameAndImage)
+TEST(ContainerRuntime, DockerContainerIsReportedOnceWithItsNameAndImageThroughRestartAndDamage)
 {
     FakeHost host;
     const std::string id = HexId(1);
@@ -92,6 +92,29 @@ TEST(ContainerRuntime, DockerContainerIsReportedOnceWithItsDockerNameAndImage)
     ASSERT_EQ(collector.Running().size(), 1u);
     EXPECT_EQ(collector.Running()[0]->id, id);
     EXPECT_TRUE(collector.Problems().empty());
+
+    // Restarted with a new process: a stop, then a start; the record sent
+    // earlier is not changed by the stop.
+    host.StopProcess(4242);
+    host.StartDocker(id, "/web1", 4243);
+    InfoList restart = collector.Poll();
+    ASSERT_EQ(restart.size(), 2u);
+    EXPECT_EQ((std::vector<bool>{restart[0]->running, restart[1]->running}), (std::vector<bool>{false, true}));
+    EXPECT_EQ(restart[0]->text4, "4242");
+    EXPECT_EQ(restart[1]->text4, "4243");
+    EXPECT_TRUE(changes[0]->running);
+
+    // A bundle being rewritten or damaged is neither a stop nor a second
+    // start; once the bundle is gone, the container has stopped.
+    host.Dir().Write(FakeHost::BundleRel("moby", id) + "/config.json", "{");
+    EXPECT_TRUE(collector.Poll().empty());
+    host.Remove(FakeHost::BundleRel("moby", id) + "/config.json");
+    EXPECT_TRUE(collector.Poll().empty());
+    EXPECT_EQ(collector.Running().size(), 1u);
+    host.Remove(FakeHost::BundleRel("moby", id));
+    restart = collector.Poll();
+    ASSERT_EQ(restart.size(), 1u);
+    EXPECT_FALSE(restart[0]->running);
 }
 
 TEST(ContainerRuntime, EachWayOfStoppingReportsTheContainerGoneOnce)
@@ -131,27 +154,6 @@ TEST(ContainerRuntime, EachWayOfStoppingReportsTheContainerGoneOnce)
         ASSERT_EQ(collector.Running().size(), 1u);
         EXPECT_EQ(collector.Running()[0]->id, other);
     }
-}
-
-TEST(ContainerRuntime, RestartWithANewProcessIsAStopThenAStart)
-{
-    FakeHost host;
-    const std::string id = HexId(4);
-    host.StartDocker(id, "/web1", 200);
-    ContainerCollector collector(host.Root(), nullptr);
-    auto first = collector.Poll();
-    ASSERT_EQ(first.size(), 1u);
-
-    host.StopProcess(200);
-    host.StartDocker(id, "/web1", 201);
-    InfoList changes = collector.Poll();
-    ASSERT_EQ(changes.size(), 2u);
-    EXPECT_FALSE(changes[0]->running);
-    EXPECT_EQ(changes[0]->text4, "200");
-    EXPECT_TRUE(changes[1]->running);
-    EXPECT_EQ(changes[1]->text4, "201");
-    // The record sent earlier is not changed by the stop.
-    EXPECT_TRUE(first[0]->running);
 }
 
 TEST(ContainerRuntime, RootPathFollowsTheBundleConfiguration)
@@ -333,48 +335,38 @@ TEST(ContainerRuntime, UnusableStateIsSkippedLoggedOnceAndNeverStopsTheOthers)
     const std::string good = HexId(30);
     const std::string goodBundle = host.StartDocker(good, "/web1", 600);
 
-    // Each of these is a container the collector must skip, with a reason.
+    // Each of these is a container the collector must skip, with a reason:
+    // its file replaced by `content` ("@fifo": a FIFO, "@link": a link).
     struct Bad {
-        std::string id;
         std::string file;
+        std::string content;
         std::string reason;
     };
-    std::vector<Bad> bad;
+    const std::vector<Bad> bad = {
+        {"config.json", "{\"ociVersion\": \"1.0\", \"root\": ", "not valid JSON"},
+        {"config.json", "@fifo", "not a regular file"},
+        {"config.json", "{\"x\":\"" + std::string(5 * 1024 * 1024, 'a') + "\"}", "larger than"},
+        {"config.json", "@link", "symbolic link"},
+        {"config.json", "[1,2,3]", "not a JSON object"},
+        {"init.pid", "12ab\n", "does not hold a process id"},
+    };
     auto bundleRel = [](const std::string& id) { return FakeHost::BundleRel("moby", id); };
-
-    const std::string malformed = HexId(31);
-    host.StartDocker(malformed, "/broken", 601);
-    host.Dir().Write(bundleRel(malformed) + "/config.json", "{\"ociVersion\": \"1.0\", \"root\": ");
-    bad.push_back({malformed, "config.json", "not valid JSON"});
-
-    const std::string fifo = HexId(32);
-    host.StartDocker(fifo, "/fifo", 602);
-    host.Remove(bundleRel(fifo) + "/config.json");
-    host.Dir().Fifo(bundleRel(fifo) + "/config.json");
-    bad.push_back({fifo, "config.json", "not a regular file"});
-
-    const std::string huge = HexId(33);
-    host.StartDocker(huge, "/huge", 603);
-    host.Dir().Write(bundleRel(huge) + "/config.json",
-                     "{\"x\":\"" + std::string(5 * 1024 * 1024, 'a') + "\"}");
-    bad.push_back({huge, "config.json", "larger than"});
-
-    const std::string link = HexId(34);
-    host.StartDocker(link, "/link", 604);
-    host.Remove(bundleRel(link) + "/config.json");
     host.Dir().Write("elsewhere/config.json", ToJson(OciConfig()));
-    host.Dir().Symlink(host.Path("elsewhere/config.json"), bundleRel(link) + "/config.json");
-    bad.push_back({link, "config.json", "symbolic link"});
-
-    const std::string notObject = HexId(35);
-    host.StartDocker(notObject, "/array", 605);
-    host.Dir().Write(bundleRel(notObject) + "/config.json", "[1,2,3]");
-    bad.push_back({notObject, "config.json", "not a JSON object"});
-
-    const std::string badPid = HexId(36);
-    host.StartDocker(badPid, "/pid", 606);
-    host.Dir().Write(bundleRel(badPid) + "/init.pid", "12ab\n");
-    bad.push_back({badPid, "init.pid", "does not hold a process id"});
+    for (size_t i = 0; i < bad.size(); ++i) {
+        const Bad& b = bad[i];
+        host.StartDocker(HexId(31 + i), "/bad" + std::to_string(i), 601 + static_cast<long>(i));
+        const std::string rel = bundleRel(HexId(31 + i)) + "/" + b.file;
+        if (b.content[0] == '@') {
+            host.Remove(rel);
+        }
+        if (b.content == "@fifo") {
+            host.Dir().Fifo(rel);
+        } else if (b.content == "@link") {
+            host.Dir().Symlink(host.Path("elsewhere/config.json"), rel);
+        } else {
+            host.Dir().Write(rel, b.content);
+        }
+    }
 
     // Odd directory names: not a container id a runtime writes.
     const std::string oddName = std::string("web shell\xff;rm -rf");
@@ -394,11 +386,10 @@ TEST(ContainerRuntime, UnusableStateIsSkippedLoggedOnceAndNeverStopsTheOthers)
     EXPECT_EQ(found[badRecord]->name, badRecord.substr(0, 12));
     EXPECT_EQ(found[badRecord]->text1, "docker");
 
-    for (const auto& b : bad) {
-        SCOPED_TRACE(b.reason);
-        const std::string path = host.Path(bundleRel(b.id) + "/" + b.file);
-        EXPECT_TRUE(HasProblem(collector, path, b.reason));
-        EXPECT_EQ(Lines(log, path, b.reason), 1u);
+    auto pathOf = [&](size_t i) { return host.Path(bundleRel(HexId(31 + i)) + "/" + bad[i].file); };
+    for (size_t i = 0; i < bad.size(); ++i) {
+        EXPECT_TRUE(HasProblem(collector, pathOf(i), bad[i].reason)) << bad[i].reason;
+        EXPECT_EQ(Lines(log, pathOf(i), bad[i].reason), 1u) << bad[i].reason;
     }
     EXPECT_TRUE(HasProblem(collector, host.Path(bundleRel(oddName)), "not a plain name"));
     EXPECT_TRUE(HasProblem(collector, host.Path(std::string(FakeHost::kTaskRoot) + "/.hidden-ns"),
@@ -409,46 +400,21 @@ TEST(ContainerRuntime, UnusableStateIsSkippedLoggedOnceAndNeverStopsTheOthers)
 
     // Still broken at the next poll: still in the status, not logged again.
     EXPECT_TRUE(collector.Poll().empty());
-    for (const auto& b : bad) {
-        const std::string path = host.Path(bundleRel(b.id) + "/" + b.file);
-        EXPECT_EQ(Lines(log, path, b.reason), 1u) << b.reason;
+    for (size_t i = 0; i < bad.size(); ++i) {
+        EXPECT_EQ(Lines(log, pathOf(i), bad[i].reason), 1u) << bad[i].reason;
     }
     EXPECT_EQ(collector.Problems().size(), bad.size() + 3);
 }
 
-TEST(ContainerRuntime, ABrokenBundleOfAReportedContainerIsNotTakenForAStop)
-{
-    FakeHost host;
-    const std::string id = HexId(40);
-    host.StartDocker(id, "/web1", 700);
-    ContainerCollector collector(host.Root(), nullptr);
-    ASSERT_EQ(collector.Poll().size(), 1u);
-
-    // Being rewritten or damaged: neither a stop nor a second start.
-    host.Dir().Write(FakeHost::BundleRel("moby", id) + "/config.json", "{");
-    EXPECT_TRUE(collector.Poll().empty());
-    host.Remove(FakeHost::BundleRel("moby", id) + "/config.json");
-    EXPECT_TRUE(collector.Poll().empty());
-    EXPECT_EQ(collector.Running().size(), 1u);
-
-    // The bundle goes: now it has stopped.
-    host.Remove(FakeHost::BundleRel("moby", id));
-    auto changes = collector.Poll();
-    ASSERT_EQ(changes.size(), 1u);
-    EXPECT_FALSE(changes[0]->running);
-}
-
 TEST(ContainerRuntime, NamesAndPidsARuntimeNeverWritesAreRefused)
 {
-    EXPECT_TRUE(Container::IsPlainName(HexId(1)));
-    EXPECT_TRUE(Container::IsPlainName("k8s.io"));
-    EXPECT_TRUE(Container::IsPlainName("moby"));
-    const std::vector<std::string> refused{"",    ".",   "..",          ".hidden",
-                                           "a/b", "a b", "x\n",        "caf\xc3\xa9",
-                                           std::string(129, 'a')};
-    for (const auto& name : refused) {
+    for (const std::string& name : {HexId(1), std::string("k8s.io"), std::string("moby")}) {
+        EXPECT_TRUE(Container::IsPlainName(name)) << name;
+    }
+    for (const char* name : {"", ".", "..", ".hidden", "a/b", "a b", "x\n", "caf\xc3\xa9"}) {
         EXPECT_FALSE(Container::IsPlainName(name)) << name;
     }
+    EXPECT_FALSE(Container::IsPlainName(std::string(129, 'a')));
     // Stand-in names: a generated id is shortened, one a user chose is kept.
     EXPECT_EQ(Container::ShortId(HexId(1)), HexId(1).substr(0, 12));
     EXPECT_EQ(Container::ShortId("web-frontend-blue"), "web-frontend-blue");
@@ -457,8 +423,8 @@ TEST(ContainerRuntime, NamesAndPidsARuntimeNeverWritesAreRefused)
     for (const char* text : {"", "0", "-1", "4194305", "12ab", "1 2", "99999999999999999999"}) {
         EXPECT_EQ(Container::ParsePid(text), 0) << text;
     }
-    EXPECT_TRUE(Container::HasDotDot("../x"));
-    EXPECT_TRUE(Container::HasDotDot("/a/../b"));
-    EXPECT_TRUE(Container::HasDotDot("a/.."));
+    for (const char* path : {"../x", "/a/../b", "a/.."}) {
+        EXPECT_TRUE(Container::HasDotDot(path)) << path;
+    }
     EXPECT_FALSE(Container::HasDotDot("/a/..b/c.."));
 }

@@ -4,23 +4,19 @@
 // and read the notifications, a watcher wrapper that can pause reading or
 // lose events.
 
-#include <fcntl.h>
 #include <sys/inotify.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <fstream>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <Poco/AutoPtr.h>
-#include <Poco/Channel.h>
-#include <Poco/Logger.h>
 #include <Poco/Message.h>
 
 #include "FileNotifyTask.h"
@@ -33,12 +29,10 @@ namespace FileNotifyTest {
 // Creates or truncates `path`, writes `content` and closes it.
 inline bool WriteFile(const std::string& path, const std::string& content = "<?php echo 1; ?>")
 {
-    int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return false;
-    }
-    bool ok = write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
-    return close(fd) == 0 && ok;
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    out.close();
+    return static_cast<bool>(out);
 }
 
 struct Note {
@@ -58,11 +52,8 @@ inline std::vector<Note> NotesOf(TestSupport::CaptureTask& consumer)
 
 inline size_t CountPath(TestSupport::CaptureTask& consumer, const std::string& path)
 {
-    size_t n = 0;
-    for (const Note& note : NotesOf(consumer)) {
-        n += note.path == path ? 1 : 0;
-    }
-    return n;
+    const auto notes = NotesOf(consumer);
+    return static_cast<size_t>(std::count_if(notes.begin(), notes.end(), [&](const Note& n) { return n.path == path; }));
 }
 
 inline std::set<std::string> PathSet(TestSupport::CaptureTask& consumer)

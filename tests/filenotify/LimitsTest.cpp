@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <functional>
 #include <fstream>
@@ -27,12 +28,6 @@ using TestSupport::WaitFor;
 namespace {
 
 const char* const kQueuedEvents = "/proc/sys/fs/inotify/max_queued_events";
-
-bool ReadNumber(const std::string& path, std::string& out)
-{
-    std::ifstream in(path);
-    return static_cast<bool>(in >> out);
-}
 
 bool WriteNumber(const std::string& path, const std::string& value)
 {
@@ -58,7 +53,8 @@ public:
         if (m_lock < 0 || flock(m_lock, LOCK_EX) != 0) {
             return;
         }
-        if (ReadNumber(path, m_old)) {
+        std::ifstream in(path);
+        if (in >> m_old) {
             m_active = WriteNumber(path, value);
         }
     }
@@ -110,18 +106,10 @@ void ExpectRescanAfterLoss(Harness& h, ControlledWatcher& watcher, const TempDir
     loseEvents();
     watcher.Pause(false);
 
-    ASSERT_TRUE(WaitFor(
-        [&] {
-            std::set<std::string> seen = PathSet(h.consumer());
-            for (auto& path : expected) {
-                if (seen.count(path) == 0) {
-                    return false;
-                }
-            }
-            return true;
-        },
-        10000))
-        << "overflows: " << h.task().Overflows();
+    ASSERT_TRUE(WaitFor([&] {
+        const std::set<std::string> seen = PathSet(h.consumer());
+        return std::includes(seen.begin(), seen.end(), expected.begin(), expected.end());
+    }, 10000)) << "overflows: " << h.task().Overflows();
     EXPECT_GE(h.task().Overflows(), 1u);
     EXPECT_GE(h.log().Count("overflowed", Poco::Message::PRIO_WARNING), 1u);
     EXPECT_GE(h.log().Count(root.Path(), Poco::Message::PRIO_WARNING), 1u);
@@ -196,17 +184,8 @@ TEST(FileNotifyLimits, WatchExhaustionWarnsOnceAndKeepsTheRest)
         root.MkDir(dir);
     }
     ASSERT_TRUE(h.Watch(root.Path(), 0, 1, 4));
-    ASSERT_TRUE(WaitFor([&] {
-        return h.log().Count("fs.inotify.max_user_watches",
-                                       Poco::Message::PRIO_WARNING) == 1;
-    }));
-    auto warnings = h.log().Texts("", Poco::Message::PRIO_WARNING);
-    std::string warning;
-    for (auto& text : warnings) {
-        if (text.find("max_user_watches") != std::string::npos) {
-            warning = text;
-        }
-    }
+    ASSERT_TRUE(WaitFor([&] { return h.log().Count("fs.inotify.max_user_watches", Poco::Message::PRIO_WARNING) == 1; }));
+    const std::string warning = h.log().Texts("max_user_watches", Poco::Message::PRIO_WARNING).at(0);
     EXPECT_NE(std::string::npos, warning.find(root.Path())) << warning;
     EXPECT_NE(std::string::npos, warning.find("kept 4 directory watches")) << warning;
     EXPECT_NE(std::string::npos, warning.find("3 directories are not watched")) << warning;

@@ -47,7 +47,7 @@ TEST(TaskCondition, AcceptsOnlyWellFormedSchedules)
     }
 }
 
-TEST(TaskCondition, IntervalFiresAndMissedFiresCoalesce)
+TEST(TaskCondition, IntervalFiresCoalesceAndDailyFiresAtTheLocalTime)
 {
     TaskCondition condition;
     ASSERT_TRUE(condition.Parse(R"({"type":"interval","interval_s":10,"delay_s":3})"));
@@ -56,11 +56,8 @@ TEST(TaskCondition, IntervalFiresAndMissedFiresCoalesce)
     EXPECT_EQ(condition.NextFireMs(1003000, 1004000), 1013000);
     // A run that outlasted three intervals: one fire now, not three.
     EXPECT_EQ(condition.NextFireMs(1003000, 1040000), 1040000);
-}
 
-TEST(TaskCondition, DailyFiresAtTheLocalTimeOfDay)
-{
-    TaskCondition condition;
+    // Daily: at the local time of day.
     ASSERT_TRUE(condition.Parse(R"({"type":"daily","at":"02:30"})"));
     const int64_t now = static_cast<int64_t>(time(nullptr)) * 1000;
     const int64_t first = condition.FirstFireMs(now);

@@ -3,7 +3,7 @@
 // tests. Each path has a behaviour:
 //   /ok/<name>     200 with the body set by SetBody(name), Content-Length
 //   /slow/<name>   the same, but the second half only after Release()
-//   /missing       404
+//   /missing       404 (and any other unknown path)
 //   /big           200, Content-Length larger than any cap the tests use
 //   /big-chunked   200, chunked, keeps sending until the client gives up
 //   /half          200, Content-Length N, N/2 bytes, then the connection closes
@@ -18,10 +18,10 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -94,23 +94,15 @@ public:
     }
 
     // Lines of every accepted batch, in order, and the last Authorization header.
-    std::vector<std::string> Ingested()
+    std::vector<std::string> Ingested() { return Locked(m_ingested); }
+    std::string Authorization() { return Locked(m_authorization); }
+    int Hits(const std::string& path)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        return m_ingested;
-    }
-    std::string Authorization()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_authorization;
+        return m_hits[path];
     }
 
-    std::string Url(const std::string& path) const
-    {
-        return Url(path, "127.0.0.1");
-    }
-
-    std::string Url(const std::string& path, const std::string& host) const
+    std::string Url(const std::string& path, const std::string& host = "127.0.0.1") const
     {
         return m_scheme + "://" + host + ":" + std::to_string(m_port) + path;
     }
@@ -119,12 +111,6 @@ public:
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_bodies[name] = body;
-    }
-
-    int Hits(const std::string& path)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_hits[path];
     }
 
     // True once a /stall or /slow request has sent its first half.
@@ -146,47 +132,60 @@ public:
     }
 
 private:
-    class Handler : public Poco::Net::HTTPRequestHandler {
-    public:
-        explicit Handler(LoopbackHttpServer* owner) : m_owner(owner) {}
-        void handleRequest(Poco::Net::HTTPServerRequest& request,
-                           Poco::Net::HTTPServerResponse& response) override
-        {
-            m_owner->Serve(request, response);
-        }
-
-    private:
-        LoopbackHttpServer* m_owner;
-    };
-
     class Factory : public Poco::Net::HTTPRequestHandlerFactory {
     public:
         explicit Factory(LoopbackHttpServer* owner) : m_owner(owner) {}
-        Poco::Net::HTTPRequestHandler* createRequestHandler(
-            const Poco::Net::HTTPServerRequest&) override
+        Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override
         {
-            return new Handler(m_owner);
+            struct Handler : Poco::Net::HTTPRequestHandler {
+                LoopbackHttpServer* owner;
+                void handleRequest(Poco::Net::HTTPServerRequest& rq, Poco::Net::HTTPServerResponse& rs) override
+                {
+                    owner->Serve(rq, rs);
+                }
+            };
+            auto* handler = new Handler;
+            handler->owner = m_owner;
+            return handler;
         }
 
     private:
         LoopbackHttpServer* m_owner;
     };
 
+    // A copy of `value`, read under the lock (the reference is bound outside it).
+    template <typename T>
+    T Locked(const T& value)
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return value;
+    }
+
+    static void Cut(Poco::Net::HTTPServerRequest& request)
+    {
+        static_cast<Poco::Net::HTTPServerRequestImpl&>(request).socket().shutdown();
+    }
+
+    void WaitForRelease()
+    {
+        ++m_stalling;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_cv.wait_for(lock, std::chrono::seconds(30), [this] { return m_released; });
+    }
+
     void ServeIngest(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
     {
+        const Ingest mode = Locked(m_ingest);
         std::string body;
         std::istream& in = request.stream();
-        std::unique_lock<std::mutex> lock(m_mutex);
-        const Ingest mode = m_ingest;
-        lock.unlock();
         if (mode == Ingest::CloseMidway) {
             body.resize(static_cast<size_t>(request.getContentLength64() / 2));
             in.read(&body[0], static_cast<std::streamsize>(body.size()));
-            static_cast<Poco::Net::HTTPServerRequestImpl&>(request).socket().shutdown();
+            Cut(request);
             return;
         }
         body.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-        lock.lock();
+        std::unique_lock<std::mutex> lock(m_mutex);
         if (mode == Ingest::Hang) {
             m_cv.wait_for(lock, std::chrono::seconds(30), [this] { return m_ingest != Ingest::Hang; });
             return;  // the client gave up long ago
@@ -207,81 +206,62 @@ private:
         response.send();
     }
 
+    // Writes `size` bytes of `fill`, chunk by chunk, while the client takes them.
+    static void Stream(std::ostream& out, size_t size, char fill)
+    {
+        const std::string chunk(64 * 1024, fill);
+        for (size_t sent = 0; sent < size && out.good(); sent += chunk.size()) {
+            out.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+            out.flush();
+        }
+    }
+
     void Serve(Poco::Net::HTTPServerRequest& request, Poco::Net::HTTPServerResponse& response)
     {
         const std::string path = request.getURI();
-        if (path == "/ingest") {
-            {
-                std::lock_guard<std::mutex> lock(m_mutex);
-                ++m_hits[path];
-            }
-            ServeIngest(request, response);
-            return;
-        }
+        const bool slow = path.compare(0, 6, "/slow/") == 0;
         std::string body;
         bool known = false;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
             ++m_hits[path];
-            const size_t prefix = path.compare(0, 4, "/ok/") == 0     ? 4
-                                  : path.compare(0, 6, "/slow/") == 0 ? 6
-                                                                      : 0;
-            if (prefix > 0) {
-                auto it = m_bodies.find(path.substr(prefix));
+            if (slow || path.compare(0, 4, "/ok/") == 0) {
+                auto it = m_bodies.find(path.substr(slow ? 6 : 4));
                 known = it != m_bodies.end();
-                if (known) {
-                    body = it->second;
-                }
+                body = known ? it->second : "";
             }
         }
         using Status = Poco::Net::HTTPResponse::HTTPStatus;
-        if (known && path.compare(0, 6, "/slow/") == 0) {
-            response.setContentLength64(static_cast<Poco::Int64>(body.size()));
-            std::ostream& out = response.send();
-            const size_t half = body.size() / 2;
-            out.write(body.data(), static_cast<std::streamsize>(half));
-            out.flush();
-            ++m_stalling;
-            {
-                std::unique_lock<std::mutex> lock(m_mutex);
-                m_cv.wait_for(lock, std::chrono::seconds(30), [this] { return m_released; });
-            }
-            out.write(body.data() + half, static_cast<std::streamsize>(body.size() - half));
+        if (path == "/ingest") {
+            ServeIngest(request, response);
         } else if (known) {
             response.setContentLength64(static_cast<Poco::Int64>(body.size()));
-            response.send().write(body.data(), static_cast<std::streamsize>(body.size()));
+            std::ostream& out = response.send();
+            const size_t half = slow ? body.size() / 2 : body.size();
+            out.write(body.data(), static_cast<std::streamsize>(half));
+            if (slow) {
+                out.flush();
+                WaitForRelease();
+                out.write(body.data() + half, static_cast<std::streamsize>(body.size() - half));
+            }
         } else if (path.compare(0, 10, "/redirect/") == 0) {
             response.redirect("/ok/" + path.substr(10), Status::HTTP_FOUND);
         } else if (path == "/loop") {
             response.redirect("/loop", Status::HTTP_FOUND);
-        } else if (path == "/big") {
-            response.setContentLength64(kBigBody);
-            std::ostream& out = response.send();
-            const std::string chunk(64 * 1024, 'b');
-            for (size_t sent = 0; sent < kBigBody && out.good(); sent += chunk.size()) {
-                out.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
+        } else if (path == "/big" || path == "/big-chunked") {
+            if (path == "/big") {
+                response.setContentLength64(kBigBody);
+            } else {
+                response.setChunkedTransferEncoding(true);
             }
-        } else if (path == "/big-chunked") {
-            response.setChunkedTransferEncoding(true);
-            std::ostream& out = response.send();
-            const std::string chunk(64 * 1024, 'c');
-            for (size_t sent = 0; sent < kBigBody && out.good(); sent += chunk.size()) {
-                out.write(chunk.data(), static_cast<std::streamsize>(chunk.size()));
-                out.flush();
-            }
+            Stream(response.send(), kBigBody, 'b');
         } else if (path == "/half" || path == "/stall") {
             response.setContentLength64(2 * kHalfBody);
-            std::ostream& out = response.send();
-            const std::string half(kHalfBody, 'h');
-            out.write(half.data(), static_cast<std::streamsize>(half.size()));
-            out.flush();
+            Stream(response.send(), kHalfBody, 'h');
             if (path == "/stall") {
-                ++m_stalling;
-                std::unique_lock<std::mutex> lock(m_mutex);
-                m_cv.wait_for(lock, std::chrono::seconds(30), [this] { return m_released; });
+                WaitForRelease();
             }
-            // Cut the connection with the body half sent.
-            static_cast<Poco::Net::HTTPServerRequestImpl&>(request).socket().shutdown();
+            Cut(request);  // the body half sent
         } else {
             response.setStatusAndReason(Status::HTTP_NOT_FOUND);
             response.setContentLength(0);

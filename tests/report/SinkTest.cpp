@@ -9,7 +9,6 @@
 
 #include "LoopbackHttpServer.h"
 #include "RsyslogServer.h"
-#include "ReportTestUtil.h"
 #include "framework/Health.h"
 #include "framework/StatusBoard.h"
 #include "report/HttpSink.h"
@@ -19,7 +18,7 @@
 
 namespace {
 
-using ReportTest::Parse;
+using TestSupport::ParseJson;
 using TestSupport::TempDir;
 using TestSupport::WaitFor;
 
@@ -34,7 +33,7 @@ std::vector<int> Drain(Report::Spool& spool, size_t batch = 7)
     std::vector<int> out;
     for (Report::SpoolBatch b; spool.Peek(batch, 1 << 20, b);) {
         for (size_t at = 0, nl; (nl = b.body.find('\n', at)) != std::string::npos; at = nl + 1) {
-            out.push_back(Parse(b.body.substr(at, nl - at))["i"].asInt());
+            out.push_back(ParseJson(b.body.substr(at, nl - at))["i"].asInt());
         }
         EXPECT_TRUE(spool.Ack(b).ok());
     }
@@ -155,8 +154,8 @@ TEST(SyslogSink, RsyslogReceivesEveryEventOverUdpTcpAndAUnixSocket)
                 EXPECT_LE(msg.size(), 2048u);
                 EXPECT_NE(msg.find("[truncated from "), std::string::npos) << msg;
             } else {
-                EXPECT_EQ(Parse(msg)["i"].asInt(), i);
-                EXPECT_EQ(Parse(msg)["pad"].asString().size(), i == kEvents - 1 ? kBig : 40u);
+                EXPECT_EQ(ParseJson(msg)["i"].asInt(), i);
+                EXPECT_EQ(ParseJson(msg)["pad"].asString().size(), i == kEvents - 1 ? kBig : 40u);
             }
         }
         sink.Stop();
@@ -217,7 +216,7 @@ TEST(HttpSink, RetriesEveryFaultUntilAcceptedAndLosesNothing)
     }
     const std::vector<std::string> got = server.Ingested();
     for (int i = 0; i < sent; ++i) {
-        ASSERT_EQ(Parse(got[static_cast<size_t>(i)])["i"].asInt(), i);
+        ASSERT_EQ(ParseJson(got[static_cast<size_t>(i)])["i"].asInt(), i);
     }
     EXPECT_EQ(server.Authorization(), "Splunk t0ken");
     EXPECT_EQ(log.Count("cannot deliver events"), 4u) << log.Dump();

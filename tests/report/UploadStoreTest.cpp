@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include "ReportTestUtil.h"
 #include "report/UploadStore.h"
 #include "sdk/TimeUtils.h"
 #include "testsupport/TestSupport.h"
@@ -19,8 +18,8 @@ namespace {
 using Report::UploadOptions;
 using Report::UploadResult;
 using Report::UploadStore;
-using ReportTest::ModeOf;
-using ReportTest::Parse;
+using TestSupport::ModeOf;
+using TestSupport::ParseJson;
 using TestSupport::ReadFile;
 using TestSupport::TempDir;
 
@@ -61,7 +60,7 @@ TEST(UploadStore, KeepsAPrivateCopyUnderItsSha256WithASidecar)
         EXPECT_EQ(ModeOf(uploads), 0700u);
         EXPECT_EQ(ModeOf(r.storedPath + ".json"), 0600u);
 
-        const Json::Value side = Parse(ReadFile(r.storedPath + ".json"));
+        const Json::Value side = ParseJson(ReadFile(r.storedPath + ".json"));
         EXPECT_EQ(side["path"].asString(), source);
         EXPECT_EQ(side["size"].asUInt64(), ReadFile(source).size());
         EXPECT_EQ(side["kind"].asString(), "webshell");
@@ -71,7 +70,7 @@ TEST(UploadStore, KeepsAPrivateCopyUnderItsSha256WithASidecar)
         // Same content from elsewhere: one copy, the first sidecar stays.
         const UploadResult again = store.Store(dir.Write("www/copy.php", ReadFile(source)), "webshell");
         EXPECT_EQ(again.outcome, UploadResult::DUPLICATE);
-        EXPECT_EQ(Parse(ReadFile(r.storedPath + ".json"))["path"].asString(), source);
+        EXPECT_EQ(ParseJson(ReadFile(r.storedPath + ".json"))["path"].asString(), source);
         EXPECT_EQ(Listing(uploads), sha + "\n" + sha + ".json\n");
     }
 }

@@ -67,13 +67,11 @@ TEST(PathUtils, InstallationPathAndRealPath)
     TempDir dir("ardent-path");
     std::string out = "untouched";
 
-    SDK::PathUtils::SetInstallationPath(dir.Path());
-    ASSERT_EQ(0, SDK::PathUtils::GetInstallationPath(out));
-    EXPECT_EQ(dir.Path() + "/", out);
-
-    SDK::PathUtils::SetInstallationPath(dir.Path() + "/");
-    ASSERT_EQ(0, SDK::PathUtils::GetInstallationPath(out));
-    EXPECT_EQ(dir.Path() + "/", out);
+    for (const std::string& spelling : {dir.Path(), dir.Path() + "/"}) {
+        SDK::PathUtils::SetInstallationPath(spelling);
+        ASSERT_EQ(0, SDK::PathUtils::GetInstallationPath(out));
+        EXPECT_EQ(dir.Path() + "/", out);
+    }
 
     // Relative: taken from the current directory at the time it is set.
     char cwd[PATH_MAX];
@@ -85,10 +83,10 @@ TEST(PathUtils, InstallationPathAndRealPath)
     EXPECT_EQ('/', out.back());
 
     out = "untouched";
-    SDK::PathUtils::SetInstallationPath(dir.Join("missing"));
-    EXPECT_EQ(-1, SDK::PathUtils::GetInstallationPath(out));
-    SDK::PathUtils::SetInstallationPath(dir.Write("file", "x"));
-    EXPECT_EQ(-1, SDK::PathUtils::GetInstallationPath(out));
+    for (const std::string& bad : {dir.Join("missing"), dir.Write("file", "x")}) {
+        SDK::PathUtils::SetInstallationPath(bad);
+        EXPECT_EQ(-1, SDK::PathUtils::GetInstallationPath(out));
+    }
     EXPECT_EQ("untouched", out);
 
     // Unset: the parent of the directory holding this executable.

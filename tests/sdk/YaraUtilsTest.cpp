@@ -79,14 +79,6 @@ int Record(void* context, int message, void* messageData, void* userData)
     return seen->answer;
 }
 
-std::string Compile(TempDir& dir, const std::string& source, const std::string& name)
-{
-    const std::string src = dir.Write(name + ".yar", source);
-    const std::string out = dir.Join(name + ".yarc");
-    EXPECT_EQ(0, TestSupport::RunCommand("yarac '" + src + "' '" + out + "' 2>&1"));
-    return out;
-}
-
 }  // namespace
 
 TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
@@ -100,7 +92,7 @@ TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
                                        "eval($_POST[1]); Runtime.getRuntime().exec(x)");
 
     for (const std::string& rules :
-         {dir.Write("rules.yar", kRules), Compile(dir, kRules, "compiled")}) {
+         {dir.Write("rules.yar", kRules), TestSupport::WriteRules(dir, "compiled.yarc", kRules, true)}) {
         SCOPED_TRACE(rules);
         YaraUtils yara(Record);
         EXPECT_FALSE(yara.HasRules());
@@ -147,7 +139,7 @@ TEST(YaraUtils, BadRuleFilesLeaveNothingLoaded)
 {
     TempDir dir("ardent-yara");
     const std::string good = dir.Write("good.yar", kRules);
-    const std::string compiled = Compile(dir, kRules, "compiled");
+    const std::string compiled = TestSupport::WriteRules(dir, "compiled.yarc", kRules, true);
     const std::string syntax = dir.Write("broken.yar", "rule ok { condition: true }\n\nrule broken {\n  condition: true or or\n}\n");
     std::string truncatedBytes = TestSupport::ReadFile(compiled);
     truncatedBytes.resize(truncatedBytes.size() / 2);
@@ -170,7 +162,7 @@ TEST(YaraUtils, BadRuleFilesLeaveNothingLoaded)
 TEST(YaraUtils, DamagedCompiledLibraryIsCheckedInAChildAndRemembered)
 {
     TempDir dir("ardent-yara");
-    const std::string compiled = Compile(dir, kRules, "compiled");
+    const std::string compiled = TestSupport::WriteRules(dir, "compiled.yarc", kRules, true);
     const std::string original = TestSupport::ReadFile(compiled);
     const std::string damaged = dir.Join("damaged.yarc");
     YaraUtils yara(Record);  // initialises libyara for the probes below

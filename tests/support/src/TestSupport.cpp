@@ -48,19 +48,17 @@ std::string Env(const char* name, const std::string& def)
     return v != nullptr && *v != '\0' ? std::string(v) : def;
 }
 
-void MakeParents(const std::string& path)
+// The full path of `rel`, its parent directories made.
+std::string Prepare(const std::string& path)
 {
-    Poco::Path p(path);
-    p.makeParent();
-    Poco::File(p).createDirectories();
+    Poco::File(Poco::Path(path).makeParent()).createDirectories();
+    return path;
 }
 
-void RestoreModes(const std::string& dir)
+void Check(bool ok, const std::string& what)
 {
-    chmod(dir.c_str(), 0755);
-    std::string cmd = "chmod -R u+rwX '" + dir + "' 2>/dev/null";
-    if (std::system(cmd.c_str()) != 0) {
-        // best effort: removal below reports what is left
+    if (!ok) {
+        throw std::runtime_error(what + " failed: " + strerror(errno));
     }
 }
 
@@ -69,37 +67,26 @@ void RestoreModes(const std::string& dir)
 TempDir::TempDir(const std::string& prefix)
 {
     std::string templ = "/tmp/" + prefix + "-XXXXXX";
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp failed: " + std::string(strerror(errno)));
-    }
-    m_path = buf.data();
+    Check(mkdtemp(&templ[0]) != nullptr, "mkdtemp");
+    m_path = templ;
 }
 
 TempDir::~TempDir()
 {
-    RestoreModes(m_path);
-    try {
-        Poco::File(m_path).remove(true);
-    } catch (...) {
-        std::string cmd = "rm -rf '" + m_path + "'";
-        if (std::system(cmd.c_str()) != 0) {
-            // left behind in /tmp
-        }
+    // Modes restored first: a test may leave a directory unreadable.
+    const std::string cmd = "chmod -R u+rwX '" + m_path + "' 2>/dev/null; rm -rf '" + m_path + "'";
+    if (std::system(cmd.c_str()) != 0) {
+        // left behind in /tmp
     }
 }
 
 std::string TempDir::Write(const std::string& rel, const std::string& content, mode_t mode)
 {
-    const std::string path = Join(rel);
-    MakeParents(path);
+    const std::string path = Prepare(Join(rel));
     {
         std::ofstream out(path, std::ios::binary | std::ios::trunc);
         out << content;
-        if (!out) {
-            throw std::runtime_error("cannot write " + path);
-        }
+        Check(static_cast<bool>(out), "writing " + path);
     }
     chmod(path.c_str(), mode);
     return path;
@@ -115,40 +102,29 @@ std::string TempDir::MkDir(const std::string& rel, mode_t mode)
 
 std::string TempDir::Symlink(const std::string& target, const std::string& rel)
 {
-    const std::string path = Join(rel);
-    MakeParents(path);
-    if (symlink(target.c_str(), path.c_str()) != 0) {
-        throw std::runtime_error("symlink failed: " + path);
-    }
+    const std::string path = Prepare(Join(rel));
+    Check(symlink(target.c_str(), path.c_str()) == 0, "symlink " + path);
     return path;
 }
 
 std::string TempDir::Fifo(const std::string& rel)
 {
-    const std::string path = Join(rel);
-    MakeParents(path);
-    if (mkfifo(path.c_str(), 0644) != 0) {
-        throw std::runtime_error("mkfifo failed: " + path);
-    }
+    const std::string path = Prepare(Join(rel));
+    Check(mkfifo(path.c_str(), 0644) == 0, "mkfifo " + path);
     return path;
 }
 
 std::string TempDir::Socket(const std::string& rel)
 {
-    const std::string path = Join(rel);
-    MakeParents(path);
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    const std::string path = Prepare(Join(rel));
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
-    if (fd < 0 || path.size() >= sizeof(addr.sun_path)) {
-        throw std::runtime_error("socket failed: " + path);
-    }
+    Check(path.size() < sizeof(addr.sun_path), "socket " + path);
     memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
-        close(fd);
-        throw std::runtime_error("bind failed: " + path);
-    }
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    const bool bound = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
     close(fd);  // the socket file stays
+    Check(bound, "bind " + path);
     return path;
 }
 
@@ -312,27 +288,21 @@ std::string MakeInstallTree(const TempDir& dir, const std::vector<std::string>& 
     Poco::File(root + "data/upload").createDirectories();
     chmod((root + "data/upload").c_str(), 0700);
     const std::string stage = StageDir();
-    auto link = [](const std::string& target, const std::string& at) {
-        if (symlink(target.c_str(), at.c_str()) != 0 && errno != EEXIST) {
-            throw std::runtime_error("symlink failed: " + at);
+    Check(symlink((stage + "/bin/ardent-agent").c_str(), (root + "bin/ardent-agent").c_str()) == 0,
+          "symlink " + root + "bin/ardent-agent");
+    for (const std::string sub : {"lib", "module", "share"}) {
+        if (!Poco::File(stage + "/" + sub).exists()) {
+            continue;
         }
-    };
-    link(stage + "/bin/ardent-agent", root + "bin/ardent-agent");
-    for (Poco::DirectoryIterator it(stage + "/lib"), end; it != end; ++it) {
-        link(it->path(), root + "lib/" + it.name());
-    }
-    for (Poco::DirectoryIterator it(stage + "/module"), end; it != end; ++it) {
-        bool wanted = modules.empty();
-        for (auto& m : modules) {
-            wanted = wanted || it.name() == m || it.name() == "lib" + m + "_module.so";
-        }
-        if (wanted) {
-            link(it->path(), root + "module/" + it.name());
-        }
-    }
-    if (Poco::File(stage + "/share").exists()) {
-        for (Poco::DirectoryIterator it(stage + "/share"), end; it != end; ++it) {
-            link(it->path(), root + "share/" + it.name());
+        for (Poco::DirectoryIterator it(stage + "/" + sub), end; it != end; ++it) {
+            bool wanted = sub != "module" || modules.empty();
+            for (auto& m : modules) {
+                wanted = wanted || it.name() == m || it.name() == "lib" + m + "_module.so";
+            }
+            if (wanted) {
+                Check(symlink(it->path().c_str(), (root + sub + "/" + it.name()).c_str()) == 0,
+                      "symlink " + root + sub + "/" + it.name());
+            }
         }
     }
     return root;
@@ -380,8 +350,7 @@ std::vector<std::shared_ptr<Framework::Message>> CaptureTask::Messages()
 
 size_t CaptureTask::Count()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_messages.size();
+    return Messages().size();
 }
 
 bool CaptureTask::WaitForCount(size_t n, int timeoutMs)
@@ -564,14 +533,5 @@ int AgentProcess::Stop(int sig, int timeoutMs)
     return Wait(timeoutMs);
 }
 
-std::string AgentProcess::Stdout() const
-{
-    return ReadFile(m_outPath);
-}
-
-std::string AgentProcess::Stderr() const
-{
-    return ReadFile(m_errPath);
-}
 
 }  // namespace TestSupport

@@ -184,8 +184,8 @@ public:
     int Wait(int timeoutMs = 60000);
     bool Running();
     pid_t Pid() const { return m_pid; }
-    std::string Stdout() const;
-    std::string Stderr() const;
+    std::string Stdout() const { return ReadFile(m_outPath); }
+    std::string Stderr() const { return ReadFile(m_errPath); }
 
 private:
     pid_t m_pid = -1;
