@@ -10,7 +10,7 @@
 #include <json/json.h>
 
 #include "RealServer.h"
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -18,18 +18,6 @@ using TestSupport::kShell;
 using TestSupport::kShellRules;
 using TestSupport::TempDir;
 using TestSupport::WaitFor;
-
-// The events of the sink whose first file is `path`.
-std::vector<Json::Value> EventsFor(const std::string& sink, const std::string& path)
-{
-    std::vector<Json::Value> out;
-    for (const auto& event : TestSupport::ReadEvents(sink)) {
-        if (event["file_info"].isArray() && event["file_info"][0]["file_path"].asString() == path) {
-            out.push_back(event);
-        }
-    }
-    return out;
-}
 
 // The assets `ctl status` lists.
 Json::Value Assets(const std::string& install)
@@ -62,7 +50,7 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     Json::Value policy = TestSupport::WebshellPolicy({}, rules);
     policy["content"]["default_scan_paths"].append(policyOnly);
     policy["content"]["monitor_file_change"] = true;
-    const std::string policyFile = dir.Write("policy.json", Json::FastWriter().write(policy));
+    const std::string policyFile = E2e::PolicyFile(dir, "policy.json", policy);
 
     const int port = AssetTest::FreePort();
     ASSERT_GT(port, 0);
@@ -109,11 +97,11 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!reported && std::chrono::steady_clock::now() < deadline) {
         dir.Write("www/site/shell.php", kShell);
-        reported = WaitFor([&] { return !EventsFor(events, shell).empty(); }, 1500);
+        reported = WaitFor([&] { return E2e::Reported(events).count(shell) == 1; }, 1500);
     }
     ASSERT_TRUE(reported) << "no event for " << shell << "\nevents:\n"
                           << TestSupport::ReadFile(events) << "\nagent stderr:\n" << agent.Stderr();
-    const Json::Value event = EventsFor(events, shell)[0];
+    const Json::Value event = TestSupport::ReadEvents(events)[0];
     EXPECT_EQ(event["event_name"].asString(), "webshell");
     EXPECT_EQ(event["detect_module"].asString(), "webshell_module");
     EXPECT_EQ(event["file_info"][0]["file_sha256"].asString(), TestSupport::Sha256Sum(shell));

@@ -18,7 +18,7 @@
 
 #include "FakeHost.h"
 #include "Namespaces.h"
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -59,7 +59,7 @@ std::string PolicyText(const std::vector<std::string>& paths, const std::string&
     }
     policy["content"]["monitor_file_change"] = true;
     policy["content"]["monitor_container"] = true;
-    return Json::FastWriter().write(policy);
+    return E2e::Text(policy);
 }
 
 class ContainerE2E : public ::testing::Test {

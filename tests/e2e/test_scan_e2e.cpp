@@ -16,7 +16,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 // After Poco: libyara defines macros that collide with Poco names.
 #include <yara.h>
@@ -27,32 +27,15 @@ using TestSupport::ReadFile;
 using TestSupport::TempDir;
 
 const char* const kRules = R"(
-rule test_certain_marker : certain extra_php
-{
-    strings:
-        $a = "CERTAIN_SHELL_MARKER"
-    condition:
-        $a
-}
-
-rule test_suspicious_marker
-{
-    strings:
-        $a = "SUSPICIOUS_MARKER"
-    condition:
-        $a
-}
+rule test_certain_marker : certain extra_php { strings: $a = "CERTAIN_SHELL_MARKER" condition: $a }
+rule test_suspicious_marker { strings: $a = "SUSPICIOUS_MARKER" condition: $a }
 )";
 
 const std::string kCertain = "<?php exit; /* CERTAIN_SHELL_MARKER */ ?>\n";
 const std::string kSuspicious = "<?php exit; /* SUSPICIOUS_MARKER */ ?>\n";
 const std::string kClean = "<?php echo 'hello'; ?>\n";
 
-struct Outcome {
-    int code = -1;
-    std::string out;
-    std::string err;
-};
+using E2e::Outcome;
 
 // Every line must be one complete JSON object on its own.
 std::vector<Json::Value> ParseLines(const std::string& text)
@@ -96,16 +79,7 @@ protected:
     {
         // Kept where these tests look for them (by default a scan keeps them outside the install tree).
         args.insert(args.begin(), {"scan", "--install-dir", m_install, "--upload-dir", m_install + "data/upload"});
-        TestSupport::AgentProcess agent;
-        Outcome result;
-        if (!agent.Start(args, workDir)) {
-            ADD_FAILURE() << "cannot start " << TestSupport::AgentBinary();
-            return result;
-        }
-        result.code = agent.Wait(120000);
-        result.out = agent.Stdout();
-        result.err = agent.Stderr();
-        return result;
+        return E2e::Run(args, workDir);
     }
 
     std::string Upload(const std::string& sha) const { return m_install + "data/upload/" + sha; }
@@ -159,6 +133,15 @@ TEST_F(ScanE2E, CertainFileIsAnEventSuspiciousFileIsKeptCleanFileIsNowhere)
         << r.err;
     EXPECT_NE(r.err.find("1 written to standard output"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("1 kept"), std::string::npos) << r.err;
+
+    // Other rules given later replace the installed library.
+    const std::string other = TestSupport::WriteRules(
+        m_dir, "other.yar", "rule s : certain { strings: $a = \"SUSPICIOUS_MARKER\" condition: $a }\n");
+    const Outcome again = Scan({"-q", "--rules", other, m_dir.Join("www")});
+    const auto now = ParseLines(again.out);
+    ASSERT_EQ(now.size(), 1u) << again.out;
+    EXPECT_EQ(now[0]["file_info"][0]["file_path"].asString(), odd);
+    EXPECT_EQ(ReadFile(m_install + "data/webshell/webshell.dat"), ReadFile(other));
 }
 
 TEST_F(ScanE2E, RelativePathsAreReportedFromTheRoot)
@@ -259,10 +242,9 @@ TEST_F(ScanE2E, QuietScanHelpAndVersion)
         {{"help", "nope"}, 2, "no help for unknown command 'nope'", ""},
     };
     for (const auto& c : cases) {
-        TestSupport::AgentProcess agent;
-        ASSERT_TRUE(agent.Start(c.args));
-        EXPECT_EQ(agent.Wait(30000), c.code) << c.args[0];
-        const std::string text = agent.Stdout() + agent.Stderr();
+        const Outcome r = E2e::Run(c.args);
+        EXPECT_EQ(r.code, c.code) << c.args[0];
+        const std::string text = r.out + r.err;
         EXPECT_NE(text.find(c.has), std::string::npos) << text;
         if (!c.hasNot.empty()) {
             EXPECT_EQ(text.find(c.hasNot), std::string::npos) << text;
@@ -466,27 +448,4 @@ TEST_F(ScanE2E, OnePassOverEachFileWhateverThePolicySaysAndPathsReplaceItsScanPa
     r = Scan({"--policy", policyFile, www});
     EXPECT_EQ(r.code, 2) << r.err;
     EXPECT_NE(r.err.find("file:///nonexistent"), std::string::npos) << r.err;
-}
-
-TEST_F(ScanE2E, NewRulesReplaceTheInstalledLibrary)
-{
-    m_dir.Write("www/a.php", "<?php exit; /* FIRST_MARKER */\n");
-    m_dir.Write("www/b.php", "<?php exit; /* SECOND_MARKER */\n");
-    const std::string first =
-        TestSupport::WriteRules(m_dir, "first.yar", "rule f : certain { strings: $a = \"FIRST_MARKER\" condition: $a }\n");
-    const std::string second =
-        TestSupport::WriteRules(m_dir, "second.yar", "rule s : certain { strings: $a = \"SECOND_MARKER\" condition: $a }\n");
-
-    Outcome r = Scan({"--rules", first, m_dir.Join("www")});
-    EXPECT_EQ(r.code, 1) << r.err;
-    auto events = ParseLines(r.out);
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), m_dir.Join("www/a.php"));
-
-    r = Scan({"--rules", second, m_dir.Join("www")});
-    EXPECT_EQ(r.code, 1) << r.err;
-    events = ParseLines(r.out);
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), m_dir.Join("www/b.php"));
-    EXPECT_EQ(ReadFile(m_install + "data/webshell/webshell.dat"), ReadFile(second));
 }

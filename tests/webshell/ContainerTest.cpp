@@ -59,82 +59,59 @@ protected:
 
 }  // namespace
 
-TEST_F(ContainerTest, CacheIndicesStartAtOneAndAreNeverReused)
+TEST_F(ContainerTest, CacheIndicesAreNeverReusedAndLookupIsAPrefixTestOnTheRoot)
 {
     Start();
-    auto a = Container("aaa", "alpha", true);
-    auto b = Container("bbb", "beta", true);
-    auto c = Container("ccc", "gamma", true);
-    Engine::ContainerCacheInfo ea;
-    static_cast<Engine::ContainerInfo&>(ea) = *a;
-    ea.scanPathList = {a->rootPath + "/var/www"};
-    Engine::ContainerCacheInfo eb;
-    static_cast<Engine::ContainerInfo&>(eb) = *b;
-    Engine::ContainerCacheInfo ec;
-    static_cast<Engine::ContainerInfo&>(ec) = *c;
-
-    ASSERT_TRUE(task->InsertContainerCache(ea));
-    EXPECT_EQ(ea.index, 1u);
-    ASSERT_TRUE(task->InsertContainerCache(eb));
-    EXPECT_EQ(eb.index, 2u);
+    auto entry = [](const std::string& id, const std::string& name, const std::string& root) {
+        Engine::ContainerCacheInfo e;
+        e.id = id;
+        e.name = name;
+        e.rootPath = root;
+        return e;
+    };
+    Engine::ContainerCacheInfo a = entry("aaa", "alpha", "/var/lib/a/merged");
+    Engine::ContainerCacheInfo b = entry("bbb", "beta", "");  // an empty root matches every file
+    ASSERT_TRUE(task->InsertContainerCache(a));
+    EXPECT_EQ(a.index, 1u);
+    ASSERT_TRUE(task->InsertContainerCache(b));
+    EXPECT_EQ(b.index, 2u);
 
     // The same id again: refused, nothing changes, the caller's index stays.
-    Engine::ContainerCacheInfo again = ea;
+    Engine::ContainerCacheInfo again = a;
     again.index = 77;
     again.name = "renamed";
     EXPECT_FALSE(task->InsertContainerCache(again));
     EXPECT_EQ(again.index, 77u);
-    Engine::ContainerCacheInfo stored;
-    ASSERT_TRUE(task->GetContainerCache("aaa", stored));
-    EXPECT_EQ(stored.name, "alpha");
-    EXPECT_EQ(stored.index, 1u);
-    task->DeleteContainerCache("aaa");
-    ASSERT_TRUE(task->InsertContainerCache(ec));
-    EXPECT_EQ(ec.index, 3u) << "indices are never reused";
-
-    task->DeleteContainerCache("zzz");
-    Engine::ContainerCacheInfo untouched;
-    untouched.name = "keep";
-    EXPECT_FALSE(task->GetContainerCache("zzz", untouched));
-    EXPECT_EQ(untouched.name, "keep");
-
-    // The deleted entry's index is gone too.
-    EXPECT_FALSE(task->GetContainerCacheFromIndex(a->rootPath + "/var/www/x.php", 1, untouched));
-    EXPECT_EQ(log.Count("WebshellTask not match cache index. index=1, path=" + a->rootPath + "/var/www/x.php",
-                        Poco::Message::PRIO_WARNING), 1u);
-    EXPECT_EQ(untouched.name, "keep");
-
-}
-
-TEST_F(ContainerTest, IndexLookupIsAPlainPrefixTestOnTheRootPath)
-{
-    Start();
-    Engine::ContainerCacheInfo entry;
-    entry.id = "c1";
-    entry.name = "one";
-    entry.rootPath = "/var/lib/c1/merged";
-    ASSERT_TRUE(task->InsertContainerCache(entry));
-
     Engine::ContainerCacheInfo out;
-    EXPECT_FALSE(task->GetContainerCacheFromIndex("/var/lib/c1/merged/x", 0, out)) << "index 0 is the host";
+    ASSERT_TRUE(task->GetContainerCache("aaa", out));
+    EXPECT_EQ(out.name, "alpha");
 
-    EXPECT_TRUE(task->GetContainerCacheFromIndex("/var/lib/c1/merged/var/www/a.php", entry.index, out));
-    EXPECT_EQ(out.id, "c1");
-    EXPECT_EQ(out.index, entry.index);
-    Engine::ContainerCacheInfo out2;
-    EXPECT_TRUE(task->GetContainerCacheFromIndex("/var/lib/c1/merged2/x", entry.index, out2)) << "no separator needed";
-    Engine::ContainerCacheInfo out3;
-    EXPECT_FALSE(task->GetContainerCacheFromIndex("/other/var/lib/c1/merged/x", entry.index, out3));
-    EXPECT_TRUE(out3.id.empty());
+    const struct {
+        const char* path;
+        unsigned long index;
+        const char* found;  // "" when the lookup fails
+    } lookups[] = {
+        {"/var/lib/a/merged/x", 0, ""},  // index 0 is the host
+        {"/var/lib/a/merged/var/www/a.php", 1, "aaa"},
+        {"/var/lib/a/merged2/x", 1, "aaa"},  // no separator needed
+        {"/other/var/lib/a/merged/x", 1, ""},
+        {"/anything", 2, "bbb"},
+    };
+    for (const auto& l : lookups) {
+        Engine::ContainerCacheInfo found;
+        EXPECT_EQ(task->GetContainerCacheFromIndex(l.path, l.index, found), *l.found != '\0') << l.path;
+        EXPECT_EQ(found.id, l.found) << l.path;
+    }
 
-    // An empty root path matches every file.
-    Engine::ContainerCacheInfo rootless;
-    rootless.id = "c2";
-    rootless.name = "two";
-    ASSERT_TRUE(task->InsertContainerCache(rootless));
-    Engine::ContainerCacheInfo out4;
-    EXPECT_TRUE(task->GetContainerCacheFromIndex("/anything", rootless.index, out4));
-    EXPECT_EQ(out4.name, "two");
+    // A deleted entry's index is gone and never handed out again.
+    task->DeleteContainerCache("aaa");
+    task->DeleteContainerCache("zzz");
+    EXPECT_FALSE(task->GetContainerCacheFromIndex("/var/lib/a/merged/x.php", 1, out));
+    EXPECT_EQ(log.Count("WebshellTask not match cache index. index=1, path=/var/lib/a/merged/x.php",
+                        Poco::Message::PRIO_WARNING), 1u);
+    Engine::ContainerCacheInfo c = entry("ccc", "gamma", "/var/lib/c");
+    ASSERT_TRUE(task->InsertContainerCache(c));
+    EXPECT_EQ(c.index, 3u);
 }
 
 TEST_F(ContainerTest, OnlyTheFileChangeTaskSubscribesAndEveryTaskUnsubscribes)
@@ -225,34 +202,19 @@ TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
     Engine::ContainerCacheInfo gone;
     EXPECT_FALSE(task->GetContainerCache("0123abcd", gone));
 
-    // A stop for something never cached.
+    // A stop for something never cached; a container without a web root,
+    // an empty root path, or no description at all: nothing cached or watched.
     Deliver(info, false);
-    EXPECT_TRUE(env.TakeWatches().empty());
-}
-
-TEST_F(ContainerTest, EventsThatChangeNothing)
-{
-    doc.defaultPaths.push_back(kHtml);
-    Start();
-
-    // No web root under the container: nothing cached, nothing watched.
     auto bare = Container("b4re", "bare", true);
     web.MkDir("bare/merged/etc");
     Deliver(bare);
-    EXPECT_TRUE(env.TakeWatches().empty());
-    bare->running = false;
-    Deliver(bare);
-
-    // An empty root path, or no description at all: ignored.
     auto rootless = Container("r00t", "rootless", true);
     rootless->rootPath.clear();
     EXPECT_EQ(Deliver(rootless), 0);
     EXPECT_EQ(Deliver(nullptr), 0);
     EXPECT_TRUE(env.TakeWatches().empty());
-    Engine::ContainerCacheInfo none;
-    EXPECT_FALSE(task->GetContainerCache("r00t", none));
-    EXPECT_FALSE(task->GetContainerCache("b4re", none));
-
+    EXPECT_FALSE(task->GetContainerCache("r00t", gone));
+    EXPECT_FALSE(task->GetContainerCache("b4re", gone));
 }
 
 TEST_F(ContainerTest, SwitchOffLeavesCachedContainersUntilUnInit)
