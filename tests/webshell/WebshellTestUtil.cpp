@@ -24,54 +24,12 @@ const char* const kFirstMark = "FIRST_MARK_04e7";
 const char* const kSecondMark = "SECOND_MARK_c9b5";
 
 const char* const kTestRules = R"(
-rule suspicious_mark
-{
-    strings:
-        $s = "SUSPICIOUS_MARK_7f3a"
-    condition:
-        $s
-}
-
-rule certain_mark : certain php
-{
-    strings:
-        $c = "CERTAIN_MARK_51c2"
-    condition:
-        $c
-}
-
-rule extra_then_certain : extra_php certain
-{
-    strings:
-        $e = "EXTRA_PHP_MARK_88d0"
-    condition:
-        $e
-}
-
-rule certainly_prefix : certainly
-{
-    strings:
-        $p = "CERTAINLY_MARK_2b61"
-    condition:
-        $p
-}
-
-rule private_only : certain
-{
-    strings:
-        $h = "PRIVATE_MARK_93ad" private
-    condition:
-        $h
-}
-
-rule two_strings : certain
-{
-    strings:
-        $a = "FIRST_MARK_04e7"
-        $b = "SECOND_MARK_c9b5"
-    condition:
-        all of them
-}
+rule suspicious_mark { strings: $s = "SUSPICIOUS_MARK_7f3a" condition: $s }
+rule certain_mark : certain php { strings: $c = "CERTAIN_MARK_51c2" condition: $c }
+rule extra_then_certain : extra_php certain { strings: $e = "EXTRA_PHP_MARK_88d0" condition: $e }
+rule certainly_prefix : certainly { strings: $p = "CERTAINLY_MARK_2b61" condition: $p }
+rule private_only : certain { strings: $h = "PRIVATE_MARK_93ad" private condition: $h }
+rule two_strings : certain { strings: $a = "FIRST_MARK_04e7" $b = "SECOND_MARK_c9b5" condition: all of them }
 )";
 
 // -------------------------------------------------------------------- Env
@@ -196,13 +154,12 @@ Json::Value PolicyDoc::ToJsonValue() const
     root["hash"] = "test";
     root["enabled"] = true;
     Json::Value& content = root["content"];
-    content["default_scan_paths"] = Json::Value(Json::arrayValue);
-    for (auto& p : defaultPaths) {
-        content["default_scan_paths"].append(p);
-    }
-    content["customize_scan_paths"] = Json::Value(Json::arrayValue);
-    for (auto& p : customPaths) {
-        content["customize_scan_paths"].append(p);
+    for (const auto& [key, paths] : {std::make_pair("default_scan_paths", &defaultPaths),
+                                     std::make_pair("customize_scan_paths", &customPaths)}) {
+        content[key] = Json::Value(Json::arrayValue);
+        for (auto& p : *paths) {
+            content[key].append(p);
+        }
     }
     content["lib_version"] = libVersion;
     content["lib_url"] = libUrl;
@@ -219,15 +176,9 @@ Json::Value PolicyDoc::ToJsonValue() const
     return root;
 }
 
-std::string PolicyDoc::ToJson() const
-{
-    return SDK::JsonUtils::JsonToString(ToJsonValue());
-}
+std::string PolicyDoc::ToJson() const { return SDK::JsonUtils::JsonToString(ToJsonValue()); }
 
-Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc)
-{
-    return MakePolicy(doc.ToJson());
-}
+Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc) { return MakePolicy(doc.ToJson()); }
 
 Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const std::string& json)
 {

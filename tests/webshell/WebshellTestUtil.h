@@ -29,7 +29,6 @@ public:
     {
         return TestSupport::LogCapture::Count(needle, atMost);
     }
-    bool Has(const std::string& needle, Poco::Message::Priority atMost) { return Count(needle, atMost) > 0; }
 };
 using LogRecord = TestSupport::LogCapture::Record;
 
