@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -37,30 +38,21 @@ const std::string kClean = "<?php echo 'hello'; ?>\n";
 
 using E2e::Outcome;
 
-// Every line must be one complete JSON object on its own.
+// Every line must be one complete JSON object on its own, ended by a line feed.
 std::vector<Json::Value> ParseLines(const std::string& text)
 {
     Json::CharReaderBuilder builder;
-    builder["strictRoot"] = true;
-    builder["failIfExtra"] = true;
-    builder["rejectDupKeys"] = true;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
     std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    EXPECT_TRUE(text.empty() || text.back() == '\n') << "last line has no line feed";
     std::vector<Json::Value> values;
-    size_t start = 0;
-    while (start < text.size()) {
-        size_t end = text.find('\n', start);
-        EXPECT_NE(end, std::string::npos) << "last line has no line feed";
-        if (end == std::string::npos) {
-            end = text.size();
-        }
-        const std::string line = text.substr(start, end - start);
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
         Json::Value value;
         std::string errors;
-        EXPECT_TRUE(reader->parse(line.data(), line.data() + line.size(), &value, &errors))
-            << "not one JSON document: " << line << " (" << errors << ")";
-        EXPECT_TRUE(value.isObject()) << line;
+        EXPECT_TRUE(reader->parse(line.data(), line.data() + line.size(), &value, &errors) && value.isObject())
+            << "not one JSON object: " << line << " (" << errors << ")";
         values.push_back(value);
-        start = end + 1;
     }
     return values;
 }

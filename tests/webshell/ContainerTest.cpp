@@ -117,20 +117,17 @@ TEST_F(ContainerTest, CacheIndicesAreNeverReusedAndLookupIsAPrefixTestOnTheRoot)
 TEST_F(ContainerTest, OnlyTheFileChangeTaskSubscribesAndEveryTaskUnsubscribes)
 {
     Start();
-
-    // Seen from the collector's side this time.
-    Poco::AutoPtr<Engine::DetectFileChangeWebshellTask> fileChange(new Engine::DetectFileChangeWebshellTask());
-    Poco::AutoPtr<Engine::AutoScanWebshellTask> periodic(new Engine::AutoScanWebshellTask());
-    Poco::AutoPtr<Engine::OnceScanWebshellTask> once(new Engine::OnceScanWebshellTask());
-    Poco::AutoPtr<Engine::DetectFileChangeWebshellTask> switchedOff(new Engine::DetectFileChangeWebshellTask());
-    Poco::AutoPtr<Engine::DetectFileChangeWebshellTask> noPolicy(new Engine::DetectFileChangeWebshellTask());
+    // The file-change task, a periodic and a once task with containers
+    // followed, a file-change task with containers off, one without policy.
     PolicyDoc off = doc;
     off.monitorContainer = false;
     Poco::AutoPtr<Engine::DetectWebshellPolicy> offPolicy = MakePolicy(off);
-    const std::vector<Engine::ScanWebshellTask*> tasks{fileChange.get(), periodic.get(), once.get(),
-                                                       switchedOff.get(), noPolicy.get()};
+    std::vector<Poco::AutoPtr<Engine::ScanWebshellTask>> tasks{
+        new Engine::DetectFileChangeWebshellTask(), new Engine::AutoScanWebshellTask(),
+        new Engine::OnceScanWebshellTask(), new Engine::DetectFileChangeWebshellTask(),
+        new Engine::DetectFileChangeWebshellTask()};
     for (size_t i = 0; i < tasks.size(); ++i) {
-        if (i < 4) {  // the last one has no policy
+        if (i < 4) {
             tasks[i]->SetFeaturePolicy(i < 3 ? policy.get() : offPolicy.get());
         }
         ASSERT_EQ(tasks[i]->Init(), 0);
@@ -138,28 +135,27 @@ TEST_F(ContainerTest, OnlyTheFileChangeTaskSubscribesAndEveryTaskUnsubscribes)
     env.Barrier(kContainerCollect);
     auto subscriptions = env.Sent<Engine::ContainerRegisterMessage>(kContainerCollect);
     ASSERT_EQ(subscriptions.size(), 1u);
-    EXPECT_EQ(subscriptions[0]->task, fileChange.get());
+    EXPECT_EQ(subscriptions[0]->task, tasks[0].get());
     EXPECT_TRUE(subscriptions[0]->subscribe);
     EXPECT_FALSE(subscriptions[0]->option);
 
+    // Every task unsubscribes from containers, and from asset kinds 0 then 4.
     env.ClearCaptures();
-    for (auto* t : tasks) {
+    for (auto& t : tasks) {
         t->UnInit();
     }
     env.Barrier(kContainerCollect);
     auto unsubscriptions = env.Sent<Engine::ContainerRegisterMessage>(kContainerCollect);
     ASSERT_EQ(unsubscriptions.size(), 5u);
     for (auto& m : unsubscriptions) {
-        EXPECT_FALSE(m->subscribe);
-        EXPECT_FALSE(m->option);
+        EXPECT_FALSE(m->subscribe || m->option);
     }
-    // Asset kinds 0 then 4 are unsubscribed by each.
     env.Barrier(kMsgSync);
     auto assets = env.Sent<Engine::AssetUnRegisterMessage>(kMsgSync);
     ASSERT_EQ(assets.size(), 10u);
     EXPECT_EQ(assets[0]->kind, 0u);
     EXPECT_EQ(assets[1]->kind, 4u);
-    EXPECT_EQ(assets[0]->task, fileChange.get());
+    EXPECT_EQ(assets[0]->task, tasks[0].get());
 }
 
 TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
