@@ -94,13 +94,16 @@ TEST_F(RulesTrustE2E, LibraryLargerThanTenMiBIsLoaded)
     EXPECT_TRUE(Reported(shell)) << r.err;
 }
 
-TEST_F(RulesTrustE2E, LibraryIsFetchedAndLoadedWhenThePolicyIsApplied)
+TEST_F(RulesTrustE2E, LibraryIsFetchedWhenAppliedAndABrokenUpdateLeavesItInForce)
 {
-    const std::string rules = m_dir.Write("rules/one.yar", kRules);
-    ASSERT_TRUE(Start(Policy("one.json", rules)));
-    // The periodic pass is a day away and nobody asked for one.
+    const std::string good = m_dir.Write("rules/good.yar", kRules);
+    const std::string bad = m_dir.Write("rules/bad.yar", "rule broken : certain { condition: }\n");
+    const std::string goodPolicy = Policy("good.json", good);
+    ASSERT_TRUE(Start(goodPolicy));
+    // Fetched and loaded when the policy is applied: the periodic pass is a
+    // day away and nobody asked for one.
     Json::Value loaded;
-    EXPECT_TRUE(WaitFor(
+    ASSERT_TRUE(WaitFor(
         [&] {
             loaded = Component("webshell.rules");
             return loaded["state"].asString() == "loaded";
@@ -108,18 +111,9 @@ TEST_F(RulesTrustE2E, LibraryIsFetchedAndLoadedWhenThePolicyIsApplied)
         30000, 100))
         << loaded << m_agent.Stderr();
     EXPECT_EQ(loaded["loaded_version"].asString(), "1");
-    EXPECT_EQ(loaded["loaded_hash"].asString(), TestSupport::Sha256Sum(rules));
+    EXPECT_EQ(loaded["loaded_hash"].asString(), TestSupport::Sha256Sum(good));
     EXPECT_TRUE(Component("webshell.last_pass").isNull());
     EXPECT_EQ(Health().count("webshell.rules"), 0u);
-}
-
-TEST_F(RulesTrustE2E, BrokenLibraryUpdateLeavesTheOldRulesInForce)
-{
-    const std::string good = m_dir.Write("rules/good.yar", kRules);
-    const std::string bad = m_dir.Write("rules/bad.yar", "rule broken : certain { condition: }\n");
-    const std::string goodPolicy = Policy("good.json", good);
-    m_dir.Write("install/data/webshell/webshell.dat", kRules);
-    ASSERT_TRUE(Start(goodPolicy));
     const std::string first = m_dir.Write("www/first.php", kShell);
     ScanNow();
     ASSERT_TRUE(Reported(first)) << m_agent.Stderr();
