@@ -132,7 +132,6 @@ TEST_F(ContainerTest, OnlyTheFileChangeTaskSubscribesAndEveryTaskUnsubscribes)
         }
         ASSERT_EQ(tasks[i]->Init(), 0);
     }
-    env.Barrier(kContainerCollect);
     auto subscriptions = env.Sent<Engine::ContainerRegisterMessage>(kContainerCollect);
     ASSERT_EQ(subscriptions.size(), 1u);
     EXPECT_EQ(subscriptions[0]->task, tasks[0].get());
@@ -144,13 +143,11 @@ TEST_F(ContainerTest, OnlyTheFileChangeTaskSubscribesAndEveryTaskUnsubscribes)
     for (auto& t : tasks) {
         t->UnInit();
     }
-    env.Barrier(kContainerCollect);
     auto unsubscriptions = env.Sent<Engine::ContainerRegisterMessage>(kContainerCollect);
     ASSERT_EQ(unsubscriptions.size(), 5u);
     for (auto& m : unsubscriptions) {
         EXPECT_FALSE(m->subscribe || m->option);
     }
-    env.Barrier(kMsgSync);
     auto assets = env.Sent<Engine::AssetUnRegisterMessage>(kMsgSync);
     ASSERT_EQ(assets.size(), 10u);
     EXPECT_EQ(assets[0]->kind, 0u);
@@ -274,13 +271,9 @@ TEST_F(ContainerTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
     ASSERT_EQ(once->Init(), 0);
     once->Run();
 
-    env.Barrier(kDataReport);
     std::map<std::string, Json::Value> byPath;
-    for (auto& m : env.Sent<Framework::DataMessage>(kDataReport)) {
-        Json::Value e = ParseJson(m->GetContent());
-        const std::string path = e["file_info"].isArray() ? e["file_info"][0]["file_path"].asString()
-                                                          : e["file_info"]["file_path"].asString();
-        byPath[path] = e;
+    for (auto& e : env.Events()) {
+        byPath[(e["file_info"].isArray() ? e["file_info"][0] : e["file_info"])["file_path"].asString()] = e;
     }
     ASSERT_EQ(byPath.size(), 2u);
     EXPECT_TRUE(byPath[hostShell]["file_info"].isArray());
@@ -302,11 +295,10 @@ TEST_F(ContainerTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
     third->SetFeaturePolicy(overlapPolicy.get());
     ASSERT_EQ(third->Init(), 0);
     third->Run();
-    env.Barrier(kDataReport);
-    auto events = env.Sent<Framework::DataMessage>(kDataReport);
+    auto events = env.Events();
     ASSERT_EQ(events.size(), 2u);
-    for (auto& m : events) {
-        EXPECT_TRUE(ParseJson(m->GetContent())["file_info"].isArray());
+    for (auto& e : events) {
+        EXPECT_TRUE(e["file_info"].isArray());
     }
 
     EXPECT_EQ(env.engine().UnRegisterTask("detect_file_change_wehshell_task"), 1);

@@ -44,7 +44,6 @@ TEST_F(ReportTest, HostFileEventCarriesEveryFieldAndTheFileDigest)
     task->ScanFromFile(shell, Engine::ContainerCacheInfo());
     const int64_t after = SDK::TimeUtils::GetCurrentTimestampS();
 
-    env.Barrier(kDataReport);
     auto messages = env.Sent<Framework::DataMessage>(kDataReport);
     ASSERT_EQ(messages.size(), 1u);
     EXPECT_EQ(messages[0]->GetDataType(), "2");

@@ -98,7 +98,6 @@ void Env::Barrier(const std::string& service)
 
 std::vector<Json::Value> Env::Events()
 {
-    Barrier(kDataReport);
     std::vector<Json::Value> out;
     for (auto& m : Sent<Framework::DataMessage>(kDataReport)) {
         EXPECT_EQ(m->GetDataType(), "2");
@@ -119,7 +118,6 @@ std::set<std::string> Env::EventPaths()
 
 std::set<std::string> Env::UploadPaths()
 {
-    Barrier(kFileReport);
     std::set<std::string> paths;
     for (auto& m : Sent<Framework::FileMessage>(kFileReport)) {
         if (m->GetTaskType() == Framework::FileMessage::UPLOAD) {
@@ -131,7 +129,6 @@ std::set<std::string> Env::UploadPaths()
 
 std::vector<std::shared_ptr<Engine::FileNotifyWatchMessage>> Env::TakeWatches()
 {
-    Barrier(kFileNotify);
     auto watches = Sent<Engine::FileNotifyWatchMessage>(kFileNotify);
     Capture(kFileNotify).Clear();
     return watches;

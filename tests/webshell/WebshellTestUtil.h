@@ -59,10 +59,11 @@ public:
     // Returns once every message sent to `service` before the call has
     // been handled by its capture task.
     void Barrier(const std::string& service);
-    // Messages of type T captured for `service` so far.
+    // Messages of type T sent to `service` so far (after a barrier).
     template <typename T>
     std::vector<std::shared_ptr<T>> Sent(const std::string& service)
     {
+        Barrier(service);
         return Capture(service).MessagesOf<T>();
     }
     void ClearCaptures();
