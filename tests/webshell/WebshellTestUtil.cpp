@@ -9,20 +9,6 @@
 
 namespace WebshellTest {
 
-const char* const kDataReport = "data_comm_report_task";
-const char* const kFileReport = "file_comm_report_task";
-const char* const kFileNotify = "filenotify_task";
-const char* const kMsgSync = "msg_sync_task";
-const char* const kContainerCollect = "container_collect_task";
-
-const char* const kCertainMark = "CERTAIN_MARK_51c2";
-const char* const kSuspiciousMark = "SUSPICIOUS_MARK_7f3a";
-const char* const kExtraPhpMark = "EXTRA_PHP_MARK_88d0";
-const char* const kCertainlyMark = "CERTAINLY_MARK_2b61";
-const char* const kPrivateMark = "PRIVATE_MARK_93ad";
-const char* const kFirstMark = "FIRST_MARK_04e7";
-const char* const kSecondMark = "SECOND_MARK_c9b5";
-
 const char* const kTestRules = R"(
 rule suspicious_mark { strings: $s = "SUSPICIOUS_MARK_7f3a" condition: $s }
 rule certain_mark : certain php { strings: $c = "CERTAIN_MARK_51c2" condition: $c }

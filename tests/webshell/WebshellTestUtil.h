@@ -33,11 +33,11 @@ public:
 using LogRecord = TestSupport::LogCapture::Record;
 
 // The five service names the module talks to.
-extern const char* const kDataReport;
-extern const char* const kFileReport;
-extern const char* const kFileNotify;
-extern const char* const kMsgSync;
-extern const char* const kContainerCollect;
+inline const char* const kDataReport = "data_comm_report_task";
+inline const char* const kFileReport = "file_comm_report_task";
+inline const char* const kFileNotify = "filenotify_task";
+inline const char* const kMsgSync = "msg_sync_task";
+inline const char* const kContainerCollect = "container_collect_task";
 
 // A real engine whose install dir is a temp tree, with capture tasks
 // registered under the service names.
@@ -111,13 +111,13 @@ using TestSupport::ParseJson;
 // Rules used across the tests. Marks are plain strings a test writes into
 // files; rule order matters (the first matching rule wins).
 extern const char* const kTestRules;
-extern const char* const kCertainMark;     // rule certain_mark, tag certain
-extern const char* const kSuspiciousMark;  // rule suspicious_mark, no certain tag
-extern const char* const kExtraPhpMark;    // rule extra_then_certain: tags extra_php certain
-extern const char* const kCertainlyMark;   // rule certainly_prefix: tag "certainly"
-extern const char* const kPrivateMark;     // rule private_only: certain, private string only
-extern const char* const kFirstMark;       // rule two_strings: certain, $a then $b
-extern const char* const kSecondMark;
+inline const char* const kCertainMark = "CERTAIN_MARK_51c2";      // rule certain_mark, tag certain
+inline const char* const kSuspiciousMark = "SUSPICIOUS_MARK_7f3a";  // rule suspicious_mark, no certain tag
+inline const char* const kExtraPhpMark = "EXTRA_PHP_MARK_88d0";    // rule extra_then_certain: tags extra_php certain
+inline const char* const kCertainlyMark = "CERTAINLY_MARK_2b61";   // rule certainly_prefix: tag "certainly"
+inline const char* const kPrivateMark = "PRIVATE_MARK_93ad";       // rule private_only: certain, private string only
+inline const char* const kFirstMark = "FIRST_MARK_04e7";           // rule two_strings: certain, $a then $b
+inline const char* const kSecondMark = "SECOND_MARK_c9b5";
 
 // One web-shell task under test with the engine, the module's log, a temp
 // web tree and a policy document (the test rules installed).
