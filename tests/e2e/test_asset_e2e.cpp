@@ -19,10 +19,16 @@ using TestSupport::kShellRules;
 using TestSupport::TempDir;
 using TestSupport::WaitFor;
 
-// The assets `ctl status` lists.
-Json::Value Assets(const std::string& install)
+// The asset of server process `pid` that `ctl status` lists, or null.
+Json::Value AssetOf(const std::string& install, int pid)
 {
-    return TestSupport::CtlStatus(install)["components"]["asset"]["assets"];
+    const Json::Value assets = E2e::Component(install, "asset")["assets"];
+    for (const auto& a : assets) {
+        if (a["pid"].asInt() == pid) {
+            return a;
+        }
+    }
+    return assets.isArray() ? Json::Value() : Json::Value(Json::objectValue);  // no answer is no proof of absence
 }
 
 }  // namespace
@@ -71,18 +77,8 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
 
     // `ctl status` lists the nginx asset with its root.
     Json::Value asset;
-    const bool listed = WaitFor(
-        [&] {
-            for (const auto& a : Assets(install)) {
-                if (a["pid"].asInt() == nginx.Pid()) {
-                    asset = a;
-                    return true;
-                }
-            }
-            return false;
-        },
-        30000, 250);
-    ASSERT_TRUE(listed) << "agent stderr:\n" << agent.Stderr();
+    ASSERT_TRUE(WaitFor([&] { return (asset = AssetOf(install, nginx.Pid())).isMember("server"); }, 30000, 250))
+        << "agent stderr:\n" << agent.Stderr();
     EXPECT_EQ(asset["server"].asString(), "nginx");
     EXPECT_EQ(asset["kind"].asInt(), 0);
     EXPECT_EQ(asset["configFile"].asString(), n + "/nginx.conf");
@@ -109,17 +105,7 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     // Stopping nginx removes its asset at the next round.
     const int pid = nginx.Pid();
     nginx.Stop();
-    EXPECT_TRUE(WaitFor(
-        [&] {
-            const Json::Value assets = Assets(install);
-            for (const auto& a : assets) {
-                if (a["pid"].asInt() == pid) {
-                    return false;
-                }
-            }
-            return assets.isArray();
-        },
-        30000, 250));
+    EXPECT_TRUE(WaitFor([&] { return AssetOf(install, pid).isNull(); }, 30000, 250));
 
     EXPECT_EQ(agent.Stop(), 0) << agent.Stderr();
 }
