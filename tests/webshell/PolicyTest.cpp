@@ -34,11 +34,7 @@ bool Parses(const Json::Value& doc, Poco::AutoPtr<Engine::DetectWebshellPolicy>*
     return ok;
 }
 
-bool ParsesText(const std::string& text)
-{
-    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy(new Engine::DetectWebshellPolicy("given_name"));
-    return policy->Parse(text);
-}
+bool ParsesText(const std::string& text) { return Poco::AutoPtr(new Engine::DetectWebshellPolicy("x"))->Parse(text); }
 
 const Engine::DetectWebshellTaskPolicy* ScheduleOf(const Engine::DetectWebshellPolicy& policy)
 {

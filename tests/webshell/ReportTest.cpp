@@ -141,13 +141,6 @@ TEST_F(ReportTest, SamePathWithinAMinuteIsReportedOnce)
     task->ScanFromFile(shell, Engine::ContainerCacheInfo());
     EXPECT_EQ(env.Events().size(), 1u);
 
-    // Keys are exact byte texts.
-    EXPECT_EQ(task->DiscardReplicateMsg(nullptr), 0);
-    for (const char* key : {"/srv/k.php", "/srv/K.php", "/srv/k.php/"}) {
-        EXPECT_EQ(task->DiscardReplicateMsg(key), 0) << key;
-    }
-    EXPECT_EQ(task->DiscardReplicateMsg("/srv/k.php"), 1);
-
     // Each task keeps its own history: another task reports the file too.
     Poco::AutoPtr<Engine::OnceScanWebshellTask> other(new Engine::OnceScanWebshellTask());
     other->SetFeaturePolicy(policy.get());

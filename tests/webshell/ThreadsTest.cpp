@@ -24,10 +24,9 @@ namespace {
 
 const std::string kHtml = "/ardent-test-www/html";
 
-std::string FilePathOf(const Json::Value& event)
+std::string FilePathOf(const Json::Value& e)
 {
-    return event["file_info"].isArray() ? event["file_info"][0]["file_path"].asString()
-                                        : event["file_info"]["file_path"].asString();
+    return (e["file_info"].isArray() ? e["file_info"][0] : e["file_info"])["file_path"].asString();
 }
 
 }  // namespace
