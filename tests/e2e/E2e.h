@@ -103,9 +103,6 @@ inline size_t Count(const std::string& text, const std::string& needle)
     return n;
 }
 
-inline std::string Log(const std::string& install)
-{
-    return TestSupport::FileExists(install + "log/agent.log") ? TestSupport::ReadFile(install + "log/agent.log") : "";
-}
+inline std::string Log(const std::string& install) { return TestSupport::ReadFile(install + "log/agent.log"); }
 
 }  // namespace E2e
