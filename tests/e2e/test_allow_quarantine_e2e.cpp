@@ -16,8 +16,6 @@
 #include <string>
 #include <vector>
 
-#include <Poco/File.h>
-#include <Poco/Path.h>
 #include <Poco/String.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -43,11 +41,8 @@ std::string Shell(const std::string& marker, const std::string& tag)
     return "<?php exit; /* " + marker + " " + tag + " */ ?>\n";
 }
 
-void WriteFile(const std::string& path, const std::string& content)
-{
-    Poco::File(Poco::Path(path).parent()).createDirectories();
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
+// Over what is there; the directory exists.
+void WriteFile(const std::string& path, const std::string& content) { std::ofstream(path, std::ios::trunc) << content; }
 
 int64_t Ns(const struct timespec& t)
 {
@@ -85,13 +80,12 @@ TEST(AllowQuarantineE2E, AllowListsFromPolicyAndFilesAndTheirChanges)
     policy["content"]["allow"]["sha256"].append(TestSupport::Sha256Sum(www + "/known.php"));
     policy["content"]["allow"]["rules"].append("allow_e2e_c");
     const std::string policyFile = E2e::PolicyFile(dir, "policy.json", policy);
-    const std::string list = install + "etc/allow.d/local.list";
-    WriteFile(list,
-              "# local exceptions\n"
-              "path:" + www + "/cache/*.php\n"
-              "sha256: " + Poco::toUpper(TestSupport::Sha256Sum(www + "/hashed.php")) + "\n"
-              "this line names no kind\n"
-              "rule:allow_e2e_odd\n");
+    const std::string list = dir.Write("install/etc/allow.d/local.list",
+                                       "# local exceptions\n"
+                                       "path:" + www + "/cache/*.php\n"
+                                       "sha256: " + Poco::toUpper(TestSupport::Sha256Sum(www + "/hashed.php")) + "\n"
+                                       "this line names no kind\n"
+                                       "rule:allow_e2e_odd\n");
 
     TestSupport::AgentProcess agent;
     ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policyFile, "--events", events,

@@ -152,6 +152,9 @@ Json::Value PolicyDoc::ToJsonValue() const
     content["file_type"] = fileType;
     content["max_file_size"] = maxFileSize;
     content["upload_file_count_per_day"] = uploadPerDay;
+    if (certainMinScore >= 0) {
+        content["certain_min_score"] = certainMinScore;
+    }
     Json::Value& condition = content["auto_scan_task"]["task_condition"];
     condition["type"] = "interval";
     condition["interval_s"] = intervalS;

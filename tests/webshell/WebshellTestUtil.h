@@ -93,6 +93,7 @@ struct PolicyDoc {
     std::string fileType = "php,jsp";
     int maxFileSize = 10485760;
     int uploadPerDay = 100;
+    int certainMinScore = -1;  // absent when negative
     // Far in the future, so a registered periodic task does not fire on
     // its own during a test.
     int intervalS = 86400;
