@@ -128,6 +128,7 @@ TEST_F(ScanE2E, CertainFileIsAnEventSuspiciousFileIsKeptCleanFileIsNowhere)
     const std::string other = TestSupport::WriteRules(
         m_dir, "other.yar", "rule s : certain { strings: $a = \"SUSPICIOUS_MARKER\" condition: $a }\n");
     const Outcome again = Scan({"-q", "--rules", other, m_dir.Join("www")});
+    EXPECT_EQ(again.err, "") << "-q leaves only the events";
     const auto now = ParseLines(again.out);
     ASSERT_EQ(now.size(), 1u) << again.out;
     EXPECT_EQ(now[0]["file_info"][0]["file_path"].asString(), odd);
@@ -174,19 +175,22 @@ TEST_F(ScanE2E, NothingCertainExitsZeroWithEmptyStdout)
     EXPECT_EQ(empty.out, "");
 }
 
-TEST_F(ScanE2E, ErrorsExitTwoWithAClearMessage)
+// Errors exit 2 with a clear message and nothing on stdout; help is per
+// command; --version says which.
+TEST_F(ScanE2E, ErrorsHelpAndVersion)
 {
     const std::string www = m_dir.MkDir("www");
     m_dir.Write("www/shell.php", kCertain);
     const std::string broken = m_dir.Write("broken.yar", "rule broken { condition: nonsense( }\n");
     const std::string notJson = m_dir.Write("bad.json", "{\"content\": ");
     const std::string incomplete = m_dir.Write(
-        "incomplete.json",
-        R"({"feature_name":"detect_webshell","content":{"customize_scan_paths":[]}})");
+        "incomplete.json", R"({"feature_name":"detect_webshell","content":{"customize_scan_paths":[]}})");
 
     struct Case {
-        std::vector<std::string> args;
-        std::string expected;
+        std::vector<std::string> args;  // of `scan` when they start with --rules or --policy
+        std::string has;
+        int code = 2;
+        std::string hasNot = "";
     };
     const std::vector<Case> cases = {
         {{"--rules", m_dir.Join("absent.yar"), www}, "absent.yar"},
@@ -197,47 +201,24 @@ TEST_F(ScanE2E, ErrorsExitTwoWithAClearMessage)
         {{"--rules", m_rules, m_dir.Join("nowhere")}, "does not exist"},
         {{"--rules", m_rules, "/dev/null"}, "is neither a directory nor a regular file"},
         {{"--rules", m_rules, "--bogus", www}, "unknown option"},
-        {{"--rules", m_rules, "--events", m_dir.Join("no/dir/events.jsonl"), www},
-         "cannot write events to"},
+        {{"--rules", m_rules, "--events", m_dir.Join("no/dir/events.jsonl"), www}, "cannot write events to"},
         {{"--rules", m_rules, "--events", "/dev/full", www}, "events could not be written: /dev/full"},
+        {{"--version"}, "ardent-agent 0.", 0, "usage"},
+        {{"help", "scan"}, "--quiet", 0, "check-policy F"},
+        {{"ctl", "--help"}, "scan-now", 0, "--quiet"},
+        {{"help"}, "check-policy F", 0},
+        {{"help", "nope"}, "no help for unknown command 'nope'"},
     };
     for (const auto& c : cases) {
-        const Outcome r = Scan(c.args);
-        EXPECT_EQ(r.code, 2) << c.expected << "\n" << r.err;
-        EXPECT_EQ(r.out, "") << c.expected;
-        EXPECT_NE(r.err.find(c.expected), std::string::npos) << r.err;
-    }
-}
-
-// -q leaves only the events; help is per command; --version says which.
-TEST_F(ScanE2E, QuietScanHelpAndVersion)
-{
-    m_dir.Write("www/shell.php", kCertain);
-    const Outcome quiet = Scan({"-q", "--rules", m_rules, m_dir.Join("www")});
-    EXPECT_EQ(quiet.code, 1) << quiet.err;
-    EXPECT_EQ(ParseLines(quiet.out).size(), 1u) << quiet.out;
-    EXPECT_EQ(quiet.err, "");
-
-    struct Case {
-        std::vector<std::string> args;
-        int code;
-        std::string has;
-        std::string hasNot;
-    };
-    const std::vector<Case> cases = {
-        {{"--version"}, 0, "ardent-agent 0.", "usage"},
-        {{"help", "scan"}, 0, "--quiet", "check-policy F"},
-        {{"ctl", "--help"}, 0, "scan-now", "--quiet"},
-        {{"help"}, 0, "check-policy F", ""},
-        {{"help", "nope"}, 2, "no help for unknown command 'nope'", ""},
-    };
-    for (const auto& c : cases) {
-        const Outcome r = E2e::Run(c.args);
-        EXPECT_EQ(r.code, c.code) << c.args[0];
-        const std::string text = r.out + r.err;
-        EXPECT_NE(text.find(c.has), std::string::npos) << text;
+        const bool scan = c.args[0] == "--rules" || c.args[0] == "--policy";
+        const Outcome r = scan ? Scan(c.args) : E2e::Run(c.args);
+        EXPECT_EQ(r.code, c.code) << c.has << "\n" << r.err;
+        EXPECT_NE((r.out + r.err).find(c.has), std::string::npos) << r.out << r.err;
         if (!c.hasNot.empty()) {
-            EXPECT_EQ(text.find(c.hasNot), std::string::npos) << text;
+            EXPECT_EQ((r.out + r.err).find(c.hasNot), std::string::npos) << r.out << r.err;
+        }
+        if (scan) {
+            EXPECT_EQ(r.out, "") << c.has;
         }
     }
 }
