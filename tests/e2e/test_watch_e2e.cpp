@@ -1,8 +1,8 @@
 // Real-time detection end to end: the real `ardent-agent run` with
-// "monitor_file_change" on reports web shells written into a watched root,
-// into a new nested directory of it and inside a directory moved into it,
-// each once; a policy change moves the watch from one root to another; the
-// watch follows rules that arrive after the start.
+// "monitor_file_change" on holds its watch once rules arrive after the
+// start, reports web shells written into a watched root, into a new nested
+// directory of it and inside a directory moved into it, each once; a policy
+// change moves the watch from one root to another.
 
 #include <sys/stat.h>
 
@@ -58,17 +58,24 @@ TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
     const std::string root2 = dir.MkDir("www2");
     const std::string hostRoot = dir.MkDir("host");  // no web servers to discover
     const std::string events = dir.Join("events.jsonl");
-    const std::string policy = dir.Write("policy.json", PolicyText(root1, rules));
-
-    // The rule library is in place before the start, so the first watch
-    // registration does not wait for its download.
-    dir.Write("install/data/webshell/webshell.dat", kShellRules);
-
+    // A library that cannot be fetched yet: no watch can be held without
+    // rules. Once `ctl policy` names one that can be, the file-change task
+    // holds the watch, without a reload.
+    Json::Value missing = TestSupport::WebshellPolicy({root1}, rules);
+    missing["content"]["monitor_file_change"] = true;
+    missing["content"]["lib_url"] = "file://" + dir.Join("rules/not-yet.yar");
     TestSupport::AgentProcess agent;
-    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policy, "--events", events,
-                             "--host-root", hostRoot}));
-    ASSERT_TRUE(WaitFor([&] { return WatchedRoots(install).count(root1) == 1; }, 30000, 100))
+    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", E2e::PolicyFile(dir, "policy.json", missing),
+                             "--events", events, "--host-root", hostRoot}));
+    ASSERT_TRUE(WaitFor([&] { return TestSupport::CtlStatus(install)["verdict"].asString() == "failing"; }, 30000,
+                        100))
         << agent.Stderr();
+    EXPECT_EQ(WatchedRoots(install).count(root1), 0u);
+    std::string out;
+    ASSERT_EQ(0, E2e::Ctl(install, "policy '" + dir.Write("policy-good.json", PolicyText(root1, rules)) + "'", &out))
+        << out;
+    ASSERT_TRUE(WaitFor([&] { return WatchedRoots(install).count(root1) == 1; }, 30000, 100))
+        << "watches: " << Registrations(install) << "\nagent stderr:\n" << agent.Stderr();
 
     // 1. A shell written into the root, and a clean file beside it.
     const std::string direct = dir.Write("www1/direct.php", kShell);
@@ -124,43 +131,6 @@ TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
     reported = Reported(events);
     EXPECT_EQ(0u, reported.count(stale));
     EXPECT_EQ(0u, reported.count(staleNested));
-
-    EXPECT_EQ(0, agent.Stop(15, 20000)) << agent.Stderr();
-}
-
-// A fresh install whose library cannot be fetched yet: no watch can be held
-// without rules. Once `ctl policy` names a library that can be fetched, the
-// file-change task holds the watch and a shell written afterwards is
-// reported, without a reload.
-TEST(WatchE2E, WatchesFollowTheRulesWhenTheyArriveAfterTheStart)
-{
-    TempDir dir("e2e-watch-late");
-    const std::string install = TestSupport::MakeInstallTree(dir);
-    const std::string rules = dir.Write("rules/webshell.yar", kShellRules);
-    const std::string root = dir.MkDir("www");
-    const std::string hostRoot = dir.MkDir("host");
-    const std::string events = dir.Join("events.jsonl");
-    Json::Value missing = TestSupport::WebshellPolicy({root}, rules);
-    missing["content"]["monitor_file_change"] = true;
-    missing["content"]["lib_url"] = "file://" + dir.Join("rules/not-yet.yar");
-    const std::string policy = E2e::PolicyFile(dir, "policy.json", missing);
-
-    TestSupport::AgentProcess agent;
-    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policy, "--events", events,
-                             "--host-root", hostRoot}));
-    ASSERT_TRUE(WaitFor([&] { return TestSupport::CtlStatus(install)["verdict"].asString() == "failing"; }, 30000,
-                        100))
-        << agent.Stderr();
-    EXPECT_EQ(WatchedRoots(install).count(root), 0u);
-
-    const std::string good = dir.Write("policy-good.json", PolicyText(root, rules));
-    std::string out;
-    ASSERT_EQ(0, E2e::Ctl(install, "policy '" + good + "'", &out)) << out;
-    ASSERT_TRUE(WaitFor([&] { return WatchedRoots(install).count(root) == 1; }, 30000, 100))
-        << "watches: " << Registrations(install) << "\nagent stderr:\n" << agent.Stderr();
-    const std::string shell = dir.Write("www/late.php", kShell);
-    EXPECT_TRUE(WaitFor([&] { return Reported(events).count(shell) == 1; }, 20000))
-        << "watches: " << Registrations(install) << "\nevents:\n" << TestSupport::ReadFile(events);
 
     EXPECT_EQ(0, agent.Stop(15, 20000)) << agent.Stderr();
 }
