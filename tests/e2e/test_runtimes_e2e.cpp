@@ -193,30 +193,20 @@ protected:
     Json::Value Component(const std::string& key) { return E2e::Component(m_install, key); }
 
     // The containers of this test in the agent's status (it follows the
-    // whole host): those whose root is in our directory.
-    Json::Value Ours()
+    // whole host): those whose root is in our directory, or the one named `name`.
+    Json::Value Ours(const std::string& name = "")
     {
         Json::Value ours(Json::arrayValue);
         const Json::Value containers = Component("container")["containers"];
         for (const auto& c : containers) {
-            if (c["rootPath"].asString().compare(0, m_dir.Path().size(), m_dir.Path()) == 0) {
+            if (name.empty() ? c["rootPath"].asString().rfind(m_dir.Path(), 0) == 0 : c["name"].asString() == name) {
                 ours.append(c);
             }
         }
         return ours;
     }
-
     // The container `name` in the agent's status, or null.
-    Json::Value Listed(const std::string& name)
-    {
-        const Json::Value containers = Component("container")["containers"];
-        for (const auto& c : containers) {
-            if (c["name"].asString() == name) {
-                return c;
-            }
-        }
-        return Json::Value();
-    }
+    Json::Value Listed(const std::string& name) { return Ours(name)[0]; }
 
     // Events for the file at `path` inside container `name`.
     std::vector<Json::Value> Reported(const std::string& name, const std::string& path)

@@ -86,13 +86,6 @@ TEST_F(WatchTest, WatchesFollowThePolicyOneRequestPerChangeInPathOrder)
     EXPECT_TRUE(env.TakeWatches().empty());
     EXPECT_EQ(task->GetMonitorDirs(), (std::set<std::string>{b, c}));
 
-    // The diff itself, on an empty scan set, removes everything and keeps a
-    // key already in the caller's map.
-    std::map<std::string, std::string> changes{{b, "keep"}};
-    task->UpdateMonitorDirChange(changes);
-    EXPECT_EQ(changes, (std::map<std::string, std::string>{{b, "keep"}, {c, "delete"}}));
-    EXPECT_TRUE(task->GetMonitorDirs().empty());
-
     // Any operation but "add" is a removal.
     task->SendFileNotifyWatchMessage("/srv/x", "Add", 7);
     task->SendFileNotifyWatchMessage("/srv/y", "add", 9);
