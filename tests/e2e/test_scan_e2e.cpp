@@ -81,7 +81,7 @@ protected:
 
 }  // namespace
 
-TEST_F(ScanE2E, CertainFileIsAnEventSuspiciousFileIsKeptCleanFileIsNowhere)
+TEST_F(ScanE2E, CertainFileIsAnEventSuspiciousFileIsKeptCleanFileIsNowhereNothingCertainExitsZero)
 {
     const std::string shell = m_dir.Write("www/shell.php", kCertain);
     const std::string odd = m_dir.Write("www/sub/odd.php", kSuspicious);
@@ -133,6 +133,26 @@ TEST_F(ScanE2E, CertainFileIsAnEventSuspiciousFileIsKeptCleanFileIsNowhere)
     ASSERT_EQ(now.size(), 1u) << again.out;
     EXPECT_EQ(now[0]["file_info"][0]["file_path"].asString(), odd);
     EXPECT_EQ(ReadFile(m_install + "data/webshell/webshell.dat"), ReadFile(other));
+
+    // Nothing certain: exit 0, nothing on stdout. A link planted at
+    // data/upload is never followed: its target keeps its mode and gets nothing.
+    m_dir.Write("calm/a.php", kSuspicious + "// calm\n");
+    m_dir.Write("calm/b.php", kClean);
+    const std::string elsewhere = m_dir.MkDir("elsewhere", 0755);
+    ASSERT_EQ(0, TestSupport::RunCommand("rm -rf '" + m_install + "data/upload' && ln -s '" + elsewhere + "' '" +
+                                         m_install + "data/upload'"));
+    for (const std::string& dir : {m_dir.Join("calm"), m_dir.MkDir("empty")}) {
+        const Outcome calm = Scan({"--rules", m_rules, dir});
+        EXPECT_EQ(calm.code, 0) << calm.err;
+        EXPECT_EQ(calm.out, "");
+        EXPECT_NE(calm.err.find(dir == m_dir.Join("calm") ? "0 certain, 1 suspicious" : "0 files seen"),
+                  std::string::npos)
+            << calm.err;
+    }
+    EXPECT_EQ(ModeOf(elsewhere), 0755u);
+    std::vector<std::string> planted;
+    Poco::File(elsewhere).list(planted);
+    EXPECT_TRUE(planted.empty());
 }
 
 TEST_F(ScanE2E, RelativePathsAreReportedFromTheRoot)
@@ -150,29 +170,6 @@ TEST_F(ScanE2E, RelativePathsAreReportedFromTheRoot)
         ASSERT_EQ(events.size(), 1u) << typed << "\n" << r.out;
         EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), shell) << typed;
     }
-}
-
-TEST_F(ScanE2E, NothingCertainExitsZeroWithEmptyStdout)
-{
-    m_dir.Write("www/a.php", kSuspicious);
-    m_dir.Write("www/b.php", kClean);
-    // A link planted at data/upload is never followed: its target keeps its
-    // mode and gets nothing.
-    const std::string elsewhere = m_dir.MkDir("elsewhere", 0755);
-    ASSERT_EQ(0, TestSupport::RunCommand("rm -rf '" + m_install + "data/upload' && ln -s '" +
-                                         elsewhere + "' '" + m_install + "data/upload'"));
-    const Outcome r = Scan({"--rules", m_rules, m_dir.Join("www")});
-    EXPECT_EQ(r.code, 0) << r.err;
-    EXPECT_EQ(r.out, "");
-    EXPECT_NE(r.err.find("0 certain, 1 suspicious"), std::string::npos) << r.err;
-    EXPECT_EQ(ModeOf(elsewhere), 0755u);
-    std::vector<std::string> planted;
-    Poco::File(elsewhere).list(planted);
-    EXPECT_TRUE(planted.empty());
-
-    const Outcome empty = Scan({"--rules", m_rules, m_dir.MkDir("empty")});
-    EXPECT_EQ(empty.code, 0) << empty.err;
-    EXPECT_EQ(empty.out, "");
 }
 
 // Errors exit 2 with a clear message and nothing on stdout; help is per

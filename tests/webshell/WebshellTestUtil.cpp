@@ -27,7 +27,7 @@ Env::Env() : m_engine(new TestSupport::TestEngine())
         if (engine().RegisterTask(task.get(), nullptr) != 0) {
             throw std::runtime_error(std::string("cannot register capture task ") + name);
         }
-        m_captures.emplace_back(name, task);
+        m_captures.emplace(name, task);
     }
 }
 
@@ -41,15 +41,7 @@ Env::~Env()
     m_engine.reset();
 }
 
-TestSupport::CaptureTask& Env::Capture(const std::string& service)
-{
-    for (auto& entry : m_captures) {
-        if (entry.first == service) {
-            return *entry.second;
-        }
-    }
-    throw std::runtime_error("no capture task " + service);
-}
+TestSupport::CaptureTask& Env::Capture(const std::string& service) { return *m_captures.at(service); }
 
 std::string Env::InstallRules(const std::string& source, bool compiled)
 {

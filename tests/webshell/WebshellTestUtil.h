@@ -4,6 +4,7 @@
 // documents, and the one fixture for a task under test.
 
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -78,7 +79,7 @@ public:
 
 private:
     std::unique_ptr<TestSupport::TestEngine> m_engine;
-    std::vector<std::pair<std::string, Poco::AutoPtr<TestSupport::CaptureTask>>> m_captures;
+    std::map<std::string, Poco::AutoPtr<TestSupport::CaptureTask>> m_captures;
 };
 
 // A policy document with sensible defaults; tests change what they need.
