@@ -16,13 +16,11 @@
 #include <string>
 #include <vector>
 
-#include <Poco/File.h>
-#include <Poco/Path.h>
 #include <Poco/String.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -43,11 +41,8 @@ std::string Shell(const std::string& marker, const std::string& tag)
     return "<?php exit; /* " + marker + " " + tag + " */ ?>\n";
 }
 
-void WriteFile(const std::string& path, const std::string& content)
-{
-    Poco::File(Poco::Path(path).parent()).createDirectories();
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
+// Over what is there; the directory exists.
+void WriteFile(const std::string& path, const std::string& content) { std::ofstream(path, std::ios::trunc) << content; }
 
 int64_t Ns(const struct timespec& t)
 {
@@ -84,68 +79,42 @@ TEST(AllowQuarantineE2E, AllowListsFromPolicyAndFilesAndTheirChanges)
     policy["content"]["allow"]["paths"].append(www + "/vendor/**");
     policy["content"]["allow"]["sha256"].append(TestSupport::Sha256Sum(www + "/known.php"));
     policy["content"]["allow"]["rules"].append("allow_e2e_c");
-    const std::string policyFile = dir.Write("policy.json", Json::FastWriter().write(policy));
-    const std::string list = install + "etc/allow.d/local.list";
-    WriteFile(list,
-              "# local exceptions\n"
-              "path:" + www + "/cache/*.php\n"
-              "sha256: " + Poco::toUpper(TestSupport::Sha256Sum(www + "/hashed.php")) + "\n"
-              "this line names no kind\n"
-              "rule:allow_e2e_odd\n");
+    const std::string policyFile = E2e::PolicyFile(dir, "policy.json", policy);
+    const std::string list = dir.Write("install/etc/allow.d/local.list",
+                                       "# local exceptions\n"
+                                       "path:" + www + "/cache/*.php\n"
+                                       "sha256: " + Poco::toUpper(TestSupport::Sha256Sum(www + "/hashed.php")) + "\n"
+                                       "this line names no kind\n"
+                                       "rule:allow_e2e_odd\n");
 
-    const std::string bin = TestSupport::AgentBinary();
     TestSupport::AgentProcess agent;
     ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policyFile, "--events", events,
                              "--host-root", dir.MkDir("host")}));
     ASSERT_TRUE(WaitFor([&] { return TestSupport::CtlStatus(install)["policies"].isMember("10001"); }, 30000, 100))
         << agent.Stderr();
-    auto scanNow = [&]() {
-        const auto before = TestSupport::CtlStatus(install)["components"]["webshell.last_pass"]["pass_id"].asUInt64();
-        EXPECT_EQ(0, TestSupport::RunCommand(bin + " ctl scan-now --install-dir " + install + " >/dev/null 2>&1"));
-        Json::Value status;
-        EXPECT_TRUE(WaitFor(
-            [&] {
-                status = TestSupport::CtlStatus(install);
-                const Json::Value& pass = status["components"]["webshell.last_pass"];
-                return pass["pass_id"].asUInt64() > before && pass["state"].asString() == "finished";
-            },
-            60000, 100))
-            << agent.Stderr();
-        return status;
-    };
-    auto raised = [](const Json::Value& status) {
-        return Json::FastWriter().write(status["health"]).find("\"webshell.allow_list\"") != std::string::npos;
-    };
-
-    Json::Value status = scanNow();
-    Json::Value pass = status["components"]["webshell.last_pass"];
+    Json::Value pass = E2e::ScanNow(install);
     EXPECT_EQ(pass["allowed"].asUInt64(), 6u) << pass;
     EXPECT_EQ(pass["certain"].asUInt64(), 2u) << pass;
     EXPECT_EQ(pass["uncertain"].asUInt64(), 0u) << pass;
     EXPECT_EQ(pass["uploads"].asUInt64(), 0u) << pass;
-    std::set<std::string> reported;
-    for (const auto& event : TestSupport::ReadEvents(events)) {
-        reported.insert(event["file_info"][0]["file_path"].asString());
-    }
-    EXPECT_EQ(reported, (std::set<std::string>{www + "/cache/deep/y.php", www + "/report.php"}));
-    EXPECT_EQ(status["components"]["webshell.allow_list"]["allowed"].asUInt64(), 6u);
-    EXPECT_TRUE(raised(status)) << status["health"];
-    const std::string log = ReadFile(install + "log/agent.log");
+    EXPECT_EQ(E2e::Reported(events), (std::map<std::string, int>{{www + "/cache/deep/y.php", 1}, {www + "/report.php", 1}}));
+    EXPECT_EQ(E2e::Component(install, "webshell.allow_list")["allowed"].asUInt64(), 6u);
+    EXPECT_EQ(E2e::Health(install).count("webshell.allow_list"), 1u);
+    const std::string log = E2e::Log(install);
     EXPECT_NE(log.find(list + ":4: no path:, sha256: or rule: before the entry; line skipped"), std::string::npos)
         << log;
 
     // The odd file loses its entry, y.php gains one, the bad line goes.
     WriteFile(list, "path:" + www + "/cache/*.php\npath:" + www + "/**/y.php\nsha256:" +
                         TestSupport::Sha256Sum(www + "/hashed.php") + "\n");
-    status = scanNow();
-    pass = status["components"]["webshell.last_pass"];
+    pass = E2e::ScanNow(install);
     EXPECT_EQ(pass["allowed"].asUInt64(), 6u) << pass;
     EXPECT_EQ(pass["certain"].asUInt64(), 1u) << pass;  // report.php (repeated, not reported again)
     EXPECT_EQ(pass["uncertain"].asUInt64(), 1u) << pass;
     EXPECT_TRUE(WaitFor([&] { return FileExists(install + "data/upload/" + TestSupport::Sha256Sum(www + "/odd.php")); }))
         << agent.Stderr();
-    EXPECT_FALSE(raised(status)) << status["health"];
-    EXPECT_EQ(status["components"]["webshell.allow_list"]["allowed"].asUInt64(), 12u);
+    EXPECT_EQ(E2e::Health(install).count("webshell.allow_list"), 0u);
+    EXPECT_EQ(E2e::Component(install, "webshell.allow_list")["allowed"].asUInt64(), 12u);
     EXPECT_EQ(0, agent.Stop());
 }
 
@@ -185,7 +154,7 @@ TEST(AllowQuarantineE2E, QuarantineAndRestoreRoundTrip)
     const std::string link = dir.Symlink(outside, "www/link.php");
     Json::Value policy = TestSupport::WebshellPolicy({www, shm}, rules);
     policy["content"]["quarantine_certain"] = true;
-    const std::string policyFile = dir.Write("policy.json", Json::FastWriter().write(policy));
+    const std::string policyFile = E2e::PolicyFile(dir, "policy.json", policy);
 
     const std::string bin = TestSupport::AgentBinary();
     std::string out;

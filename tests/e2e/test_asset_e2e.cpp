@@ -10,7 +10,7 @@
 #include <json/json.h>
 
 #include "RealServer.h"
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -19,22 +19,16 @@ using TestSupport::kShellRules;
 using TestSupport::TempDir;
 using TestSupport::WaitFor;
 
-// The events of the sink whose first file is `path`.
-std::vector<Json::Value> EventsFor(const std::string& sink, const std::string& path)
+// The asset of server process `pid` that `ctl status` lists, or null.
+Json::Value AssetOf(const std::string& install, int pid)
 {
-    std::vector<Json::Value> out;
-    for (const auto& event : TestSupport::ReadEvents(sink)) {
-        if (event["file_info"].isArray() && event["file_info"][0]["file_path"].asString() == path) {
-            out.push_back(event);
+    const Json::Value assets = E2e::Component(install, "asset")["assets"];
+    for (const auto& a : assets) {
+        if (a["pid"].asInt() == pid) {
+            return a;
         }
     }
-    return out;
-}
-
-// The assets `ctl status` lists.
-Json::Value Assets(const std::string& install)
-{
-    return TestSupport::CtlStatus(install)["components"]["asset"]["assets"];
+    return assets.isArray() ? Json::Value() : Json::Value(Json::objectValue);  // no answer is no proof of absence
 }
 
 }  // namespace
@@ -62,7 +56,7 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     Json::Value policy = TestSupport::WebshellPolicy({}, rules);
     policy["content"]["default_scan_paths"].append(policyOnly);
     policy["content"]["monitor_file_change"] = true;
-    const std::string policyFile = dir.Write("policy.json", Json::FastWriter().write(policy));
+    const std::string policyFile = E2e::PolicyFile(dir, "policy.json", policy);
 
     const int port = AssetTest::FreePort();
     ASSERT_GT(port, 0);
@@ -83,18 +77,8 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
 
     // `ctl status` lists the nginx asset with its root.
     Json::Value asset;
-    const bool listed = WaitFor(
-        [&] {
-            for (const auto& a : Assets(install)) {
-                if (a["pid"].asInt() == nginx.Pid()) {
-                    asset = a;
-                    return true;
-                }
-            }
-            return false;
-        },
-        30000, 250);
-    ASSERT_TRUE(listed) << "agent stderr:\n" << agent.Stderr();
+    ASSERT_TRUE(WaitFor([&] { return (asset = AssetOf(install, nginx.Pid())).isMember("server"); }, 30000, 250))
+        << "agent stderr:\n" << agent.Stderr();
     EXPECT_EQ(asset["server"].asString(), "nginx");
     EXPECT_EQ(asset["kind"].asInt(), 0);
     EXPECT_EQ(asset["configFile"].asString(), n + "/nginx.conf");
@@ -109,11 +93,11 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!reported && std::chrono::steady_clock::now() < deadline) {
         dir.Write("www/site/shell.php", kShell);
-        reported = WaitFor([&] { return !EventsFor(events, shell).empty(); }, 1500);
+        reported = WaitFor([&] { return E2e::Reported(events).count(shell) == 1; }, 1500);
     }
     ASSERT_TRUE(reported) << "no event for " << shell << "\nevents:\n"
                           << TestSupport::ReadFile(events) << "\nagent stderr:\n" << agent.Stderr();
-    const Json::Value event = EventsFor(events, shell)[0];
+    const Json::Value event = TestSupport::ReadEvents(events)[0];
     EXPECT_EQ(event["event_name"].asString(), "webshell");
     EXPECT_EQ(event["detect_module"].asString(), "webshell_module");
     EXPECT_EQ(event["file_info"][0]["file_sha256"].asString(), TestSupport::Sha256Sum(shell));
@@ -121,17 +105,7 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     // Stopping nginx removes its asset at the next round.
     const int pid = nginx.Pid();
     nginx.Stop();
-    EXPECT_TRUE(WaitFor(
-        [&] {
-            const Json::Value assets = Assets(install);
-            for (const auto& a : assets) {
-                if (a["pid"].asInt() == pid) {
-                    return false;
-                }
-            }
-            return assets.isArray();
-        },
-        30000, 250));
+    EXPECT_TRUE(WaitFor([&] { return AssetOf(install, pid).isNull(); }, 30000, 250));
 
     EXPECT_EQ(agent.Stop(), 0) << agent.Stderr();
 }

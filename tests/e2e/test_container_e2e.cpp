@@ -18,7 +18,7 @@
 
 #include "FakeHost.h"
 #include "Namespaces.h"
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -50,18 +50,6 @@ bool IsWatched(const std::string& install, const std::string& path)
     return TestSupport::WatchedRoots(TestSupport::CtlStatus(install)).count(path) == 1;
 }
 
-std::string PolicyText(const std::vector<std::string>& paths, const std::string& hostRoot,
-                       const std::string& rules)
-{
-    Json::Value policy = TestSupport::WebshellPolicy({hostRoot}, rules);
-    for (const auto& p : paths) {
-        policy["content"]["default_scan_paths"].append(p);
-    }
-    policy["content"]["monitor_file_change"] = true;
-    policy["content"]["monitor_container"] = true;
-    return Json::FastWriter().write(policy);
-}
-
 class ContainerE2E : public ::testing::Test {
 protected:
     // Starts the agent on `hostRoot` with the policy paths `paths`.
@@ -73,10 +61,14 @@ protected:
         // run before: the file-change task loads it at its first watch
         // registration, which needs one existing web root of the host.
         std::ofstream(m_install + "data/webshell/webshell.dat") << kShellRules;
-        const std::string hostWww = m_dir.MkDir("host-www");
-        const std::string policy = m_dir.Write("policy.json", PolicyText(paths, hostWww, rules));
+        Json::Value policy = TestSupport::WebshellPolicy({m_dir.MkDir("host-www")}, rules);
+        for (const auto& p : paths) {
+            policy["content"]["default_scan_paths"].append(p);
+        }
+        policy["content"]["monitor_file_change"] = policy["content"]["monitor_container"] = true;
         m_events = m_dir.Join("events.jsonl");
-        ASSERT_TRUE(m_agent.Start({"run", "--install-dir", m_install, "--policy", policy, "--events",
+        ASSERT_TRUE(m_agent.Start({"run", "--install-dir", m_install, "--policy",
+                                   E2e::PolicyFile(m_dir, "policy.json", policy), "--events",
                                    m_events, "--host-root", hostRoot}));
         ASSERT_TRUE(WaitFor(
             [&] { return TestSupport::FileExists(m_install + "data/webshell/webshell.dat"); }, 30000))
@@ -116,12 +108,11 @@ TEST_F(ContainerE2E, ADockerContainerIsWatchedReportedAndReleasedWhenItStops)
         << Diagnostics();
 
     // `ctl status` shows the followed container and its subscriber.
-    Json::Value container = TestSupport::CtlStatus(m_install)["components"]["container"];
+    const Json::Value container = E2e::Component(m_install, "container");
     ASSERT_EQ(container["containers"].size(), 1u) << container;
-    EXPECT_EQ(container["containers"][0]["name"].asString(), "web1");
-    EXPECT_EQ(container["containers"][0]["image"].asString(), "nginx:1.25");
-    EXPECT_EQ(container["containers"][0]["rootPath"].asString(), rootfs);
-    EXPECT_EQ(container["containers"][0]["runtime"].asString(), "docker");
+    const Json::Value& c = container["containers"][0];
+    EXPECT_EQ(c["name"].asString() + " " + c["image"].asString() + " " + c["runtime"].asString(), "web1 nginx:1.25 docker");
+    EXPECT_EQ(c["rootPath"].asString(), rootfs);
     EXPECT_EQ(container["subscribers"].asInt(), 1);
 
     // A web shell written into the container's web root.

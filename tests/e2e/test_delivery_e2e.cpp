@@ -11,7 +11,7 @@
 
 #include "LoopbackHttpServer.h"
 #include "RsyslogServer.h"
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -51,24 +51,19 @@ TEST(DeliveryE2E, SyslogAndHttpGetEveryEventAndTheSpoolSurvivesAKill)
     for (int i = 0; i < kShells; ++i) {
         dir.Write("www/s" + std::to_string(i) + ".php", TestSupport::kShell);
     }
-    const std::string policy = dir.Write(
-        "policy.json", Json::FastWriter().write(TestSupport::WebshellPolicy({dir.Join("www")}, rules)));
+    const std::string policy = E2e::PolicyFile(dir, "policy.json", TestSupport::WebshellPolicy({dir.Join("www")}, rules));
     const std::string events = install + "log/webshell_events.jsonl";
     const std::vector<std::string> args = {"run", "--install-dir", install, "--host-root", dir.MkDir("host"),
                                            "--policy", policy};
-    const auto ctl = [&](const std::string& request) {
-        return TestSupport::RunCommand(TestSupport::AgentBinary() + " ctl " + request + " --install-dir " +
-                                       install + " >/dev/null 2>&1");
-    };
     Json::Value http;
     const auto httpStatus = [&] {
-        http = TestSupport::CtlStatus(install)["components"]["report.http"];
+        http = E2e::Component(install, "report.http");
         return http;
     };
 
     auto agent = std::make_unique<TestSupport::AgentProcess>();
     ASSERT_TRUE(agent->Start(args));
-    ASSERT_TRUE(WaitFor([&] { return ctl("scan-now") == 0; }, 20000, 100));
+    ASSERT_TRUE(WaitFor([&] { return E2e::Ctl(install, "scan-now") == 0; }, 20000, 100));
     // Every event is in the spool and a batch is out at the receiver, which
     // never answers: the agent dies there.
     ASSERT_TRUE(WaitFor([&] { return httpStatus()["spooled"].asInt() == kShells; }, 60000, 100)) << http;
@@ -98,7 +93,7 @@ TEST(DeliveryE2E, SyslogAndHttpGetEveryEventAndTheSpoolSurvivesAKill)
     EXPECT_EQ(receiver.Authorization(), "Splunk e2e");
     EXPECT_EQ(TestSupport::CtlStatus(install)["health"]["verdict"], "ok");
     EXPECT_EQ(agent->Stop(15, 20000), 0);
-    const std::string log = TestSupport::ReadFile(install + "log/agent.log");
+    const std::string log = E2e::Log(install);
     EXPECT_NE(log.find("cannot deliver events: Connection refused"), std::string::npos) << log;
     EXPECT_NE(log.find("delivers events again"), std::string::npos);
 }

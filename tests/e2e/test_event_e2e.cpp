@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -42,11 +42,6 @@ std::string Base64(const std::string& text)
     return out.str();
 }
 
-std::string Text(const Json::Value& value)
-{
-    return Json::writeString(Json::StreamWriterBuilder(), value);
-}
-
 std::string IsoUtc(int64_t seconds)
 {
     const time_t t = static_cast<time_t>(seconds);
@@ -57,18 +52,8 @@ std::string IsoUtc(int64_t seconds)
     return text;
 }
 
-struct Outcome {
-    int code = -1;
-    std::string out, err;
-};
-
-Outcome Agent(const std::vector<std::string>& args)
-{
-    TestSupport::AgentProcess agent;
-    EXPECT_TRUE(agent.Start(args)) << TestSupport::AgentBinary();
-    const int code = agent.Wait(120000);
-    return {code, agent.Stdout(), agent.Stderr()};
-}
+using E2e::Outcome;
+using E2e::Text;
 
 // Every regular file below `dir` ("" when it does not exist).
 std::string FilesUnder(const std::string& dir)
@@ -123,7 +108,7 @@ TEST(EventE2E, EventsNameTheHostTheRuleAndTheLayer)
         << ReadFile(install + "log/agent.log");
     agent.Stop();
 
-    const Outcome version = Agent({"--version"});
+    const Outcome version = E2e::Run({"--version"});
     for (const auto& c : cases) {
         SCOPED_TRACE(c.file);
         const Json::Value* event = nullptr;
@@ -171,7 +156,7 @@ TEST(EventE2E, ScanAccountsForEveryMatchAndKeepsSamplesOnlyWhereTold)
     const std::string report = dir.Join("report.json");
     const std::string kept = dir.Join("kept");
 
-    const Outcome r = Agent({"scan", "--install-dir", install, "--policy", policyFile, "--rules", rules, "--report",
+    const Outcome r = E2e::Run({"scan", "--install-dir", install, "--policy", policyFile, "--rules", rules, "--report",
                          report, "--upload-dir", kept, dir.Join("www")});
     ASSERT_EQ(r.code, 1) << r.err;
     const Json::Value doc = TestSupport::ParseJson(ReadFile(report));
@@ -216,7 +201,7 @@ TEST(EventE2E, ScanAccountsForEveryMatchAndKeepsSamplesOnlyWhereTold)
     const std::string tmp = dir.MkDir("tmp");
     ASSERT_EQ(0, ::setenv("TMPDIR", tmp.c_str(), 1));
     const std::string single = dir.Write("loose/notes.txt", "SUSPICIOUS_MARKER");
-    const Outcome one = Agent({"scan", "--install-dir", install, "--rules", rules, "--no-upload", "--report", report,
+    const Outcome one = E2e::Run({"scan", "--install-dir", install, "--rules", rules, "--no-upload", "--report", report,
                            single});
     EXPECT_EQ(one.code, 0) << one.err;
     const Json::Value only = TestSupport::ParseJson(ReadFile(report));
@@ -228,7 +213,7 @@ TEST(EventE2E, ScanAccountsForEveryMatchAndKeepsSamplesOnlyWhereTold)
 
     // Without either option the copy goes to a fresh private directory under
     // TMPDIR, which the summary names; the install tree still gets nothing.
-    const Outcome fallback = Agent({"scan", "--install-dir", install, "--rules", rules, single});
+    const Outcome fallback = E2e::Run({"scan", "--install-dir", install, "--rules", rules, single});
     ::unsetenv("TMPDIR");
     EXPECT_EQ(fallback.code, 0) << fallback.err;
     std::vector<std::string> made;

@@ -22,7 +22,7 @@
 
 #include "framework/Health.h"
 #include "framework/TaskRegistry.h"
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -35,26 +35,8 @@ rule health_suspicious { strings: $a = "HEALTH_E2E_SUSPICIOUS" condition: $a }
 )";
 const std::string kShell = "<?php @eval($_POST['c']); /* HEALTH_E2E_SHELL */ ?>\n";
 
-size_t Count(const std::string& text, const std::string& needle)
-{
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
-        ++n;
-    }
-    return n;
-}
-
-// file_path -> how often the event sink has it.
-std::map<std::string, int> Reported(const std::string& events)
-{
-    std::map<std::string, int> out;
-    for (const auto& event : TestSupport::ReadEvents(events)) {
-        for (const auto& file : event["file_info"]) {
-            ++out[file["file_path"].asString()];
-        }
-    }
-    return out;
-}
+using E2e::Count;
+using E2e::Reported;
 
 // The real agent on a fresh install tree, its rule library in place.
 struct Agent {
@@ -88,24 +70,16 @@ struct Agent {
             return got == rc;
         }, 20000, 100);
     }
-    bool HasReason(const std::string& key)
-    {
-        for (const auto& r : status["health"]["reasons"]) {
-            if (r["key"] == key) {
-                return true;
-            }
-        }
-        return false;
-    }
+    bool HasReason(const std::string& key) { return Count(E2e::Text(status["health"]), "\"" + key + "\"") > 0; }
     void Policy(const std::vector<std::string>& roots, bool monitor)
     {
         Json::Value policy = TestSupport::WebshellPolicy(roots, rules);
         policy["content"]["monitor_file_change"] = monitor;
-        const std::string file = dir.Write("policy.json", Json::FastWriter().write(policy));
+        const std::string file = E2e::PolicyFile(dir, "policy.json", policy);
         ASSERT_TRUE(WaitFor([&] { return Ctl("policy " + file + " >/dev/null") == 0; }, 20000, 100));
     }
-    std::string Log() const { return TestSupport::ReadFile(install + "log/agent.log"); }
-    std::string Why() const { return "\nhealth: " + Json::FastWriter().write(status["health"]); }
+    std::string Log() const { return E2e::Log(install); }
+    std::string Why() const { return "\nhealth: " + E2e::Text(status["health"]); }
 
     TempDir& dir;
     TestSupport::AgentProcess process;
@@ -236,11 +210,8 @@ TEST(HealthE2E, NamesThatAreNotUtf8KeepTheirOwnPath)
     const std::string latin1 = dir.Write("www/x\xe9\\.php", kShell);  // Latin-1 e-acute, a backslash
     const std::string utf8 = dir.Write("www/x\xc3\xa9\\.php", kShell);
     const std::string events = dir.Join("events.jsonl");
-    TestSupport::AgentProcess scan;
-    ASSERT_TRUE(scan.Start({"scan", "--install-dir", install, "--rules", rules, "--events", events, dir.Join("www")}));
-    ASSERT_EQ(1, scan.Wait());
-    const std::string log = TestSupport::ReadFile(install + "log/agent.log");
-    EXPECT_EQ(Count(log, "[Warning]"), 0u) << log;
+    ASSERT_EQ(1, E2e::Run({"scan", "--install-dir", install, "--rules", rules, "--events", events, dir.Join("www")}).code);
+    EXPECT_EQ(Count(E2e::Log(install), "[Warning]"), 0u) << E2e::Log(install);
 
     std::map<std::string, std::string> b64;  // file_path -> file_path_b64 ("-" when absent)
     for (const auto& event : TestSupport::ReadEvents(events)) {

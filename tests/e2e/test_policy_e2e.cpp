@@ -13,81 +13,23 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
 using TestSupport::TempDir;
 using TestSupport::WaitFor;
 
-const char* const kRules = R"(
-rule e2e_policy_certain : certain_webshell
-{
-    strings:
-        $a = "POLICY_E2E_SHELL_MARKER"
-    condition:
-        $a
-}
-)";
+const char* const kRules = R"(rule e2e_policy_certain : certain_webshell { strings: $a = "POLICY_E2E_SHELL_MARKER" condition: $a })";
 
 const std::string kShell = "<?php @eval($_POST['c']); /* POLICY_E2E_SHELL_MARKER */ ?>\n";
 
-std::string Text(const Json::Value& value)
-{
-    return Json::FastWriter().write(value);
-}
-
-// Runs the agent binary to its end; the exit code.
-int RunAgent(const std::vector<std::string>& args, std::string& out, std::string& err)
-{
-    TestSupport::AgentProcess process;
-    if (!process.Start(args)) {
-        return -1;
-    }
-    const int code = process.Wait(30000);
-    out = process.Stdout();
-    err = process.Stderr();
-    return code;
-}
-
-// `ctl status` whatever its verdict (a degraded agent answers too).
-Json::Value Status(const std::string& install)
-{
-    std::string out;
-    std::string err;
-    RunAgent({"ctl", "status", "--install-dir", install}, out, err);
-    return TestSupport::ParseJson(out);
-}
-
-std::set<std::string> Reported(const std::string& events)
-{
-    std::set<std::string> out;
-    for (const auto& event : TestSupport::ReadEvents(events)) {
-        for (const auto& file : event["file_info"]) {
-            out.insert(file["file_path"].asString());
-        }
-    }
-    return out;
-}
+using E2e::Reported;
+using E2e::Text;
 
 bool HasTask(const Json::Value& status, const std::string& name)
 {
-    for (const auto& task : status["tasks"]) {
-        if (task["name"].asString() == name) {
-            return true;
-        }
-    }
-    return false;
-}
-
-Json::Value HealthReason(const Json::Value& status, const std::string& key)
-{
-    for (const auto& reason : status["health"]["reasons"]) {
-        if (reason["key"].asString() == key) {
-            return reason;
-        }
-    }
-    return Json::Value();
+    return E2e::Count(Text(status["tasks"]), "\"" + name + "\"") > 0;
 }
 
 }  // namespace
@@ -140,27 +82,27 @@ TEST(PolicyE2E, CheckPolicyJudgesDocumentsAsTheAgentWould)
         Json::Value doc = good;
         c.edit(doc);
         const std::string file = dir.Write(std::string("policy-") + c.name + ".json", Text(doc));
-        std::string out;
-        std::string err;
-        EXPECT_EQ(c.exit, RunAgent({"check-policy", file, "--install-dir", install}, out, err)) << c.name << err;
+        const E2e::Outcome r = E2e::Run({"check-policy", file, "--install-dir", install});
+        const std::string& err = r.err;
+        EXPECT_EQ(c.exit, r.code) << c.name << err;
         for (const auto& line : c.said) {
             EXPECT_NE(std::string::npos, err.find(file + ": " + line + "\n")) << c.name << "\n" << err;
         }
         if (c.exit == 0) {
-            EXPECT_NE(std::string::npos, out.find(file + ": good for policy 10001 (feature detect_webshell)"))
-                << c.name << out;
+            EXPECT_NE(std::string::npos, r.out.find(file + ": good for policy 10001 (feature detect_webshell)"))
+                << c.name << r.out;
         }
         if (c.said.empty()) {
             EXPECT_EQ("", err) << c.name;
         }
     }
-    std::string out;
-    std::string err;
     const std::string junk = dir.Write("junk.json", "{\"content\": ");
-    EXPECT_EQ(2, RunAgent({"check-policy", junk, "--install-dir", install}, out, err));
-    EXPECT_NE(std::string::npos, err.find(junk + ": error: the document is not a JSON object")) << err;
-    EXPECT_EQ(2, RunAgent({"check-policy", dir.Join("absent.json"), "--install-dir", install}, out, err));
-    EXPECT_NE(std::string::npos, err.find("cannot read")) << err;
+    for (const auto& [file, said] : {std::make_pair(junk, junk + ": error: the document is not a JSON object"),
+                                     std::make_pair(dir.Join("absent.json"), std::string("cannot read"))}) {
+        const E2e::Outcome r = E2e::Run({"check-policy", file, "--install-dir", install});
+        EXPECT_EQ(2, r.code);
+        EXPECT_NE(std::string::npos, r.err.find(said)) << r.err;
+    }
 }
 
 TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
@@ -192,10 +134,11 @@ TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
     ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", dir.Write("first.json", Text(first)),
                              "--events", events, "--host-root", hostRoot}));
     auto ctlPolicy = [&](const Json::Value& p, std::string& reply) {
-        std::string err;
         static int n = 0;
-        const std::string file = dir.Write("policy-" + std::to_string(++n) + ".json", Text(p));
-        return RunAgent({"ctl", "policy", file, "--install-dir", install}, reply, err);
+        const E2e::Outcome r = E2e::Run(
+            {"ctl", "policy", E2e::PolicyFile(dir, "policy-" + std::to_string(++n) + ".json", p), "--install-dir", install});
+        reply = r.out;
+        return r.code;
     };
 
     // A document without "feature_name" reaches the periodic pass, with a warning.
@@ -204,14 +147,7 @@ TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
     EXPECT_NE(std::string::npos, TestSupport::ReadFile(log).find("no \"feature_name\"; policy 10001 belongs"));
     // The missing path is named once, not at every pass, and scanned once it appears.
     const std::string missing = "Scan path " + later + " cannot be used";
-    auto occurrences = [&](const std::string& needle) {
-        const std::string text = TestSupport::ReadFile(log);
-        size_t n = 0;
-        for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
-            ++n;
-        }
-        return n;
-    };
+    auto occurrences = [&](const std::string& needle) { return E2e::Count(TestSupport::ReadFile(log), needle); };
     EXPECT_EQ(1u, occurrences(missing));
     dir.MkDir("later");
     const std::string shellLater = dir.Write("later/late.php", kShell);
@@ -228,7 +164,7 @@ TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
     EXPECT_NE(std::string::npos, reply.find("unknown key content.monitor_file_chnage")) << reply;
     ASSERT_TRUE(WaitFor([&] { return Reported(events).count(shell2) == 1; }, 30000, 100))
         << TestSupport::ReadFile(log);
-    EXPECT_EQ("detect_webshell", Status(install)["policies"]["10001"]["feature"].asString());
+    EXPECT_EQ("detect_webshell", TestSupport::CtlStatus(install)["policies"]["10001"]["feature"].asString());
 
     // A schedule that does not parse: refused naming the key, the previous
     // policy stays, status and health say so until a good one comes.
@@ -238,40 +174,39 @@ TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
     EXPECT_EQ(1, ctlPolicy(broken, reply));
     EXPECT_NE(std::string::npos, reply.find("content.auto_scan_task.task_condition: \\\"interval_s\\\" must be"))
         << reply;
-    Json::Value status = Status(install);
+    Json::Value status = TestSupport::CtlStatus(install);
     EXPECT_EQ("second", status["policies"]["10001"]["hash"].asString());
     EXPECT_NE(std::string::npos, status["policies"]["10001"]["rejected"].asString().find("interval_s"));
-    EXPECT_EQ("degraded", HealthReason(status, "policy.10001")["severity"].asString()) << Text(status["health"]);
+    EXPECT_EQ("degraded", E2e::Health(install)["policy.10001"]) << Text(status["health"]);
     EXPECT_NE("ok", status["health"]["verdict"].asString());
     Json::Value watched = second;
     watched["hash"] = "watched";
     watched["content"]["monitor_file_change"] = true;
     ASSERT_EQ(0, ctlPolicy(watched, reply)) << reply;
-    status = Status(install);
+    status = TestSupport::CtlStatus(install);
     EXPECT_FALSE(status["policies"]["10001"].isMember("rejected"));
-    EXPECT_TRUE(HealthReason(status, "policy.10001").isNull());
-    auto watching = [&] { return TestSupport::WatchedRoots(Status(install)).count(root2) == 1; };
+    EXPECT_EQ(E2e::Health(install).count("policy.10001"), 0u);
+    auto watching = [&] { return TestSupport::WatchedRoots(TestSupport::CtlStatus(install)).count(root2) == 1; };
     ASSERT_TRUE(WaitFor(watching, 30000, 100));
 
     // Disabled: no periodic pass, no watch, scan-now refused.
     Json::Value disabled = watched;
     disabled["enabled"] = false;
     ASSERT_EQ(0, ctlPolicy(disabled, reply)) << reply;
-    EXPECT_TRUE(WaitFor([&] { return TestSupport::WatchedRoots(Status(install)).empty(); }, 30000, 100));
-    status = Status(install);
+    EXPECT_TRUE(WaitFor([&] { return TestSupport::WatchedRoots(TestSupport::CtlStatus(install)).empty(); }, 30000, 100));
+    status = TestSupport::CtlStatus(install);
     EXPECT_FALSE(HasTask(status, "auto_scan_wehshell_task")) << Text(status["tasks"]);
     EXPECT_FALSE(HasTask(status, "detect_file_change_wehshell_task"));
-    EXPECT_EQ("degraded", HealthReason(status, "webshell.disabled")["severity"].asString());
-    std::string err;
-    RunAgent({"ctl", "scan-now", "--install-dir", install}, reply, err);
+    EXPECT_EQ("degraded", E2e::Health(install)["webshell.disabled"]);
+    E2e::Ctl(install, "scan-now");
     EXPECT_TRUE(WaitFor([&] { return TestSupport::ReadFile(log).find("Immediate scan refused") != std::string::npos; }));
 
     // Enabled again: the watch and the periodic task come back.
     ASSERT_EQ(0, ctlPolicy(watched, reply)) << reply;
     ASSERT_TRUE(WaitFor(watching, 30000, 100));
-    status = Status(install);
+    status = TestSupport::CtlStatus(install);
     EXPECT_TRUE(HasTask(status, "auto_scan_wehshell_task"));
-    EXPECT_TRUE(HealthReason(status, "webshell.disabled").isNull());
+    EXPECT_EQ(E2e::Health(install).count("webshell.disabled"), 0u);
     const std::string shell3 = dir.Write("www2/three.php", kShell);
     EXPECT_TRUE(WaitFor([&] { return Reported(events).count(shell3) == 1; }, 30000, 100))
         << TestSupport::ReadFile(log);

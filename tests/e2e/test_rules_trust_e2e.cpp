@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -22,21 +22,8 @@ using TestSupport::TempDir;
 using TestSupport::WaitFor;
 
 const std::string kRules = R"(
-rule trust_certain : certain
-{
-    strings:
-        $a = "TRUST_E2E_SHELL_MARK"
-    condition:
-        $a
-}
-
-rule trust_suspicious
-{
-    strings:
-        $a = "TRUST_E2E_ODD_MARK"
-    condition:
-        $a
-}
+rule trust_certain : certain { strings: $a = "TRUST_E2E_SHELL_MARK" condition: $a }
+rule trust_suspicious { strings: $a = "TRUST_E2E_ODD_MARK" condition: $a }
 
 // Quadratic in the number of pads: a few thousand of them take far longer
 // than the time limit of a check.
@@ -55,89 +42,37 @@ const std::string kOdd = "<?php exit; /* TRUST_E2E_ODD_MARK */ ?>\n";
 class RulesTrustE2E : public ::testing::Test {
 protected:
     RulesTrustE2E()
-        : m_install(TestSupport::MakeInstallTree(m_dir)), m_root(m_dir.MkDir("www")), m_host(m_dir.MkDir("host")),
-          m_events(m_dir.Join("events.jsonl"))
+        : m_install(TestSupport::MakeInstallTree(m_dir)), m_root(m_dir.MkDir("www")), m_events(m_dir.Join("events.jsonl"))
     {
     }
 
     // A policy document for the rule file `rules` at `version`, written to a file.
-    std::string Policy(const std::string& name, const std::string& rules, const std::string& version,
+    std::string Policy(const std::string& name, const std::string& rules, const std::string& version = "1",
                        int quota = 100)
     {
         Json::Value policy = TestSupport::WebshellPolicy({m_root}, rules);
         policy["content"]["lib_version"] = version;
         policy["content"]["upload_file_count_per_day"] = quota;
-        return m_dir.Write(name, Json::FastWriter().write(policy));
+        return E2e::PolicyFile(m_dir, name, policy);
     }
 
     // Until the agent answers with its policy applied.
     bool Start(const std::string& policy)
     {
         return m_agent.Start({"run", "--install-dir", m_install, "--policy", policy, "--events", m_events,
-                              "--host-root", m_host}) &&
+                              "--host-root", m_dir.MkDir("host")}) &&
                WaitFor([&] { return TestSupport::CtlStatus(m_install)["policies"].isMember("10001"); }, 30000, 100);
     }
 
-    int Ctl(const std::string& request)
-    {
-        return TestSupport::RunCommand(TestSupport::AgentBinary() + " ctl " + request + " --install-dir " +
-                                       m_install + " >/dev/null 2>&1");
-    }
-
-    Json::Value Component(const std::string& key) { return TestSupport::CtlStatus(m_install)["components"][key]; }
-
-    // The severity of each health reason now raised.
-    std::map<std::string, std::string> Health()
-    {
-        std::map<std::string, std::string> out;
-        const Json::Value status = TestSupport::CtlStatus(m_install);
-        for (const auto& reason : status["health"]["reasons"]) {
-            out[reason["key"].asString()] = reason["severity"].asString();
-        }
-        return out;
-    }
-
-    // Asks for a pass and returns its figures once it ended.
-    Json::Value ScanNow()
-    {
-        const uint64_t before = Component("webshell.last_pass")["pass_id"].asUInt64();
-        EXPECT_EQ(0, Ctl("scan-now"));
-        Json::Value pass;
-        EXPECT_TRUE(WaitFor(
-            [&] {
-                pass = Component("webshell.last_pass");
-                return pass["pass_id"].asUInt64() > before && pass["state"].asString() != "running";
-            },
-            60000, 100))
-            << m_agent.Stderr();
-        return pass;
-    }
-
-    bool Reported(const std::string& path)
-    {
-        for (const auto& event : TestSupport::ReadEvents(m_events)) {
-            if (event["file_info"][0]["file_path"].asString() == path) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-    size_t LogCount(const std::string& needle)
-    {
-        size_t n = 0;
-        for (const auto& line : TestSupport::ReadLines(m_install + "log/agent.log")) {
-            n += line.find(needle) != std::string::npos ? 1 : 0;
-        }
-        return n;
-    }
-
+    Json::Value Component(const std::string& key) { return E2e::Component(m_install, key); }
+    std::map<std::string, std::string> Health() { return E2e::Health(m_install); }
+    Json::Value ScanNow() { return E2e::ScanNow(m_install); }
+    bool Reported(const std::string& path) { return E2e::Reported(m_events).count(path) == 1; }
     std::string Lib() const { return m_install + "data/webshell/webshell.dat"; }
 
     TempDir m_dir{"e2e-rules"};
     std::string m_install;
     std::string m_root;
-    std::string m_host;
     std::string m_events;
     TestSupport::AgentProcess m_agent;
 };
@@ -153,20 +88,22 @@ TEST_F(RulesTrustE2E, LibraryLargerThanTenMiBIsLoaded)
     const std::string rules = m_dir.Write("rules/big.yar", padding + "*/\n" + kRules);
     const std::string shell = m_dir.Write("www/shell.php", kShell);
 
-    TestSupport::AgentProcess scan;
-    ASSERT_TRUE(scan.Start({"scan", "--install-dir", m_install, "--policy", Policy("big.json", rules, "1"),
-                            "--events", m_events}));
-    EXPECT_EQ(1, scan.Wait(120000)) << scan.Stderr();
-    EXPECT_TRUE(Reported(shell)) << scan.Stderr();
+    const E2e::Outcome r = E2e::Run({"scan", "--install-dir", m_install, "--policy", Policy("big.json", rules),
+                                     "--events", m_events});
+    EXPECT_EQ(1, r.code) << r.err;
+    EXPECT_TRUE(Reported(shell)) << r.err;
 }
 
-TEST_F(RulesTrustE2E, LibraryIsFetchedAndLoadedWhenThePolicyIsApplied)
+TEST_F(RulesTrustE2E, LibraryIsFetchedWhenAppliedAndABrokenUpdateLeavesItInForce)
 {
-    const std::string rules = m_dir.Write("rules/one.yar", kRules);
-    ASSERT_TRUE(Start(Policy("one.json", rules, "1")));
-    // The periodic pass is a day away and nobody asked for one.
+    const std::string good = m_dir.Write("rules/good.yar", kRules);
+    const std::string bad = m_dir.Write("rules/bad.yar", "rule broken : certain { condition: }\n");
+    const std::string goodPolicy = Policy("good.json", good);
+    ASSERT_TRUE(Start(goodPolicy));
+    // Fetched and loaded when the policy is applied: the periodic pass is a
+    // day away and nobody asked for one.
     Json::Value loaded;
-    EXPECT_TRUE(WaitFor(
+    ASSERT_TRUE(WaitFor(
         [&] {
             loaded = Component("webshell.rules");
             return loaded["state"].asString() == "loaded";
@@ -174,25 +111,16 @@ TEST_F(RulesTrustE2E, LibraryIsFetchedAndLoadedWhenThePolicyIsApplied)
         30000, 100))
         << loaded << m_agent.Stderr();
     EXPECT_EQ(loaded["loaded_version"].asString(), "1");
-    EXPECT_EQ(loaded["loaded_hash"].asString(), TestSupport::Sha256Sum(rules));
+    EXPECT_EQ(loaded["loaded_hash"].asString(), TestSupport::Sha256Sum(good));
     EXPECT_TRUE(Component("webshell.last_pass").isNull());
     EXPECT_EQ(Health().count("webshell.rules"), 0u);
-}
-
-TEST_F(RulesTrustE2E, BrokenLibraryUpdateLeavesTheOldRulesInForce)
-{
-    const std::string good = m_dir.Write("rules/good.yar", kRules);
-    const std::string bad = m_dir.Write("rules/bad.yar", "rule broken : certain { condition: }\n");
-    const std::string goodPolicy = Policy("good.json", good, "1");
-    m_dir.Write("install/data/webshell/webshell.dat", kRules);
-    ASSERT_TRUE(Start(goodPolicy));
     const std::string first = m_dir.Write("www/first.php", kShell);
     ScanNow();
     ASSERT_TRUE(Reported(first)) << m_agent.Stderr();
 
     // Version 2 arrives but does not compile: version 1 keeps detecting,
     // status and health say so.
-    ASSERT_EQ(0, Ctl("policy " + Policy("bad.json", bad, "2")));
+    ASSERT_EQ(0, E2e::Ctl(m_install, "policy " + Policy("bad.json", bad, "2")));
     ASSERT_TRUE(WaitFor([&] { return TestSupport::Sha256Sum(Lib()) == TestSupport::Sha256Sum(bad); }, 30000, 100));
     const std::string second = m_dir.Write("www/second.php", kShell);
     EXPECT_EQ(ScanNow()["state"].asString(), "finished");
@@ -204,7 +132,7 @@ TEST_F(RulesTrustE2E, BrokenLibraryUpdateLeavesTheOldRulesInForce)
     EXPECT_EQ(Health()["webshell.rules"], "degraded");
 
     // The good policy again: version 1 is what is loaded, health is clear.
-    ASSERT_EQ(0, Ctl("policy " + goodPolicy));
+    ASSERT_EQ(0, E2e::Ctl(m_install, "policy " + goodPolicy));
     EXPECT_TRUE(WaitFor(
         [&] { return Component("webshell.rules")["state"].asString() == "loaded" && Health().count("webshell.rules") == 0; },
         30000, 100))
@@ -217,7 +145,7 @@ TEST_F(RulesTrustE2E, BrokenLibraryUpdateLeavesTheOldRulesInForce)
 TEST_F(RulesTrustE2E, CheckThatTimesOutIsSaidCountedAndKept)
 {
     m_dir.Write("install/data/webshell/webshell.dat", kRules);
-    ASSERT_TRUE(Start(Policy("p.json", m_dir.Write("rules/r.yar", kRules), "1")));
+    ASSERT_TRUE(Start(Policy("p.json", m_dir.Write("rules/r.yar", kRules))));
     std::string padded = "<?php /* ";
     for (int i = 0; i < 20000; ++i) {
         padded += "PADPAD ";
@@ -228,7 +156,7 @@ TEST_F(RulesTrustE2E, CheckThatTimesOutIsSaidCountedAndKept)
     Json::Value pass = ScanNow();
     EXPECT_EQ(pass["files_timed_out"].asUInt64(), 1u) << pass;
     EXPECT_EQ(pass["files_checked"].asUInt64(), 1u) << pass;
-    EXPECT_EQ(LogCount("File " + slow + " not checked to the end (scan of " + slow + " timed out"), 1u);
+    EXPECT_EQ(E2e::Count(E2e::Log(m_install), "File " + slow + " not checked to the end (scan of " + slow + " timed out"), 1u);
     EXPECT_TRUE(WaitFor([&] { return TestSupport::FileExists(m_install + "data/upload/" + TestSupport::Sha256Sum(slow)); },
                         10000));
     EXPECT_EQ(Health()["webshell.pass"], "degraded");
@@ -245,13 +173,13 @@ TEST_F(RulesTrustE2E, MissingRulesAreSaidOnceAndFailTheHealth)
     const std::string absent = m_dir.Join("rules/absent.yar");
     Json::Value policy = TestSupport::WebshellPolicy({m_root}, m_dir.Write("rules/r.yar", kRules));
     policy["content"]["lib_url"] = "file://" + absent;
-    ASSERT_TRUE(Start(m_dir.Write("p.json", Json::FastWriter().write(policy))));
+    ASSERT_TRUE(Start(E2e::PolicyFile(m_dir, "p.json", policy)));
 
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(ScanNow()["state"].asString(), "skipped");
     }
-    EXPECT_EQ(LogCount("skipped: the rule library " + Lib() + " is missing"), 1u)
-        << TestSupport::ReadFile(m_install + "log/agent.log");
+    EXPECT_EQ(E2e::Count(E2e::Log(m_install), "skipped: the rule library " + Lib() + " is missing"), 1u)
+        << E2e::Log(m_install);
     EXPECT_EQ(Health()["webshell.rules"], "failing");
     EXPECT_EQ(TestSupport::CtlStatus(m_install)["health"]["verdict"].asString(), "failing");
 }
@@ -282,5 +210,5 @@ TEST_F(RulesTrustE2E, UploadsThatWereNotKeptDoNotUseUpTheQuota)
         WaitFor([&] { return TestSupport::FileExists(kept); }, 5000);
     }
     EXPECT_TRUE(TestSupport::FileExists(kept)) << Component("report.uploads")
-                                               << TestSupport::ReadFile(m_install + "log/agent.log");
+                                               << E2e::Log(m_install);
 }

@@ -25,7 +25,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -41,12 +41,7 @@ constexpr int kReportWithinMs = 1000;
 // `command`'s exit status, its stdout and stderr into `out`.
 int Shell(const std::string& command, std::string* out = nullptr)
 {
-    std::string text;
-    const int rc = TestSupport::RunCommand(command + " 2>&1", &text);
-    if (out != nullptr) {
-        *out = text;
-    }
-    return rc;
+    return TestSupport::RunCommand(command + " 2>&1", out);
 }
 
 // Runs `commands` at once; true when all succeed, their output in `out`.
@@ -139,10 +134,10 @@ protected:
         return geteuid() == 0 && Shell("for t in " + tools + "; do command -v $t >/dev/null || exit 1; done") == 0;
     }
 
-    std::string Tail(const std::string& log)
+    static std::string Tail(const std::string& log)
     {
-        std::string text = TestSupport::FileExists(log) ? TestSupport::ReadFile(log) : "";
-        return text.size() > 2000 ? text.substr(text.size() - 2000) : text;
+        const std::string text = TestSupport::FileExists(log) ? TestSupport::ReadFile(log) : "";
+        return text.substr(text.size() - std::min<size_t>(text.size(), 2000));
     }
 
     // Starts a daemon; true once `ready` answers, within 30 s. Otherwise
@@ -187,7 +182,7 @@ protected:
         policy["content"]["default_scan_paths"].append("/var/www/html");
         policy["content"]["monitor_file_change"] = true;
         policy["content"]["monitor_container"] = true;
-        const std::string policyFile = m_dir.Write("policy.json", Json::FastWriter().write(policy));
+        const std::string policyFile = E2e::PolicyFile(m_dir, "policy.json", policy);
         m_events = m_dir.Join("events.jsonl");
         ASSERT_TRUE(m_agent.Start({"run", "--install-dir", m_install, "--policy", policyFile, "--events",
                                    m_events, "--host-root", "/", "--log-level", "debug"}));
@@ -195,36 +190,23 @@ protected:
             << m_agent.Stderr();
     }
 
-    Json::Value Component(const std::string& key)
-    {
-        return TestSupport::CtlStatus(m_install)["components"][key];
-    }
+    Json::Value Component(const std::string& key) { return E2e::Component(m_install, key); }
 
     // The containers of this test in the agent's status (it follows the
-    // whole host): those whose root is in our directory.
-    Json::Value Ours()
+    // whole host): those whose root is in our directory, or the one named `name`.
+    Json::Value Ours(const std::string& name = "")
     {
         Json::Value ours(Json::arrayValue);
         const Json::Value containers = Component("container")["containers"];
         for (const auto& c : containers) {
-            if (c["rootPath"].asString().compare(0, m_dir.Path().size(), m_dir.Path()) == 0) {
+            if (name.empty() ? c["rootPath"].asString().rfind(m_dir.Path(), 0) == 0 : c["name"].asString() == name) {
                 ours.append(c);
             }
         }
         return ours;
     }
-
     // The container `name` in the agent's status, or null.
-    Json::Value Listed(const std::string& name)
-    {
-        const Json::Value containers = Component("container")["containers"];
-        for (const auto& c : containers) {
-            if (c["name"].asString() == name) {
-                return c;
-            }
-        }
-        return Json::Value();
-    }
+    Json::Value Listed(const std::string& name) { return Ours(name)[0]; }
 
     // Events for the file at `path` inside container `name`.
     std::vector<Json::Value> Reported(const std::string& name, const std::string& path)
@@ -245,29 +227,6 @@ protected:
                Tail(m_install + "log/agent.log");
     }
 
-    // Asks for a pass and waits until it ended.
-    void ScanNow()
-    {
-        const uint64_t before = Component("webshell.last_pass")["pass_id"].asUInt64();
-        ASSERT_EQ(0, Shell(TestSupport::AgentBinary() + " ctl scan-now --install-dir " + m_install + " >/dev/null"));
-        ASSERT_TRUE(WaitFor(
-            [&] {
-                const Json::Value pass = Component("webshell.last_pass");
-                return pass["pass_id"].asUInt64() > before && pass["state"].asString() != "running";
-            },
-            60000, 100))
-            << Diagnostics();
-    }
-
-    // Lines of the agent's log holding both texts.
-    std::size_t LogLines(const std::string& a, const std::string& b)
-    {
-        std::size_t n = 0;
-        for (const auto& line : TestSupport::ReadLines(m_install + "log/agent.log")) {
-            n += line.find(a) != std::string::npos && line.find(b) != std::string::npos ? 1 : 0;
-        }
-        return n;
-    }
 
     // Containers "<tag>-before" (running before the agent, with old.php
     // already in its web root) and "<tag>-after" of every runtime: followed,
@@ -321,7 +280,7 @@ protected:
         }
 
         // The shell that was there before the agent: found by a pass.
-        ScanNow();
+        E2e::ScanNow(m_install);
         for (const auto& r : runtimes) {
             const auto events = Reported(name(r, "before"), "/var/www/html/old.php");
             ASSERT_EQ(events.size(), 1u) << name(r, "before") << Diagnostics();
@@ -344,15 +303,13 @@ protected:
         }
 
         // Removed, and a pass at once: between two polls (2 s) the pass
-        // meets the vanished roots. The containers leave the status and the
-        // cache, and nothing about their roots stays in the agent's health.
+        // meets the vanished roots. The containers leave the status, and
+        // nothing about their roots stays in the agent's health.
         ASSERT_TRUE(ShellAll(remove, out)) << out;
-        ScanNow();
+        E2e::ScanNow(m_install);
         for (const auto& r : runtimes) {
             const std::string n = name(r, "after");
             EXPECT_TRUE(WaitFor([&] { return Listed(n).isNull(); }, 30000, 100)) << n << Diagnostics();
-            EXPECT_TRUE(WaitFor([&] { return LogLines("delete docker cache", "name=" + n + ".") == 1; }, 10000, 100))
-                << n;
             EXPECT_FALSE(Listed(name(r, "before")).isNull()) << name(r, "before") << Diagnostics();
         }
         EXPECT_TRUE(WaitFor(

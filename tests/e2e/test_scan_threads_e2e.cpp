@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -22,21 +22,8 @@ using TestSupport::TempDir;
 // The keyword quoted is the last match of the rule's last string: a full
 // scan, not one match per string, must have decided it.
 const char* const kRules = R"(
-rule thread_certain : certain
-{
-    strings:
-        $a = /CERTAIN_KEY_[0-9]+/
-    condition:
-        $a
-}
-
-rule thread_suspicious
-{
-    strings:
-        $a = "SUSPICIOUS_MARK"
-    condition:
-        $a
-}
+rule thread_certain : certain { strings: $a = /CERTAIN_KEY_[0-9]+/ condition: $a }
+rule thread_suspicious { strings: $a = "SUSPICIOUS_MARK" condition: $a }
 )";
 
 struct Outcome {
@@ -62,14 +49,10 @@ Outcome Scan(const std::string& policy, const std::string& rules, const std::vec
         args.push_back(dir.Write("policy.json", policy));
     }
     args.insert(args.end(), extra.begin(), extra.end());
-    TestSupport::AgentProcess agent;
+    const E2e::Outcome r = E2e::Run(args);
     Outcome run;
-    if (!agent.Start(args)) {
-        ADD_FAILURE() << "cannot start " << TestSupport::AgentBinary();
-        return run;
-    }
-    run.code = agent.Wait(120000);
-    run.err = agent.Stderr();
+    run.code = r.code;
+    run.err = r.err;
     for (const auto& e : TestSupport::ReadEvents(sink)) {
         const Json::Value& file = e["file_info"][0];
         run.events.insert(file["file_path"].asString() + " " + file["file_key_word"].asString());

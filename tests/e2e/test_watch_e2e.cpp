@@ -1,11 +1,12 @@
 // Real-time detection end to end: the real `ardent-agent run` with
-// "monitor_file_change" on reports web shells written into a watched root,
-// into a new nested directory of it and inside a directory moved into it,
-// each once; a policy change moves the watch from one root to another; the
-// watch follows rules that arrive after the start.
+// "monitor_file_change" on holds its watch once rules arrive after the
+// start, reports web shells written into a watched root, into a new nested
+// directory of it and inside a directory moved into it, each once; a policy
+// change moves the watch from one root to another.
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
@@ -14,7 +15,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "testsupport/TestSupport.h"
+#include "E2e.h"
 
 namespace {
 
@@ -25,23 +26,13 @@ using TestSupport::WaitFor;
 
 const std::string kClean = "<?php echo 'hello'; ?>\n";
 
-// Reported paths of the event sink, with how often each was reported.
-std::map<std::string, int> ReportedPaths(const std::string& events)
-{
-    std::map<std::string, int> out;
-    for (const auto& event : TestSupport::ReadEvents(events)) {
-        for (const auto& file : event["file_info"]) {
-            ++out[file["file_path"].asString()];
-        }
-    }
-    return out;
-}
+using E2e::Reported;
 
 std::string PolicyText(const std::string& root, const std::string& rules)
 {
     Json::Value policy = TestSupport::WebshellPolicy({root}, rules);
     policy["content"]["monitor_file_change"] = true;
-    return Json::FastWriter().write(policy);
+    return E2e::Text(policy);
 }
 
 std::set<std::string> WatchedRoots(const std::string& install)
@@ -53,7 +44,7 @@ std::set<std::string> WatchedRoots(const std::string& install)
 std::string Registrations(const std::string& install)
 {
     const Json::Value status = TestSupport::CtlStatus(install);
-    return Json::FastWriter().write(status["components"]["filenotify"]["registrations"]);
+    return E2e::Text(status["components"]["filenotify"]["registrations"]);
 }
 
 }  // namespace
@@ -67,17 +58,24 @@ TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
     const std::string root2 = dir.MkDir("www2");
     const std::string hostRoot = dir.MkDir("host");  // no web servers to discover
     const std::string events = dir.Join("events.jsonl");
-    const std::string policy = dir.Write("policy.json", PolicyText(root1, rules));
-
-    // The rule library is in place before the start, so the first watch
-    // registration does not wait for its download.
-    dir.Write("install/data/webshell/webshell.dat", kShellRules);
-
+    // A library that cannot be fetched yet: no watch can be held without
+    // rules. Once `ctl policy` names one that can be, the file-change task
+    // holds the watch, without a reload.
+    Json::Value missing = TestSupport::WebshellPolicy({root1}, rules);
+    missing["content"]["monitor_file_change"] = true;
+    missing["content"]["lib_url"] = "file://" + dir.Join("rules/not-yet.yar");
     TestSupport::AgentProcess agent;
-    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policy, "--events", events,
-                             "--host-root", hostRoot}));
-    ASSERT_TRUE(WaitFor([&] { return WatchedRoots(install).count(root1) == 1; }, 30000, 100))
+    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", E2e::PolicyFile(dir, "policy.json", missing),
+                             "--events", events, "--host-root", hostRoot}));
+    ASSERT_TRUE(WaitFor([&] { return TestSupport::CtlStatus(install)["verdict"].asString() == "failing"; }, 30000,
+                        100))
         << agent.Stderr();
+    EXPECT_EQ(WatchedRoots(install).count(root1), 0u);
+    std::string out;
+    ASSERT_EQ(0, E2e::Ctl(install, "policy '" + dir.Write("policy-good.json", PolicyText(root1, rules)) + "'", &out))
+        << out;
+    ASSERT_TRUE(WaitFor([&] { return WatchedRoots(install).count(root1) == 1; }, 30000, 100))
+        << "watches: " << Registrations(install) << "\nagent stderr:\n" << agent.Stderr();
 
     // 1. A shell written into the root, and a clean file beside it.
     const std::string direct = dir.Write("www1/direct.php", kShell);
@@ -94,23 +92,15 @@ TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
     const std::string moved2 = root1 + "/pack/deep/moved2.php";
 
     const std::vector<std::string> shells = {direct, nested, moved, moved2};
-    ASSERT_TRUE(WaitFor(
-        [&] {
-            auto reported = ReportedPaths(events);
-            for (auto& s : shells) {
-                if (reported.count(s) == 0) {
-                    return false;
-                }
-            }
-            return true;
-        },
-        20000))
-        << "events:\n" << TestSupport::ReadFile(events) << "\nagent stderr:\n" << agent.Stderr();
+    ASSERT_TRUE(WaitFor([&] {
+        auto reported = Reported(events);
+        return std::all_of(shells.begin(), shells.end(), [&](const std::string& s) { return reported.count(s) == 1; });
+    }, 20000)) << "events:\n" << TestSupport::ReadFile(events) << "\nagent stderr:\n" << agent.Stderr();
     // A last shell: once it is reported, everything written before it has
     // gone through the service and the scan.
     const std::string last = dir.Write("www1/last.php", kShell);
-    ASSERT_TRUE(WaitFor([&] { return ReportedPaths(events).count(last) == 1; }, 20000));
-    auto reported = ReportedPaths(events);
+    ASSERT_TRUE(WaitFor([&] { return Reported(events).count(last) == 1; }, 20000));
+    auto reported = Reported(events);
     for (auto& s : shells) {
         EXPECT_EQ(1, reported[s]) << s << "\nwatches: " << Registrations(install);
     }
@@ -134,53 +124,13 @@ TEST(WatchE2E, ShellsInWatchedRootsAreReportedOnceAndPolicyMovesTheWatch)
     const std::string stale = dir.Write("www1/after-change.php", kShell);
     const std::string staleNested = dir.Write("www1/n1/n2/after-change.php", kShell);
     const std::string fresh = dir.Write("www2/fresh.php", kShell);
-    ASSERT_TRUE(WaitFor([&] { return ReportedPaths(events).count(fresh) == 1; }, 20000))
+    ASSERT_TRUE(WaitFor([&] { return Reported(events).count(fresh) == 1; }, 20000))
         << "events:\n" << TestSupport::ReadFile(events);
     const std::string fresh2 = dir.Write("www2/fresh2.php", kShell);
-    ASSERT_TRUE(WaitFor([&] { return ReportedPaths(events).count(fresh2) == 1; }, 20000));
-    reported = ReportedPaths(events);
+    ASSERT_TRUE(WaitFor([&] { return Reported(events).count(fresh2) == 1; }, 20000));
+    reported = Reported(events);
     EXPECT_EQ(0u, reported.count(stale));
     EXPECT_EQ(0u, reported.count(staleNested));
-
-    EXPECT_EQ(0, agent.Stop(15, 20000)) << agent.Stderr();
-}
-
-// A fresh install whose library cannot be fetched yet: no watch can be held
-// without rules. Once `ctl policy` names a library that can be fetched, the
-// file-change task holds the watch and a shell written afterwards is
-// reported, without a reload.
-TEST(WatchE2E, WatchesFollowTheRulesWhenTheyArriveAfterTheStart)
-{
-    TempDir dir("e2e-watch-late");
-    const std::string install = TestSupport::MakeInstallTree(dir);
-    const std::string rules = dir.Write("rules/webshell.yar", kShellRules);
-    const std::string root = dir.MkDir("www");
-    const std::string hostRoot = dir.MkDir("host");
-    const std::string events = dir.Join("events.jsonl");
-    Json::Value missing = TestSupport::WebshellPolicy({root}, rules);
-    missing["content"]["monitor_file_change"] = true;
-    missing["content"]["lib_url"] = "file://" + dir.Join("rules/not-yet.yar");
-    const std::string policy = dir.Write("policy.json", Json::FastWriter().write(missing));
-
-    TestSupport::AgentProcess agent;
-    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policy, "--events", events,
-                             "--host-root", hostRoot}));
-    ASSERT_TRUE(WaitFor([&] { return TestSupport::CtlStatus(install)["verdict"].asString() == "failing"; }, 30000,
-                        100))
-        << agent.Stderr();
-    EXPECT_EQ(WatchedRoots(install).count(root), 0u);
-
-    const std::string good = dir.Write("policy-good.json", PolicyText(root, rules));
-    std::string out;
-    ASSERT_EQ(0, TestSupport::RunCommand("'" + TestSupport::AgentBinary() + "' ctl policy '" + good +
-                                             "' --install-dir '" + install + "' 2>&1",
-                                         &out))
-        << out;
-    ASSERT_TRUE(WaitFor([&] { return WatchedRoots(install).count(root) == 1; }, 30000, 100))
-        << "watches: " << Registrations(install) << "\nagent stderr:\n" << agent.Stderr();
-    const std::string shell = dir.Write("www/late.php", kShell);
-    EXPECT_TRUE(WaitFor([&] { return ReportedPaths(events).count(shell) == 1; }, 20000))
-        << "watches: " << Registrations(install) << "\nevents:\n" << TestSupport::ReadFile(events);
 
     EXPECT_EQ(0, agent.Stop(15, 20000)) << agent.Stderr();
 }

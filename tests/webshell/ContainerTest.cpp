@@ -59,130 +59,100 @@ protected:
 
 }  // namespace
 
-TEST_F(ContainerTest, CacheIndicesStartAtOneAndAreNeverReused)
+TEST_F(ContainerTest, CacheIndicesAreNeverReusedAndLookupIsAPrefixTestOnTheRoot)
 {
     Start();
-    auto a = Container("aaa", "alpha", true);
-    auto b = Container("bbb", "beta", true);
-    auto c = Container("ccc", "gamma", true);
-    Engine::ContainerCacheInfo ea;
-    static_cast<Engine::ContainerInfo&>(ea) = *a;
-    ea.scanPathList = {a->rootPath + "/var/www"};
-    Engine::ContainerCacheInfo eb;
-    static_cast<Engine::ContainerInfo&>(eb) = *b;
-    Engine::ContainerCacheInfo ec;
-    static_cast<Engine::ContainerInfo&>(ec) = *c;
-
-    ASSERT_TRUE(task->InsertContainerCache(ea));
-    EXPECT_EQ(ea.index, 1u);
-    ASSERT_TRUE(task->InsertContainerCache(eb));
-    EXPECT_EQ(eb.index, 2u);
+    auto entry = [](const std::string& id, const std::string& name, const std::string& root) {
+        Engine::ContainerCacheInfo e;
+        e.id = id;
+        e.name = name;
+        e.rootPath = root;
+        return e;
+    };
+    Engine::ContainerCacheInfo a = entry("aaa", "alpha", "/var/lib/a/merged");
+    Engine::ContainerCacheInfo b = entry("bbb", "beta", "");  // an empty root matches every file
+    ASSERT_TRUE(task->InsertContainerCache(a));
+    EXPECT_EQ(a.index, 1u);
+    ASSERT_TRUE(task->InsertContainerCache(b));
+    EXPECT_EQ(b.index, 2u);
 
     // The same id again: refused, nothing changes, the caller's index stays.
-    Engine::ContainerCacheInfo again = ea;
+    Engine::ContainerCacheInfo again = a;
     again.index = 77;
     again.name = "renamed";
     EXPECT_FALSE(task->InsertContainerCache(again));
     EXPECT_EQ(again.index, 77u);
-    Engine::ContainerCacheInfo stored;
-    ASSERT_TRUE(task->GetContainerCache("aaa", stored));
-    EXPECT_EQ(stored.name, "alpha");
-    EXPECT_EQ(stored.index, 1u);
-    task->DeleteContainerCache("aaa");
-    ASSERT_TRUE(task->InsertContainerCache(ec));
-    EXPECT_EQ(ec.index, 3u) << "indices are never reused";
-
-    task->DeleteContainerCache("zzz");
-    Engine::ContainerCacheInfo untouched;
-    untouched.name = "keep";
-    EXPECT_FALSE(task->GetContainerCache("zzz", untouched));
-    EXPECT_EQ(untouched.name, "keep");
-
-    // The deleted entry's index is gone too.
-    EXPECT_FALSE(task->GetContainerCacheFromIndex(a->rootPath + "/var/www/x.php", 1, untouched));
-    EXPECT_EQ(log.Count("WebshellTask not match cache index. index=1, path=" + a->rootPath + "/var/www/x.php",
-                        Poco::Message::PRIO_WARNING), 1u);
-    EXPECT_EQ(untouched.name, "keep");
-
-}
-
-TEST_F(ContainerTest, IndexLookupIsAPlainPrefixTestOnTheRootPath)
-{
-    Start();
-    Engine::ContainerCacheInfo entry;
-    entry.id = "c1";
-    entry.name = "one";
-    entry.rootPath = "/var/lib/c1/merged";
-    ASSERT_TRUE(task->InsertContainerCache(entry));
-
     Engine::ContainerCacheInfo out;
-    EXPECT_FALSE(task->GetContainerCacheFromIndex("/var/lib/c1/merged/x", 0, out)) << "index 0 is the host";
+    ASSERT_TRUE(task->GetContainerCache("aaa", out));
+    EXPECT_EQ(out.name, "alpha");
 
-    EXPECT_TRUE(task->GetContainerCacheFromIndex("/var/lib/c1/merged/var/www/a.php", entry.index, out));
-    EXPECT_EQ(out.id, "c1");
-    EXPECT_EQ(out.index, entry.index);
-    Engine::ContainerCacheInfo out2;
-    EXPECT_TRUE(task->GetContainerCacheFromIndex("/var/lib/c1/merged2/x", entry.index, out2)) << "no separator needed";
-    Engine::ContainerCacheInfo out3;
-    EXPECT_FALSE(task->GetContainerCacheFromIndex("/other/var/lib/c1/merged/x", entry.index, out3));
-    EXPECT_TRUE(out3.id.empty());
+    const struct {
+        const char* path;
+        unsigned long index;
+        const char* found;  // "" when the lookup fails
+    } lookups[] = {
+        {"/var/lib/a/merged/x", 0, ""},  // index 0 is the host
+        {"/var/lib/a/merged/var/www/a.php", 1, "aaa"},
+        {"/var/lib/a/merged2/x", 1, "aaa"},  // no separator needed
+        {"/other/var/lib/a/merged/x", 1, ""},
+        {"/anything", 2, "bbb"},
+    };
+    for (const auto& l : lookups) {
+        Engine::ContainerCacheInfo found;
+        EXPECT_EQ(task->GetContainerCacheFromIndex(l.path, l.index, found), *l.found != '\0') << l.path;
+        EXPECT_EQ(found.id, l.found) << l.path;
+    }
 
-    // An empty root path matches every file.
-    Engine::ContainerCacheInfo rootless;
-    rootless.id = "c2";
-    rootless.name = "two";
-    ASSERT_TRUE(task->InsertContainerCache(rootless));
-    Engine::ContainerCacheInfo out4;
-    EXPECT_TRUE(task->GetContainerCacheFromIndex("/anything", rootless.index, out4));
-    EXPECT_EQ(out4.name, "two");
+    // A deleted entry's index is gone and never handed out again.
+    task->DeleteContainerCache("aaa");
+    task->DeleteContainerCache("zzz");
+    EXPECT_FALSE(task->GetContainerCacheFromIndex("/var/lib/a/merged/x.php", 1, out));
+    EXPECT_EQ(log.Count("WebshellTask not match cache index. index=1, path=/var/lib/a/merged/x.php",
+                        Poco::Message::PRIO_WARNING), 1u);
+    Engine::ContainerCacheInfo c = entry("ccc", "gamma", "/var/lib/c");
+    ASSERT_TRUE(task->InsertContainerCache(c));
+    EXPECT_EQ(c.index, 3u);
 }
 
 TEST_F(ContainerTest, OnlyTheFileChangeTaskSubscribesAndEveryTaskUnsubscribes)
 {
     Start();
-
-    // Seen from the collector's side this time.
-    Poco::AutoPtr<Engine::DetectFileChangeWebshellTask> fileChange(new Engine::DetectFileChangeWebshellTask());
-    Poco::AutoPtr<Engine::AutoScanWebshellTask> periodic(new Engine::AutoScanWebshellTask());
-    Poco::AutoPtr<Engine::OnceScanWebshellTask> once(new Engine::OnceScanWebshellTask());
-    Poco::AutoPtr<Engine::DetectFileChangeWebshellTask> switchedOff(new Engine::DetectFileChangeWebshellTask());
-    Poco::AutoPtr<Engine::DetectFileChangeWebshellTask> noPolicy(new Engine::DetectFileChangeWebshellTask());
+    // The file-change task, a periodic and a once task with containers
+    // followed, a file-change task with containers off, one without policy.
     PolicyDoc off = doc;
     off.monitorContainer = false;
     Poco::AutoPtr<Engine::DetectWebshellPolicy> offPolicy = MakePolicy(off);
-    const std::vector<Engine::ScanWebshellTask*> tasks{fileChange.get(), periodic.get(), once.get(),
-                                                       switchedOff.get(), noPolicy.get()};
+    std::vector<Poco::AutoPtr<Engine::ScanWebshellTask>> tasks{
+        new Engine::DetectFileChangeWebshellTask(), new Engine::AutoScanWebshellTask(),
+        new Engine::OnceScanWebshellTask(), new Engine::DetectFileChangeWebshellTask(),
+        new Engine::DetectFileChangeWebshellTask()};
     for (size_t i = 0; i < tasks.size(); ++i) {
-        if (i < 4) {  // the last one has no policy
+        if (i < 4) {
             tasks[i]->SetFeaturePolicy(i < 3 ? policy.get() : offPolicy.get());
         }
         ASSERT_EQ(tasks[i]->Init(), 0);
     }
-    env.Barrier(kContainerCollect);
     auto subscriptions = env.Sent<Engine::ContainerRegisterMessage>(kContainerCollect);
     ASSERT_EQ(subscriptions.size(), 1u);
-    EXPECT_EQ(subscriptions[0]->task, fileChange.get());
+    EXPECT_EQ(subscriptions[0]->task, tasks[0].get());
     EXPECT_TRUE(subscriptions[0]->subscribe);
     EXPECT_FALSE(subscriptions[0]->option);
 
+    // Every task unsubscribes from containers, and from asset kinds 0 then 4.
     env.ClearCaptures();
-    for (auto* t : tasks) {
+    for (auto& t : tasks) {
         t->UnInit();
     }
-    env.Barrier(kContainerCollect);
     auto unsubscriptions = env.Sent<Engine::ContainerRegisterMessage>(kContainerCollect);
     ASSERT_EQ(unsubscriptions.size(), 5u);
     for (auto& m : unsubscriptions) {
-        EXPECT_FALSE(m->subscribe);
-        EXPECT_FALSE(m->option);
+        EXPECT_FALSE(m->subscribe || m->option);
     }
-    // Asset kinds 0 then 4 are unsubscribed by each.
-    env.Barrier(kMsgSync);
     auto assets = env.Sent<Engine::AssetUnRegisterMessage>(kMsgSync);
     ASSERT_EQ(assets.size(), 10u);
     EXPECT_EQ(assets[0]->kind, 0u);
     EXPECT_EQ(assets[1]->kind, 4u);
-    EXPECT_EQ(assets[0]->task, fileChange.get());
+    EXPECT_EQ(assets[0]->task, tasks[0].get());
 }
 
 TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
@@ -225,45 +195,26 @@ TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
     Engine::ContainerCacheInfo gone;
     EXPECT_FALSE(task->GetContainerCache("0123abcd", gone));
 
-    // A stop for something never cached.
+    // A stop for something never cached; a container without a web root,
+    // an empty root path, or no description at all: nothing cached or watched.
     Deliver(info, false);
-    EXPECT_TRUE(env.TakeWatches().empty());
-}
-
-TEST_F(ContainerTest, EventsThatChangeNothing)
-{
-    doc.defaultPaths.push_back(kHtml);
-    Start();
-
-    // No web root under the container: nothing cached, nothing watched.
     auto bare = Container("b4re", "bare", true);
     web.MkDir("bare/merged/etc");
     Deliver(bare);
-    EXPECT_TRUE(env.TakeWatches().empty());
-    bare->running = false;
-    Deliver(bare);
-
-    // An empty root path, or no description at all: ignored.
     auto rootless = Container("r00t", "rootless", true);
     rootless->rootPath.clear();
     EXPECT_EQ(Deliver(rootless), 0);
     EXPECT_EQ(Deliver(nullptr), 0);
     EXPECT_TRUE(env.TakeWatches().empty());
-    Engine::ContainerCacheInfo none;
-    EXPECT_FALSE(task->GetContainerCache("r00t", none));
-    EXPECT_FALSE(task->GetContainerCache("b4re", none));
+    EXPECT_FALSE(task->GetContainerCache("r00t", gone));
+    EXPECT_FALSE(task->GetContainerCache("b4re", gone));
 
-}
-
-TEST_F(ContainerTest, SwitchOffLeavesCachedContainersUntilUnInit)
-{
-    doc.defaultPaths.push_back(kHtml);
-    Start();
-    auto info = Container("5w17", "legacy", true);
-    const std::string html = web.MkDir("legacy/merged" + kHtml);
+    // Containers switched off: a stop is no longer followed, the entry stays
+    // until UnInit removes the watches (the container's, then the host's)
+    // and empties the cache.
+    info->running = true;
     Deliver(info);
-    ASSERT_EQ(env.TakeWatches().size(), 1u);
-
+    ASSERT_EQ(env.TakeWatches().size(), 2u);
     PolicyDoc off = doc;
     off.monitorContainer = false;
     Poco::AutoPtr<Engine::DetectWebshellPolicy> offPolicy = MakePolicy(off);
@@ -271,22 +222,20 @@ TEST_F(ContainerTest, SwitchOffLeavesCachedContainersUntilUnInit)
     info->running = false;
     Deliver(info, false);
     EXPECT_TRUE(env.TakeWatches().empty());
-    Engine::ContainerCacheInfo cached;
-    EXPECT_TRUE(task->GetContainerCache("5w17", cached));
-
-    // UnInit removes the watches (the container's, then the host's) and empties the cache.
+    Engine::ContainerCacheInfo cached2;
+    ASSERT_TRUE(task->GetContainerCache("0123abcd", cached2));
     task->UnInit();
     uninitialised = true;
-    auto watches = env.TakeWatches();
-    ASSERT_EQ(watches.size(), 2u);
-    EXPECT_EQ(watches[0]->GetPath(), html);
-    EXPECT_EQ(watches[0]->GetOpt().removeWatch, 1);
-    EXPECT_EQ(watches[0]->GetOpt().extParm, cached.index);
-    EXPECT_EQ(watches[1]->GetOpt().removeWatch, 1);
-    EXPECT_EQ(watches[1]->GetOpt().extParm, 0u);
-    EXPECT_FALSE(task->GetContainerCache("5w17", cached));
-
-    // Clearing an empty cache logs and sends nothing.
+    watches = env.TakeWatches();
+    ASSERT_EQ(watches.size(), 3u);
+    for (size_t i = 0; i < 2; ++i) {
+        EXPECT_EQ(watches[i]->GetOpt().removeWatch, 1);
+        EXPECT_EQ(watches[i]->GetOpt().extParm, cached2.index);
+    }
+    EXPECT_EQ(watches[2]->GetOpt().removeWatch, 1);
+    EXPECT_EQ(watches[2]->GetOpt().extParm, 0u);
+    EXPECT_FALSE(task->GetContainerCache("0123abcd", cached2));
+    // Clearing an empty cache sends nothing.
     task->ClearContainerCache();
     EXPECT_TRUE(env.TakeWatches().empty());
 }
@@ -316,13 +265,9 @@ TEST_F(ContainerTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
     ASSERT_EQ(once->Init(), 0);
     once->Run();
 
-    env.Barrier(kDataReport);
     std::map<std::string, Json::Value> byPath;
-    for (auto& m : env.Sent<Framework::DataMessage>(kDataReport)) {
-        Json::Value e = ParseJson(m->GetContent());
-        const std::string path = e["file_info"].isArray() ? e["file_info"][0]["file_path"].asString()
-                                                          : e["file_info"]["file_path"].asString();
-        byPath[path] = e;
+    for (auto& e : env.Events()) {
+        byPath[(e["file_info"].isArray() ? e["file_info"][0] : e["file_info"])["file_path"].asString()] = e;
     }
     ASSERT_EQ(byPath.size(), 2u);
     EXPECT_TRUE(byPath[hostShell]["file_info"].isArray());
@@ -344,11 +289,10 @@ TEST_F(ContainerTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
     third->SetFeaturePolicy(overlapPolicy.get());
     ASSERT_EQ(third->Init(), 0);
     third->Run();
-    env.Barrier(kDataReport);
-    auto events = env.Sent<Framework::DataMessage>(kDataReport);
+    auto events = env.Events();
     ASSERT_EQ(events.size(), 2u);
-    for (auto& m : events) {
-        EXPECT_TRUE(ParseJson(m->GetContent())["file_info"].isArray());
+    for (auto& e : events) {
+        EXPECT_TRUE(e["file_info"].isArray());
     }
 
     EXPECT_EQ(env.engine().UnRegisterTask("detect_file_change_wehshell_task"), 1);

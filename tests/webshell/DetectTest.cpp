@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include "WebshellTestUtil.h"
-#include "sdk/JsonUtils.h"
 #include "webshell/LayerDecoder.h"
 #include "webshell/ScanWebshellTask.h"
 
@@ -121,18 +120,15 @@ std::string Xor(const std::string& a, const std::string& b)
 
 class DetectTest : public TaskFixture<Engine::OnceScanWebshellTask> {
 protected:
-    void Apply(const std::string& extraContentKey = "", int value = 0)
+    void SetUp() override
     {
         doc.defaultPaths = {web.Path()};
         doc.fileType = "";
         doc.libHash = env.InstallRules(kRules);
-        Json::Value json = doc.ToJsonValue();
-        if (!extraContentKey.empty()) {
-            json["content"][extraContentKey] = value;
-        }
-        policy = MakePolicy(SDK::JsonUtils::JsonToString(json));
-        task->SetFeaturePolicy(policy.get());
-        ASSERT_EQ(task->Init(), 0);
+    }
+    void Scanning()
+    {
+        Apply();
         ASSERT_TRUE(task->ParsePolicyContent());
     }
     // Keyword of each event, by path.
@@ -207,7 +203,7 @@ TEST_F(DetectTest, MarkerHiddenUnderEachEncodingIsReportedWithItsKeyword)
         {"nested.php", "<?php eval(gzinflate(base64_decode('" + Base64(Deflate(level1, -15)) + "')));", kDeepMarker},
     };
 
-    Apply();
+    Scanning();
     std::map<std::string, std::string> expected;
     for (const Hidden& c : cases) {
         ASSERT_EQ(c.content.find(c.keyword), std::string::npos) << c.name << " shows its marker";
@@ -259,7 +255,7 @@ TEST_F(DetectTest, HostileInputIsBoundedAndTheFileIsStillScannedAsItIs)
         {"binary.php", binary, Engine::DecodeEnd::Complete, 0},
     };
 
-    Apply();
+    Scanning();
     std::set<std::string> uploads;
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -306,7 +302,7 @@ TEST_F(DetectTest, UntaggedRuleWithAScoreAtTheSettingBecomesCertain)
     };
 
     // Off unless set: every scored match is an upload.
-    Apply();
+    Scanning();
     scanRound("off");
     EXPECT_TRUE(Events().empty());
     EXPECT_EQ(env.UploadPaths().size(), 4u);
@@ -314,7 +310,8 @@ TEST_F(DetectTest, UntaggedRuleWithAScoreAtTheSettingBecomesCertain)
     // At 80: the rule scored 80 is certain, also behind an earlier
     // suspicious match; a deciding tag keeps its meaning whatever the score.
     env.ClearCaptures();
-    Apply("certain_min_score", 80);
+    doc.certainMinScore = 80;
+    Scanning();
     ASSERT_EQ(policy->GetCertainMinScore().value_or(-1), 80);
     std::map<std::string, std::string> on = scanRound("on");
     EXPECT_EQ(Events(), (std::map<std::string, std::string>{{on["ARDENT-SCORE-HIGH"], "ARDENT-SCORE-HIGH"},

@@ -43,13 +43,20 @@ void ExpectRequest(const Engine::FileNotifyWatchMessage& msg, Framework::Task* s
 
 TEST_F(WatchTest, WatchesFollowThePolicyOneRequestPerChangeInPathOrder)
 {
+    // No policy, then no root that exists: no request.
+    ASSERT_EQ(task->Init(), 0);
+    doc.defaultPaths = {web.Join("missing")};
+    Apply(false);
+    task->RegisterFileMonitorMessage();
+    EXPECT_TRUE(env.TakeWatches().empty());
+
     const std::string a = web.MkDir("a");
     const std::string b = web.MkDir("b");
     const std::string c = web.MkDir("c");
     doc.defaultPaths = {c};
     doc.customPaths = {a};
     Apply(false);
-    ASSERT_EQ(task->Init(), 0);  // the first registration: every root is added
+    task->RegisterFileMonitorMessage();  // nothing watched yet: every root is added
 
     auto watches = env.TakeWatches();
     ASSERT_EQ(watches.size(), 2u);
@@ -79,35 +86,13 @@ TEST_F(WatchTest, WatchesFollowThePolicyOneRequestPerChangeInPathOrder)
     EXPECT_TRUE(env.TakeWatches().empty());
     EXPECT_EQ(task->GetMonitorDirs(), (std::set<std::string>{b, c}));
 
-    // The diff itself, on an empty scan set, removes everything and keeps a
-    // key already in the caller's map.
-    std::map<std::string, std::string> changes{{b, "keep"}};
-    task->UpdateMonitorDirChange(changes);
-    EXPECT_EQ(changes, (std::map<std::string, std::string>{{b, "keep"}, {c, "delete"}}));
-    EXPECT_TRUE(task->GetMonitorDirs().empty());
-}
-
-TEST_F(WatchTest, AnyOperationButAddIsARemoval)
-{
-    Apply(false);
+    // Any operation but "add" is a removal.
     task->SendFileNotifyWatchMessage("/srv/x", "Add", 7);
     task->SendFileNotifyWatchMessage("/srv/y", "add", 9);
-    task->SendFileNotifyWatchMessage("/srv/z", "", 0);
-    auto watches = env.TakeWatches();
-    ASSERT_EQ(watches.size(), 3u);
+    watches = env.TakeWatches();
+    ASSERT_EQ(watches.size(), 2u);
     ExpectRequest(*watches[0], task.get(), "/srv/x", false, 7);
     ExpectRequest(*watches[1], task.get(), "/srv/y", true, 9);
-    ExpectRequest(*watches[2], task.get(), "/srv/z", false, 0);
-}
-
-TEST_F(WatchTest, NoPolicyOrNoRootMeansNoRequest)
-{
-    ASSERT_EQ(task->Init(), 0);  // no policy at all
-    doc.defaultPaths = {web.Join("missing")};
-    Apply(false);
-    task->RegisterFileMonitorMessage();
-    EXPECT_TRUE(env.TakeWatches().empty());
-    EXPECT_TRUE(task->GetMonitorDirs().empty());
 }
 
 TEST_F(WatchTest, AssetReportsRefreshTheWatches)
@@ -181,41 +166,4 @@ TEST_F(WatchTest, NotificationsScanChangedFilesAndIgnoreDirectories)
     Notify(kInCreate, web.Join("www/vanished.php"), 0);
     EXPECT_EQ(log.Count("Check file failed", Poco::Message::PRIO_ERROR), 1u);
     EXPECT_EQ(task->FileNotifyMessageAction(nullptr), 0);
-}
-
-TEST_F(WatchTest, NotificationFromAContainerWatchIsAttributedToTheContainer)
-{
-    const std::string merged = web.MkDir("containers/c1/merged");
-    web.MkDir("containers/c1/merged/var/www/html");
-    doc.defaultPaths = {web.MkDir("www")};
-    doc.monitorContainer = true;
-    Apply(false);
-    ASSERT_EQ(task->Init(), 0);
-
-    Engine::ContainerCacheInfo entry;
-    entry.id = "c1id";
-    entry.name = "shop";
-    entry.imageName = "php:8-apache";
-    entry.imageId = "sha256:77";
-    entry.rootPath = merged;
-    entry.scanPathList = {merged + "/var/www/html"};
-    ASSERT_TRUE(task->InsertContainerCache(entry));
-    ASSERT_EQ(entry.index, 1u);
-
-    const std::string shell = web.Write("containers/c1/merged/var/www/html/up.php", std::string("<?php ") + kCertainMark);
-    Notify(kInCreate, shell, entry.index);
-    auto events = env.Events();
-    ASSERT_EQ(events.size(), 1u);
-    ASSERT_TRUE(events[0]["file_info"].isObject());
-    EXPECT_EQ(events[0]["file_info"]["file_path"].asString(), "/var/www/html/up.php");
-    EXPECT_EQ(events[0]["container_name"].asString(), "shop");
-    EXPECT_EQ(events[0]["image_name"].asString(), "php:8-apache");
-    EXPECT_EQ(events[0]["resource_info"]["container_id"].asString(), "c1id");
-
-    // Outside the container's root the index does not apply: a host file.
-    const std::string outside = web.Write("www/outside.php", std::string("<?php ") + kCertainMark);
-    Notify(kInCreate, outside, entry.index);
-    events = env.Events();
-    ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(events[1]["file_info"][0]["file_path"].asString(), outside);
 }

@@ -9,69 +9,13 @@
 
 namespace WebshellTest {
 
-const char* const kDataReport = "data_comm_report_task";
-const char* const kFileReport = "file_comm_report_task";
-const char* const kFileNotify = "filenotify_task";
-const char* const kMsgSync = "msg_sync_task";
-const char* const kContainerCollect = "container_collect_task";
-
-const char* const kCertainMark = "CERTAIN_MARK_51c2";
-const char* const kSuspiciousMark = "SUSPICIOUS_MARK_7f3a";
-const char* const kExtraPhpMark = "EXTRA_PHP_MARK_88d0";
-const char* const kCertainlyMark = "CERTAINLY_MARK_2b61";
-const char* const kPrivateMark = "PRIVATE_MARK_93ad";
-const char* const kFirstMark = "FIRST_MARK_04e7";
-const char* const kSecondMark = "SECOND_MARK_c9b5";
-
 const char* const kTestRules = R"(
-rule suspicious_mark
-{
-    strings:
-        $s = "SUSPICIOUS_MARK_7f3a"
-    condition:
-        $s
-}
-
-rule certain_mark : certain php
-{
-    strings:
-        $c = "CERTAIN_MARK_51c2"
-    condition:
-        $c
-}
-
-rule extra_then_certain : extra_php certain
-{
-    strings:
-        $e = "EXTRA_PHP_MARK_88d0"
-    condition:
-        $e
-}
-
-rule certainly_prefix : certainly
-{
-    strings:
-        $p = "CERTAINLY_MARK_2b61"
-    condition:
-        $p
-}
-
-rule private_only : certain
-{
-    strings:
-        $h = "PRIVATE_MARK_93ad" private
-    condition:
-        $h
-}
-
-rule two_strings : certain
-{
-    strings:
-        $a = "FIRST_MARK_04e7"
-        $b = "SECOND_MARK_c9b5"
-    condition:
-        all of them
-}
+rule suspicious_mark { strings: $s = "SUSPICIOUS_MARK_7f3a" condition: $s }
+rule certain_mark : certain php { strings: $c = "CERTAIN_MARK_51c2" condition: $c }
+rule extra_then_certain : extra_php certain { strings: $e = "EXTRA_PHP_MARK_88d0" condition: $e }
+rule certainly_prefix : certainly { strings: $p = "CERTAINLY_MARK_2b61" condition: $p }
+rule private_only : certain { strings: $h = "PRIVATE_MARK_93ad" private condition: $h }
+rule two_strings : certain { strings: $a = "FIRST_MARK_04e7" $b = "SECOND_MARK_c9b5" condition: all of them }
 )";
 
 // -------------------------------------------------------------------- Env
@@ -83,7 +27,7 @@ Env::Env() : m_engine(new TestSupport::TestEngine())
         if (engine().RegisterTask(task.get(), nullptr) != 0) {
             throw std::runtime_error(std::string("cannot register capture task ") + name);
         }
-        m_captures.emplace_back(name, task);
+        m_captures.emplace(name, task);
     }
 }
 
@@ -97,15 +41,7 @@ Env::~Env()
     m_engine.reset();
 }
 
-TestSupport::CaptureTask& Env::Capture(const std::string& service)
-{
-    for (auto& entry : m_captures) {
-        if (entry.first == service) {
-            return *entry.second;
-        }
-    }
-    throw std::runtime_error("no capture task " + service);
-}
+TestSupport::CaptureTask& Env::Capture(const std::string& service) { return *m_captures.at(service); }
 
 std::string Env::InstallRules(const std::string& source, bool compiled)
 {
@@ -140,7 +76,6 @@ void Env::Barrier(const std::string& service)
 
 std::vector<Json::Value> Env::Events()
 {
-    Barrier(kDataReport);
     std::vector<Json::Value> out;
     for (auto& m : Sent<Framework::DataMessage>(kDataReport)) {
         EXPECT_EQ(m->GetDataType(), "2");
@@ -161,7 +96,6 @@ std::set<std::string> Env::EventPaths()
 
 std::set<std::string> Env::UploadPaths()
 {
-    Barrier(kFileReport);
     std::set<std::string> paths;
     for (auto& m : Sent<Framework::FileMessage>(kFileReport)) {
         if (m->GetTaskType() == Framework::FileMessage::UPLOAD) {
@@ -173,7 +107,6 @@ std::set<std::string> Env::UploadPaths()
 
 std::vector<std::shared_ptr<Engine::FileNotifyWatchMessage>> Env::TakeWatches()
 {
-    Barrier(kFileNotify);
     auto watches = Sent<Engine::FileNotifyWatchMessage>(kFileNotify);
     Capture(kFileNotify).Clear();
     return watches;
@@ -196,13 +129,12 @@ Json::Value PolicyDoc::ToJsonValue() const
     root["hash"] = "test";
     root["enabled"] = true;
     Json::Value& content = root["content"];
-    content["default_scan_paths"] = Json::Value(Json::arrayValue);
-    for (auto& p : defaultPaths) {
-        content["default_scan_paths"].append(p);
-    }
-    content["customize_scan_paths"] = Json::Value(Json::arrayValue);
-    for (auto& p : customPaths) {
-        content["customize_scan_paths"].append(p);
+    for (const auto& [key, paths] : {std::make_pair("default_scan_paths", &defaultPaths),
+                                     std::make_pair("customize_scan_paths", &customPaths)}) {
+        content[key] = Json::Value(Json::arrayValue);
+        for (auto& p : *paths) {
+            content[key].append(p);
+        }
     }
     content["lib_version"] = libVersion;
     content["lib_url"] = libUrl;
@@ -212,6 +144,9 @@ Json::Value PolicyDoc::ToJsonValue() const
     content["file_type"] = fileType;
     content["max_file_size"] = maxFileSize;
     content["upload_file_count_per_day"] = uploadPerDay;
+    if (certainMinScore >= 0) {
+        content["certain_min_score"] = certainMinScore;
+    }
     Json::Value& condition = content["auto_scan_task"]["task_condition"];
     condition["type"] = "interval";
     condition["interval_s"] = intervalS;
@@ -219,15 +154,9 @@ Json::Value PolicyDoc::ToJsonValue() const
     return root;
 }
 
-std::string PolicyDoc::ToJson() const
-{
-    return SDK::JsonUtils::JsonToString(ToJsonValue());
-}
+std::string PolicyDoc::ToJson() const { return SDK::JsonUtils::JsonToString(ToJsonValue()); }
 
-Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc)
-{
-    return MakePolicy(doc.ToJson());
-}
+Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc) { return MakePolicy(doc.ToJson()); }
 
 Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const std::string& json)
 {

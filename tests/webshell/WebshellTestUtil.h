@@ -4,6 +4,7 @@
 // documents, and the one fixture for a task under test.
 
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -29,16 +30,15 @@ public:
     {
         return TestSupport::LogCapture::Count(needle, atMost);
     }
-    bool Has(const std::string& needle, Poco::Message::Priority atMost) { return Count(needle, atMost) > 0; }
 };
 using LogRecord = TestSupport::LogCapture::Record;
 
 // The five service names the module talks to.
-extern const char* const kDataReport;
-extern const char* const kFileReport;
-extern const char* const kFileNotify;
-extern const char* const kMsgSync;
-extern const char* const kContainerCollect;
+inline const char* const kDataReport = "data_comm_report_task";
+inline const char* const kFileReport = "file_comm_report_task";
+inline const char* const kFileNotify = "filenotify_task";
+inline const char* const kMsgSync = "msg_sync_task";
+inline const char* const kContainerCollect = "container_collect_task";
 
 // A real engine whose install dir is a temp tree, with capture tasks
 // registered under the service names.
@@ -60,10 +60,11 @@ public:
     // Returns once every message sent to `service` before the call has
     // been handled by its capture task.
     void Barrier(const std::string& service);
-    // Messages of type T captured for `service` so far.
+    // Messages of type T sent to `service` so far (after a barrier).
     template <typename T>
     std::vector<std::shared_ptr<T>> Sent(const std::string& service)
     {
+        Barrier(service);
         return Capture(service).MessagesOf<T>();
     }
     void ClearCaptures();
@@ -78,7 +79,7 @@ public:
 
 private:
     std::unique_ptr<TestSupport::TestEngine> m_engine;
-    std::vector<std::pair<std::string, Poco::AutoPtr<TestSupport::CaptureTask>>> m_captures;
+    std::map<std::string, Poco::AutoPtr<TestSupport::CaptureTask>> m_captures;
 };
 
 // A policy document with sensible defaults; tests change what they need.
@@ -93,6 +94,7 @@ struct PolicyDoc {
     std::string fileType = "php,jsp";
     int maxFileSize = 10485760;
     int uploadPerDay = 100;
+    int certainMinScore = -1;  // absent when negative
     // Far in the future, so a registered periodic task does not fire on
     // its own during a test.
     int intervalS = 86400;
@@ -111,13 +113,13 @@ using TestSupport::ParseJson;
 // Rules used across the tests. Marks are plain strings a test writes into
 // files; rule order matters (the first matching rule wins).
 extern const char* const kTestRules;
-extern const char* const kCertainMark;     // rule certain_mark, tag certain
-extern const char* const kSuspiciousMark;  // rule suspicious_mark, no certain tag
-extern const char* const kExtraPhpMark;    // rule extra_then_certain: tags extra_php certain
-extern const char* const kCertainlyMark;   // rule certainly_prefix: tag "certainly"
-extern const char* const kPrivateMark;     // rule private_only: certain, private string only
-extern const char* const kFirstMark;       // rule two_strings: certain, $a then $b
-extern const char* const kSecondMark;
+inline const char* const kCertainMark = "CERTAIN_MARK_51c2";      // rule certain_mark, tag certain
+inline const char* const kSuspiciousMark = "SUSPICIOUS_MARK_7f3a";  // rule suspicious_mark, no certain tag
+inline const char* const kExtraPhpMark = "EXTRA_PHP_MARK_88d0";    // rule extra_then_certain: tags extra_php certain
+inline const char* const kCertainlyMark = "CERTAINLY_MARK_2b61";   // rule certainly_prefix: tag "certainly"
+inline const char* const kPrivateMark = "PRIVATE_MARK_93ad";       // rule private_only: certain, private string only
+inline const char* const kFirstMark = "FIRST_MARK_04e7";           // rule two_strings: certain, $a then $b
+inline const char* const kSecondMark = "SECOND_MARK_c9b5";
 
 // One web-shell task under test with the engine, the module's log, a temp
 // web tree and a policy document (the test rules installed).
