@@ -89,6 +89,7 @@ class Install:
         start = time.monotonic()
         run = subprocess.run([self.agent, "scan", "--install-dir", self.dir, "--policy", self.policy,
                               "--rules", self.rules, "--events", events, "--log-level", "warning",
+                              "--upload-dir", upload,
                               os.path.abspath(tree)], capture_output=True, text=True)
         seconds = time.monotonic() - start
         if run.returncode not in (0, 1):

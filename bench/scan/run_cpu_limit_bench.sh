@@ -24,7 +24,8 @@ JSON
 printf '| --cpu-limit | wall s | CPU s (user+sys) | CPU share of one core |\n|---|---|---|---|\n'
 for l in 0 "$limit"; do
   /usr/bin/time -f "%e %U %S" -o "$work/t" "$work/install/bin/ardent-agent" scan --install-dir "$work/install" \
-    --policy "$work/policy.json" --events /dev/null --log-level warning --cpu-limit "$l" >/dev/null 2>&1 || true
+    --policy "$work/policy.json" --events /dev/null --log-level warning --upload-dir "$work/install/data/upload" \
+    --cpu-limit "$l" >/dev/null 2>&1 || true
   read -r e u s < <(tail -n 1 "$work/t")
   printf '| %s | %s | %.2f | %.0f %% |\n' "$l" "$e" "$(awk "BEGIN{print $u+$s}")" "$(awk "BEGIN{print 100*($u+$s)/$e}")"
 done

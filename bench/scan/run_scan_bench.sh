@@ -56,7 +56,7 @@ cat > "$work/policy.json" <<JSON
 JSON
 
 agent=("$install/bin/ardent-agent" scan --install-dir "$install" --policy "$work/policy.json"
-       --events /dev/null --log-level warning)
+       --events /dev/null --log-level warning --upload-dir "$install/data/upload")
 # A build from before --threads runs its one thread for both rows.
 ours1=("${agent[@]}") ours2=("${agent[@]}")
 if "$install/bin/ardent-agent" help scan | grep -q -- --threads; then
