@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <system_error>
 #include <istream>
 #include <ostream>
 
@@ -116,15 +115,7 @@ void HttpSink::Start()
     if (stats.pending > 0) {
         m_firstPendingMs = -1;
     }
-    try {
-        m_thread = std::thread([this] { Loop(); });
-    } catch (const std::system_error& e) {
-        SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
-                "No thread for the %s sink (%s): nothing is sent until the agent restarts.", "http",
-                e.what());
-        Framework::Health::Raise(kStatusKey, Framework::Health::Severity::Degraded,
-                                 std::string("no delivery thread: ") + e.what());
-    }
+    m_thread = StartDeliveryThread("http", kStatusKey, m_logger, [this] { Loop(); });
 }
 
 void HttpSink::Submit(const std::string& line)

@@ -1,6 +1,7 @@
 #include "report/RemoteSink.h"
 
 #include <algorithm>
+#include <system_error>
 
 #include "framework/Health.h"
 #include "sdk/LogMacros.h"
@@ -13,6 +14,21 @@ const char* const kSource = "module/module_report/src/RemoteSink";
 const int kFirstBackoffMs = 250;
 
 }  // namespace
+
+std::thread StartDeliveryThread(const char* sink, const std::string& healthKey, Poco::Logger* logger,
+                                std::function<void()> loop)
+{
+    try {
+        return std::thread(std::move(loop));
+    } catch (const std::system_error& e) {
+        SDK_LOG(logger, Poco::Message::PRIO_ERROR, kSource,
+                "No thread for the %s sink (%s): nothing is sent until the agent restarts.", std::string(sink),
+                e.what());
+        Framework::Health::Raise(healthKey, Framework::Health::Severity::Degraded,
+                                 std::string("no delivery thread: ") + e.what());
+        return std::thread();
+    }
+}
 
 Outage::Outage(std::string healthKey, std::string what, Poco::Logger* logger)
     : m_key(std::move(healthKey)), m_what(std::move(what)), m_logger(logger)

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <system_error>
 
 #include <Poco/DateTimeFormatter.h>
 #include <Poco/Environment.h>
@@ -141,15 +140,7 @@ void SyslogSink::Start()
         Poco::Mutex::ScopedLock lock(m_mutex);
         m_stop = false;
     }
-    try {
-        m_thread = std::thread([this] { Loop(); });
-    } catch (const std::system_error& e) {
-        SDK_LOG(m_logger, Poco::Message::PRIO_ERROR, kSource,
-                "No thread for the %s sink (%s): nothing is sent until the agent restarts.", "syslog",
-                e.what());
-        Framework::Health::Raise(kStatusKey, Framework::Health::Severity::Degraded,
-                                 std::string("no delivery thread: ") + e.what());
-    }
+    m_thread = StartDeliveryThread("syslog", kStatusKey, m_logger, [this] { Loop(); });
 }
 
 void SyslogSink::Submit(const std::string& line)

@@ -7,7 +7,9 @@
 // in progress and joins; nothing is sent after it returns.
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <thread>
 
 namespace Poco {
 class Logger;
@@ -49,6 +51,12 @@ private:
     uint64_t m_failedInOutage = 0;
     std::string m_lastError;
 };
+
+// Starts a sink's delivery thread running `loop`. When no thread can be had
+// it says so, raises `healthKey` and returns an empty thread: the sink then
+// sends nothing until the agent restarts.
+std::thread StartDeliveryThread(const char* sink, const std::string& healthKey, Poco::Logger* logger,
+                                std::function<void()> loop);
 
 // Delay before the next attempt after `failures` in a row: from 250 ms,
 // doubling, up to `maxMs`.
