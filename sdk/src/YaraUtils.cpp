@@ -68,6 +68,55 @@ const char* const kVarLiteralEntropy = "literal_entropy";
 // A literal shorter than this has no meaningful entropy.
 const std::size_t kEntropyMinLiteral = 32;
 
+// Bytes below 0x20 other than tab, CR and LF, and DEL.
+std::size_t CountControlBytes(const unsigned char* bytes, std::size_t size)
+{
+    // Bitwise, not short-circuit: no branch in the loop body.
+    auto isControl = [](unsigned char c) -> unsigned char {
+        return static_cast<unsigned char>(((c < 0x20) & (c != '\t') & (c != '\r') & (c != '\n')) | (c == 0x7f));
+    };
+    const std::size_t kBlock = 64;
+    std::size_t control = 0;
+    std::size_t i = 0;
+    for (; i + kBlock <= size; i += kBlock) {
+        unsigned char block = 0;  // at most kBlock
+        for (std::size_t k = 0; k < kBlock; ++k) {
+            block += isControl(bytes[i + k]);
+        }
+        control += block;
+    }
+    for (; i < size; ++i) {
+        control += isControl(bytes[i]);
+    }
+    return control;
+}
+
+// The next position of one byte value at or after a point, searched with
+// memchr and remembered, for a walk that only moves forward.
+class NextByte {
+public:
+    NextByte(const unsigned char* bytes, std::size_t size, unsigned char value)
+        : m_bytes(bytes), m_size(size), m_value(value)
+    {
+    }
+    std::size_t From(std::size_t pos)
+    {
+        if (!m_found || m_next < pos) {
+            m_found = true;
+            const void* hit = pos < m_size ? memchr(m_bytes + pos, m_value, m_size - pos) : nullptr;
+            m_next = hit == nullptr ? m_size : static_cast<const unsigned char*>(hit) - m_bytes;
+        }
+        return m_next;
+    }
+
+private:
+    const unsigned char* m_bytes;
+    std::size_t m_size;
+    unsigned char m_value;
+    std::size_t m_next = 0;
+    bool m_found = false;
+};
+
 struct FileTypeGroup {
     const char* type;
     std::initializer_list<const char*> extensions;
@@ -293,34 +342,36 @@ void ScanContext::Measure(const char* data, std::size_t size)
     if (size == 0) {
         return;
     }
+    // Every file is measured before it is scanned, so this runs over every
+    // byte the agent reads: memchr finds line breaks and quotes, and the
+    // control count is a fixed-size loop the compiler turns into vector code.
     const auto* bytes = reinterpret_cast<const unsigned char*>(data);
-
-    std::size_t control = 0;
-    std::size_t lineStart = 0;
     std::size_t longest = 0;
-    for (std::size_t i = 0; i < size; ++i) {
-        const unsigned char c = bytes[i];
-        if (c == '\n') {
-            longest = std::max(longest, i - lineStart);
-            lineStart = i + 1;
-        } else if ((c < 0x20 && c != '\t' && c != '\r') || c == 0x7f) {
-            ++control;
+    for (std::size_t lineStart = 0;;) {
+        const void* hit = memchr(bytes + lineStart, '\n', size - lineStart);
+        const std::size_t lineEnd = hit == nullptr ? size : static_cast<const unsigned char*>(hit) - bytes;
+        longest = std::max(longest, lineEnd - lineStart);
+        if (hit == nullptr) {
+            break;
         }
+        lineStart = lineEnd + 1;
     }
-    longestLine = static_cast<int64_t>(std::max(longest, size - lineStart));
-    controlPct = static_cast<int64_t>(control * 100 / size);
+    longestLine = static_cast<int64_t>(longest);
+    controlPct = static_cast<int64_t>(CountControlBytes(bytes, size) * 100 / size);
 
     // Literals do not span lines here: an apostrophe in prose must not
     // open a "literal" that runs on for pages.
     std::size_t bestStart = 0;
     std::size_t bestLength = 0;
+    NextByte nextDouble(bytes, size, '"');
+    NextByte nextSingle(bytes, size, '\'');
     std::size_t i = 0;
     while (i < size) {
-        const unsigned char quote = bytes[i];
-        if (quote != '"' && quote != '\'') {
-            ++i;
-            continue;
+        i = std::min(nextDouble.From(i), nextSingle.From(i));
+        if (i >= size) {
+            break;
         }
+        const unsigned char quote = bytes[i];
         std::size_t j = i + 1;
         while (j < size && bytes[j] != quote && bytes[j] != '\n') {
             j += (bytes[j] == '\\' && j + 1 < size && bytes[j + 1] != '\n') ? 2 : 1;
@@ -603,6 +654,13 @@ bool YaraUtils::ScanOnce(const void* data, std::size_t size, int fd, RawCallback
                          int flags, int seconds, int limit, const ScanContext& context)
 {
     SetExternals(m_scanner, context);
+    // libyara guards each scan against SIGBUS/SIGSEGV from a file mapping
+    // that shrinks under it, at the price of several signal-handler system
+    // calls per scan. A buffer of our own cannot shrink: only a scan of a
+    // descriptor (libyara maps the file) keeps the guard.
+    if (fd < 0) {
+        flags |= SCAN_FLAGS_NO_TRYCATCH;
+    }
     yr_scanner_set_flags(m_scanner, SCAN_FLAGS_REPORT_RULES_MATCHING | flags);
     yr_scanner_set_callback(m_scanner, callback, userData);
     yr_scanner_set_timeout(m_scanner, seconds);
