@@ -21,9 +21,9 @@
 //   task never walks beside the pass this command runs, whatever the
 //   policy's schedule. File-change and container monitoring are switched
 //   off: nothing is left running after the pass.
-// - --threads N: the walk feeds N scanning threads, each with a scanner of
-//   its own over the one compiled library; events, uploads and the upload
-//   quota are as with one thread.
+// - --threads N: the walk, on a thread of its own, feeds N scanning threads,
+//   each with a scanner of its own over the one compiled library; events,
+//   uploads and the upload quota are as with one thread.
 // - PATHs replace "customize_scan_paths" and empty "default_scan_paths". A
 //   file is checked alone, whatever its suffix.
 // - Copies of suspicious files never go into the install tree unless
@@ -505,15 +505,16 @@ SDK::Status WriteReport(const std::string& path, const Json::Value& report)
     return SDK::Status::Ok();
 }
 
-// Files scanned at once: as asked, else one per core; one under a CPU limit,
-// which the limiter applies to each scanning thread.
+// Scanning threads beside the walk: as asked, else one per core; none under
+// a CPU limit (the walking thread scans, as in the resident agent), the
+// limiter applying to each thread.
 int ScanThreads(const AgentOptions& options)
 {
     if (options.threads > 0) {
         return options.threads;
     }
     if (options.cpuLimit > 0) {
-        return 1;
+        return 0;
     }
     const unsigned int cores = std::thread::hardware_concurrency();
     return cores > 0 ? static_cast<int>(std::min(cores, 64u)) : 1;

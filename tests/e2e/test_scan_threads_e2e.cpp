@@ -75,8 +75,9 @@ Outcome Scan(const std::string& policy, const std::string& rules, const std::vec
 // suspicious, with a hard link and a link back to the root that lead to files
 // seen already. The policy's periodic
 // pass has no delay, and the upload quota (8) is smaller than the suspicious
-// files: one pass, and with 1 or 3 threads the same events, the same number
-// of files kept, the quota used exactly.
+// files: one pass, and with the walking thread scanning alone (as under a CPU
+// limit) or 3 scanning threads beside it, the same events, the same number of
+// files kept, the quota used exactly.
 TEST(ScanThreadsE2E, OnePassAndTheSameOutcomeWithAnyNumberOfThreads)
 {
     TempDir dir("ardent-tree");
@@ -109,8 +110,10 @@ TEST(ScanThreadsE2E, OnePassAndTheSameOutcomeWithAnyNumberOfThreads)
     const std::string document = Json::writeString(Json::StreamWriterBuilder(), policy);
 
     std::vector<Outcome> runs;
-    for (const char* threads : {"1", "3"}) {
-        runs.push_back(Scan(document, rules, {"--threads", threads}));
+    for (const char* threads : {"0", "3"}) {
+        runs.push_back(Scan(document, rules,
+                            threads == std::string("0") ? std::vector<std::string>{"--cpu-limit", "100"}
+                                                        : std::vector<std::string>{"--threads", threads}));
         const Outcome& run = runs.back();
         EXPECT_EQ(run.code, 1) << threads << "\n" << run.err;
         EXPECT_NE(run.err.find("240 files seen, 240 checked, 32 matched (20 certain, 12 suspicious)"),
@@ -120,7 +123,7 @@ TEST(ScanThreadsE2E, OnePassAndTheSameOutcomeWithAnyNumberOfThreads)
         EXPECT_NE(run.err.find("uploads: " + std::to_string(run.kept) + " kept"), std::string::npos)
             << threads << "\n" << run.err;
     }
-    // The quota stopped the uploads at the same count with one thread or three.
+    // The quota stopped the uploads at the same count with no thread or three.
     EXPECT_LT(runs[0].kept, 12u);
     EXPECT_EQ(runs[1].kept, runs[0].kept);
     // Every match is listed once, whichever thread found it.

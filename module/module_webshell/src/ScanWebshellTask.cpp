@@ -181,21 +181,24 @@ Poco::FastMutex& ScanFiguresMutex()
     return mutex;
 }
 
-// Scanning threads of a pass: the engine's "webshell.scan_threads" (the
-// scan command's --threads); the resident agent leaves it at one.
+// Scanning threads of a pass beside the walking thread: the engine's
+// "webshell.scan_threads" (the scan command's --threads). The resident agent
+// leaves it unset: its task's one thread walks and scans, under its CPU limit.
 int ScanThreadsWanted()
 {
     Framework::Engine* engine = Framework::Engine::GetInstance();
     if (engine == nullptr) {
-        return 1;
+        return 0;
     }
-    const int wanted = engine->config().getInt("webshell.scan_threads", 1);
-    return std::max(1, std::min(wanted, 64));
+    const int wanted = engine->config().getInt("webshell.scan_threads", 0);
+    return std::max(0, std::min(wanted, 64));
 }
 // Files queued ahead of the scanning threads, per thread and at most: each
 // holds a descriptor, and the walk's directories need theirs.
 const size_t kQueuedPerThread = 16;
 const size_t kMaxQueued = 256;
+// Bytes the walk reads ahead of the scanning threads, all threads together.
+const size_t kReadAheadBytes = 8u << 20;
 
 class PassScope {
 public:
@@ -839,7 +842,7 @@ std::unique_ptr<ScanWorkers> StartScanThreads(ScanWebshellTask& task, const SDK:
                                               PassState& figures, Poco::Logger* logger)
 {
     const int wanted = ScanThreadsWanted();
-    if (wanted <= 1 || !rules.HasRules()) {
+    if (wanted < 1 || !rules.HasRules()) {
         return nullptr;
     }
     auto scanners = std::make_shared<std::vector<std::unique_ptr<SDK::YaraUtils>>>();
@@ -853,7 +856,7 @@ std::unique_ptr<ScanWorkers> StartScanThreads(ScanWebshellTask& task, const SDK:
         }
         scanners->push_back(std::move(scanner));
     }
-    if (scanners->size() <= 1) {
+    if (scanners->empty()) {
         return nullptr;
     }
     auto body = [&task, &figures, scanners](std::size_t index, const ScanWorkers::Next& next) {
@@ -863,8 +866,9 @@ std::unique_ptr<ScanWorkers> StartScanThreads(ScanWebshellTask& task, const SDK:
         t_scanner = (*scanners)[index].get();
         ScanJob job;
         while (next(job)) {
-            task.ScanFromFile(job.path, *job.cache, job.fd.Get(), job.named);
+            task.ScanFromFile(job.path, *job.cache, job.fd.Get(), job.named, job.read ? &job.content : nullptr);
             job.fd.Reset();
+            job.content.clear();
             Poco::FastMutex::ScopedLock lock(ScanFiguresMutex());
             AddFigures(figures, local);
             static_cast<PassFigures&>(local) = PassFigures();
@@ -873,7 +877,8 @@ std::unique_ptr<ScanWorkers> StartScanThreads(ScanWebshellTask& task, const SDK:
         t_scanner = nullptr;
         t_pass = nullptr;
     };
-    auto workers = std::make_unique<ScanWorkers>(scanners->size(), std::min(kQueuedPerThread * scanners->size(), kMaxQueued), body);
+    auto workers = std::make_unique<ScanWorkers>(
+        scanners->size(), std::min(kQueuedPerThread * scanners->size(), kMaxQueued), kReadAheadBytes, body);
     if (workers->Started() < scanners->size()) {
         SDK_LOG(logger, Poco::Message::PRIO_WARNING, kSource,
                 "Pass of %s runs %lu scanning thread(s) instead of %lu: no more threads could be started.",
@@ -943,7 +948,7 @@ void ScanWebshellTask::Check()
                 if (!walk.files.insert(IdOf(st)).second) {
                     // checked already under another name
                 } else if (walk.workers != nullptr && SDK::OpenRegularFile(path, false, fd).ok()) {
-                    walk.workers->Push(ScanJob{path, std::move(fd), walk.cache, true});
+                    walk.workers->Push(ScanJob(path, std::move(fd), walk.cache, true));
                 } else {
                     ScanFromFile(path, blank, -1, true);
                 }
@@ -1187,7 +1192,17 @@ void ScanWebshellTask::CheckWalkedFile(int dirFd, const std::string& name, const
         return;
     }
     if (walk.workers != nullptr) {
-        walk.workers->Push(ScanJob{path, std::move(fd), walk.cache});
+        ScanJob job(path, std::move(fd), walk.cache);
+        if (WillRead(path, st) && walk.workers->MayReadAhead(static_cast<std::size_t>(st.st_size))) {
+            // A file that cannot be read here goes unread: its thread
+            // tries again and says why.
+            job.read = SDK::ReadAll(job.fd.Get(), kDecodeFileLimit, job.content, path).ok();
+            if (!job.read) {
+                job.content.clear();
+                lseek(job.fd.Get(), 0, SEEK_SET);
+            }
+        }
+        walk.workers->Push(std::move(job));
         return;
     }
     ScanFromFile(path, cache, fd.Get());
@@ -1209,7 +1224,18 @@ void ScanWebshellTask::ScanFromLink(const std::string& link, WalkState& walk, co
     }
 }
 
-void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd, bool named)
+// Whether ScanFromFile reads this file whole: the checks it makes first.
+bool ScanWebshellTask::WillRead(const std::string& path, const struct stat& st)
+{
+    DetectWebshellPolicy* policy = GetDetectPolicy();
+    const auto size = static_cast<uint64_t>(st.st_size);
+    return size <= kDecodeFileLimit && CheckFileType(path) &&
+           (policy == nullptr || policy->GetMaxFileSize() < 1 ||
+            size <= static_cast<uint64_t>(policy->GetMaxFileSize()));
+}
+
+void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd, bool named,
+                                    std::string* readAhead)
 {
     if (path.empty()) {
         return;
@@ -1251,12 +1277,17 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     SDK::ScanContext context = SDK::ScanContext::ForPath(path);
     // A walk hands the file already opened relative to its directory, so
     // paths longer than PATH_MAX are read too.
-    if (static_cast<uint64_t>(st.st_size) > kDecodeFileLimit) {
+    if (readAhead == nullptr && static_cast<uint64_t>(st.st_size) > kDecodeFileLimit) {
         scanned = fd >= 0 ? yara.CheckFd(fd, path, &result, kScanTimeoutS)
                           : yara.CheckFile(path, &result, kScanTimeoutS);
     } else {
-        const SDK::ReadResult read = fd >= 0 ? SDK::ReadAll(fd, kDecodeFileLimit, content, path)
-                                             : SDK::ReadRegularFile(path, kDecodeFileLimit, content);
+        SDK::ReadResult read;
+        if (readAhead != nullptr) {
+            content.swap(*readAhead);
+        } else {
+            read = fd >= 0 ? SDK::ReadAll(fd, kDecodeFileLimit, content, path)
+                           : SDK::ReadRegularFile(path, kDecodeFileLimit, content);
+        }
         if (read.ok()) {
             context.Measure(content.data(), content.size());
             scanned = yara.CheckBuffer(content.data(), content.size(), &result, kScanTimeoutS, context);
@@ -1313,7 +1344,7 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
         return;
     }
     // The content that matched, hashed once and only when needed.
-    const bool readWhole = static_cast<uint64_t>(st.st_size) <= kDecodeFileLimit;
+    const bool readWhole = readAhead != nullptr || static_cast<uint64_t>(st.st_size) <= kDecodeFileLimit;
     const std::function<const std::string&()> digest = [&]() -> const std::string& {
         if (result.sha256.empty()) {
             result.sha256 = readWhole ? Sha256Of(content) : fd >= 0 ? Sha256OfFd(fd) : std::string();

@@ -17,8 +17,8 @@ private:
     std::size_t m_index;
 };
 
-ScanWorkers::ScanWorkers(std::size_t threads, std::size_t capacity, Body body)
-    : m_capacity(capacity > 0 ? capacity : 1), m_body(std::move(body))
+ScanWorkers::ScanWorkers(std::size_t threads, std::size_t capacity, std::size_t readAheadBytes, Body body)
+    : m_capacity(capacity > 0 ? capacity : 1), m_readAheadBytes(readAheadBytes), m_body(std::move(body))
 {
     for (std::size_t i = 0; i < threads; ++i) {
         auto worker = std::make_unique<Worker>(*this, i);
@@ -38,15 +38,23 @@ ScanWorkers::~ScanWorkers()
     Finish();
 }
 
+bool ScanWorkers::MayReadAhead(std::size_t size)
+{
+    Poco::FastMutex::ScopedLock lock(m_mutex);
+    return m_queuedBytes + size <= m_readAheadBytes;
+}
+
 void ScanWorkers::Push(ScanJob job)
 {
     Poco::FastMutex::ScopedLock lock(m_mutex);
     while (m_queue.size() >= m_capacity && !m_closed) {
+        m_walkWaits = true;
         m_notFull.wait(m_mutex);
     }
     if (m_closed) {
         return;
     }
+    m_queuedBytes += job.content.size();
     m_queue.push_back(std::move(job));
     m_notEmpty.signal();
 }
@@ -62,7 +70,13 @@ bool ScanWorkers::Take(ScanJob& job)
     }
     job = std::move(m_queue.front());
     m_queue.pop_front();
-    m_notFull.signal();
+    m_queuedBytes -= job.content.size();
+    // A full queue wakes the walk once it is half empty, not at every file:
+    // one wake-up per file would cost the threads more than the walk saves.
+    if (m_walkWaits && m_queue.size() <= m_capacity / 2) {
+        m_walkWaits = false;
+        m_notFull.signal();
+    }
     return true;
 }
 
@@ -87,6 +101,7 @@ void ScanWorkers::Abandon()
     {
         Poco::FastMutex::ScopedLock lock(m_mutex);
         dropped.swap(m_queue);
+        m_queuedBytes = 0;
     }
     Finish();
 }

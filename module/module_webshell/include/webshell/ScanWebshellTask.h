@@ -16,6 +16,8 @@
 // task's own thread only. The rules themselves are compiled once for all
 // tasks (behind the library's own lock) and shared.
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <list>
 #include <map>
@@ -105,8 +107,12 @@ public:
     void ScanFromDir(const std::string& dir, WalkState& walk, const ContainerCacheInfo& cache);
     void ScanFromLink(const std::string& link, WalkState& walk, const ContainerCacheInfo& cache);
     // `fd`: the file, already opened by the walk (-1: open `path`). `named`:
-    // a scan path of its own, checked whatever its suffix.
-    void ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd = -1, bool named = false);
+    // a scan path of its own, checked whatever its suffix. `readAhead`: its
+    // content, read by the walk (taken over), or null to read it here.
+    void ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd = -1, bool named = false,
+                      std::string* readAhead = nullptr);
+    // Whether ScanFromFile would read this file whole.
+    bool WillRead(const std::string& path, const struct stat& st);
     bool CheckFileType(const std::string& path);
     // YARA's scan callback; `userData` is the DetectResult.
     static int Callback(void* context, int message, void* messageData, void* userData);
