@@ -108,31 +108,26 @@ TEST(PolicyE2E, CheckPolicyJudgesDocumentsAsTheAgentWould)
 TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
 {
     TempDir dir("e2e-policy-run");
-    const std::string install = TestSupport::MakeInstallTree(dir);
+    E2e::Agent agent(dir);
+    const std::string& install = agent.install;
     const std::string rules = dir.Write("rules/webshell.yar", kRules);
-    dir.Write("install/data/webshell/webshell.dat", kRules);
+    agent.InstallRules(kRules);
     const std::string root1 = dir.MkDir("www1");
     const std::string root2 = dir.MkDir("www2");
     const std::string shell1 = dir.Write("www1/one.php", kShell);
     const std::string shell2 = dir.Write("www2/two.php", kShell);
-    const std::string hostRoot = dir.MkDir("host");
-    const std::string events = dir.Join("events.jsonl");
+    const std::string& events = agent.events;
     const std::string log = install + "log/agent.log";
 
     // Only the periodic task scans here (no watch, no scan-now): a pass each second.
     auto policyFor = [&](const std::string& root) {
-        Json::Value p = TestSupport::WebshellPolicy({root}, rules);
-        p["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 1;
-        p["content"]["auto_scan_task"]["task_condition"]["delay_s"] = 0;
-        return p;
+        return E2e::EverySecond(TestSupport::WebshellPolicy({root}, rules));
     };
     const std::string later = dir.Join("later");  // a scan path that appears while the agent runs
     Json::Value first = policyFor(root1);
     first["content"]["customize_scan_paths"].append(later);
     first.removeMember("feature_name");
-    TestSupport::AgentProcess agent;
-    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", dir.Write("first.json", Text(first)),
-                             "--events", events, "--host-root", hostRoot}));
+    ASSERT_TRUE(agent.Start(first));
     auto ctlPolicy = [&](const Json::Value& p, std::string& reply) {
         static int n = 0;
         const E2e::Outcome r = E2e::Run(
