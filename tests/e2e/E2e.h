@@ -107,6 +107,19 @@ inline size_t Count(const std::string& text, const std::string& needle)
 
 inline std::string Log(const std::string& install) { return TestSupport::ReadFile(install + "log/agent.log"); }
 
+// Events about the file at `path` inside container `name`.
+inline std::vector<Json::Value> ContainerEvents(const std::string& sink, const std::string& name,
+                                                const std::string& path)
+{
+    std::vector<Json::Value> out;
+    for (const auto& event : TestSupport::ReadEvents(sink)) {
+        if (event["container_name"].asString() == name && event["file_info"]["file_path"].asString() == path) {
+            out.push_back(event);
+        }
+    }
+    return out;
+}
+
 // A periodic pass at once and every second.
 inline Json::Value EverySecond(Json::Value policy)
 {
@@ -160,6 +173,13 @@ struct Agent {
     int Ctl(const std::string& request, std::string* out = nullptr) const { return E2e::Ctl(install, request, out); }
     std::map<std::string, int> Reported() const { return E2e::Reported(events); }
     std::string Log() const { return E2e::Log(install); }
+    // For failure messages: the events, the end of the log, stderr.
+    std::string Diagnostics() const
+    {
+        const std::string log = Log();
+        return "\nevents:\n" + TestSupport::ReadFile(events) + "\nagent log:\n" +
+               log.substr(log.size() - std::min<size_t>(log.size(), 3000)) + "\nagent stderr:\n" + process.Stderr();
+    }
 
     TestSupport::TempDir& dir;
     std::string install, events;
