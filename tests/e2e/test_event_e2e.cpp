@@ -3,13 +3,13 @@
 // every match of `scan` in its summary and --report, whatever the upload
 // quota, with copies of suspicious files only where the command line says.
 
-#include <ctime>
-
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <Poco/Base64Encoder.h>
+#include <Poco/DateTimeFormatter.h>
+#include <Poco/Timestamp.h>
 #include <Poco/File.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -40,16 +40,6 @@ std::string Base64(const std::string& text)
     encoder << text;
     encoder.close();
     return out.str();
-}
-
-std::string IsoUtc(int64_t seconds)
-{
-    const time_t t = static_cast<time_t>(seconds);
-    struct tm parts {};
-    gmtime_r(&t, &parts);
-    char text[32];
-    strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
 }
 
 using E2e::Outcome;
@@ -118,7 +108,9 @@ TEST(EventE2E, EventsNameTheHostTheRuleAndTheLayer)
         EXPECT_EQ("ardent-agent " + e["agent_version"].asString() + "\n", version.out);
         EXPECT_EQ(e["rule_name"].asString(), c.rule);
         EXPECT_EQ(e["layer_depth"].asInt(), c.layer);
-        EXPECT_EQ(e["occur_time_iso"].asString(), IsoUtc(e["occur_time"].asInt64()));
+        EXPECT_EQ(e["occur_time_iso"].asString(),
+                  Poco::DateTimeFormatter::format(Poco::Timestamp::fromEpochTime(e["occur_time"].asInt64()),
+                                                  "%Y-%m-%dT%H:%M:%SZ"));
         EXPECT_EQ(e.isMember("description"), c.metas);
         EXPECT_EQ(e.isMember("score"), c.metas);
         if (c.metas) {

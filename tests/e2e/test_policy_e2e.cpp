@@ -65,8 +65,6 @@ TEST(PolicyE2E, CheckPolicyJudgesDocumentsAsTheAgentWould)
           "error: content.customize_scan_paths[0] must be a string"}},
         {"required", [](Json::Value& p) { p["content"].removeMember("default_scan_paths"); }, 2,
          {"error: content.default_scan_paths is required (an array of strings)"}},
-        {"empty library", [](Json::Value& p) { p["content"]["lib_hash"] = ""; }, 2,
-         {"error: content.lib_hash must not be empty"}},
         {"schedule", [](Json::Value& p) { p["content"]["auto_scan_task"]["task_condition"]["type"] = "weekly"; }, 2,
          {"error: content.auto_scan_task.task_condition: \"type\" must be \"interval\" or \"daily\" (got "
           "\"weekly\")"}},

@@ -19,6 +19,7 @@
 #include <chrono>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -96,13 +97,9 @@ struct Runtime {
     std::string remove;
 };
 
-std::string ForName(std::string text, const std::string& name)
+std::string ForName(const std::string& text, const std::string& name)
 {
-    for (std::size_t at = text.find("NAME"); at != std::string::npos; at = text.find("NAME", at)) {
-        text.replace(at, 4, name);
-        at += name.size();
-    }
-    return text;
+    return std::regex_replace(text, std::regex("NAME"), name);
 }
 
 class RuntimesE2E : public ::testing::Test {
