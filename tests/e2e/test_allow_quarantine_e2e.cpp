@@ -58,10 +58,10 @@ int64_t Ns(const struct timespec& t)
 TEST(AllowQuarantineE2E, AllowListsFromPolicyAndFilesAndTheirChanges)
 {
     TempDir dir;
-    const std::string install = TestSupport::MakeInstallTree(dir);
+    E2e::Agent agent(dir);
+    const std::string& install = agent.install;
     const std::string rules = TestSupport::WriteRules(dir, "rules/allow.yar", kRules);
     const std::string www = dir.MkDir("www");
-    const std::string events = dir.Join("events.jsonl");
     const std::map<std::string, std::string> files = {
         {"vendor/pkg/lib.php", Shell("ALLOW_E2E_A", "vendor")},  // policy path **
         {"known.php", Shell("ALLOW_E2E_A", "known")},            // policy sha256
@@ -79,7 +79,6 @@ TEST(AllowQuarantineE2E, AllowListsFromPolicyAndFilesAndTheirChanges)
     policy["content"]["allow"]["paths"].append(www + "/vendor/**");
     policy["content"]["allow"]["sha256"].append(TestSupport::Sha256Sum(www + "/known.php"));
     policy["content"]["allow"]["rules"].append("allow_e2e_c");
-    const std::string policyFile = E2e::PolicyFile(dir, "policy.json", policy);
     const std::string list = dir.Write("install/etc/allow.d/local.list",
                                        "# local exceptions\n"
                                        "path:" + www + "/cache/*.php\n"
@@ -87,35 +86,31 @@ TEST(AllowQuarantineE2E, AllowListsFromPolicyAndFilesAndTheirChanges)
                                        "this line names no kind\n"
                                        "rule:allow_e2e_odd\n");
 
-    TestSupport::AgentProcess agent;
-    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policyFile, "--events", events,
-                             "--host-root", dir.MkDir("host")}));
-    ASSERT_TRUE(WaitFor([&] { return TestSupport::CtlStatus(install)["policies"].isMember("10001"); }, 30000, 100))
-        << agent.Stderr();
-    Json::Value pass = E2e::ScanNow(install);
+    ASSERT_TRUE(agent.Start(policy) && agent.Applied()) << agent.process.Stderr();
+    Json::Value pass = agent.ScanNow();
     EXPECT_EQ(pass["allowed"].asUInt64(), 6u) << pass;
     EXPECT_EQ(pass["certain"].asUInt64(), 2u) << pass;
     EXPECT_EQ(pass["uncertain"].asUInt64(), 0u) << pass;
     EXPECT_EQ(pass["uploads"].asUInt64(), 0u) << pass;
-    EXPECT_EQ(E2e::Reported(events), (std::map<std::string, int>{{www + "/cache/deep/y.php", 1}, {www + "/report.php", 1}}));
-    EXPECT_EQ(E2e::Component(install, "webshell.allow_list")["allowed"].asUInt64(), 6u);
-    EXPECT_EQ(E2e::Health(install).count("webshell.allow_list"), 1u);
-    const std::string log = E2e::Log(install);
+    EXPECT_EQ(agent.Reported(), (std::map<std::string, int>{{www + "/cache/deep/y.php", 1}, {www + "/report.php", 1}}));
+    EXPECT_EQ(agent.Component("webshell.allow_list")["allowed"].asUInt64(), 6u);
+    EXPECT_EQ(agent.Health().count("webshell.allow_list"), 1u);
+    const std::string log = agent.Log();
     EXPECT_NE(log.find(list + ":4: no path:, sha256: or rule: before the entry; line skipped"), std::string::npos)
         << log;
 
     // The odd file loses its entry, y.php gains one, the bad line goes.
     WriteFile(list, "path:" + www + "/cache/*.php\npath:" + www + "/**/y.php\nsha256:" +
                         TestSupport::Sha256Sum(www + "/hashed.php") + "\n");
-    pass = E2e::ScanNow(install);
+    pass = agent.ScanNow();
     EXPECT_EQ(pass["allowed"].asUInt64(), 6u) << pass;
     EXPECT_EQ(pass["certain"].asUInt64(), 1u) << pass;  // report.php (repeated, not reported again)
     EXPECT_EQ(pass["uncertain"].asUInt64(), 1u) << pass;
     EXPECT_TRUE(WaitFor([&] { return FileExists(install + "data/upload/" + TestSupport::Sha256Sum(www + "/odd.php")); }))
-        << agent.Stderr();
-    EXPECT_EQ(E2e::Health(install).count("webshell.allow_list"), 0u);
-    EXPECT_EQ(E2e::Component(install, "webshell.allow_list")["allowed"].asUInt64(), 12u);
-    EXPECT_EQ(0, agent.Stop());
+        << agent.process.Stderr();
+    EXPECT_EQ(agent.Health().count("webshell.allow_list"), 0u);
+    EXPECT_EQ(agent.Component("webshell.allow_list")["allowed"].asUInt64(), 12u);
+    EXPECT_EQ(0, agent.process.Stop());
 }
 
 // `scan` with quarantine on: certain files leave the web roots (renamed on

@@ -40,23 +40,22 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
         GTEST_SKIP() << "nginx is not installed (scripts/install-deps.sh installs nginx-light)";
     }
     TempDir dir("asset-e2e");
-    const std::string install = TestSupport::MakeInstallTree(dir);
+    E2e::Agent agent(dir);
+    const std::string& install = agent.install;
     // Rounds every second instead of every minute.
     dir.Write("install/etc/agent.properties", "asset.interval_s = 1\n");
     const std::string rules = TestSupport::WriteRules(dir, "rules/test.yar", kShellRules);
     // The rule library is in place before the start, as on a host that has
     // run before: a watch is registered when assets arrive only once the
     // library is there, and an unchanged asset set is not sent again.
-    dir.Write("install/data/webshell/webshell.dat", kShellRules);
+    agent.InstallRules(kShellRules);
     const std::string policyOnly = dir.MkDir("policy-only");
     const std::string root = dir.MkDir("www/site");
     dir.MkDir("nginx/tmp");
-    const std::string events = dir.Join("events.jsonl");
 
     Json::Value policy = TestSupport::WebshellPolicy({}, rules);
     policy["content"]["default_scan_paths"].append(policyOnly);
     policy["content"]["monitor_file_change"] = true;
-    const std::string policyFile = E2e::PolicyFile(dir, "policy.json", policy);
 
     const int port = AssetTest::FreePort();
     ASSERT_GT(port, 0);
@@ -72,13 +71,12 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     ASSERT_TRUE(WaitFor([&] { return AssetTest::Accepts(port); }, 15000))
         << TestSupport::ReadFile(n + "/output.log") << TestSupport::ReadFile(n + "/error.log");
 
-    TestSupport::AgentProcess agent;
-    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", policyFile, "--events", events}));
+    ASSERT_TRUE(agent.Start(policy, {"--host-root", "/"}));  // where nginx runs
 
     // `ctl status` lists the nginx asset with its root.
     Json::Value asset;
     ASSERT_TRUE(WaitFor([&] { return (asset = AssetOf(install, nginx.Pid())).isMember("server"); }, 30000, 250))
-        << "agent stderr:\n" << agent.Stderr();
+        << "agent stderr:\n" << agent.process.Stderr();
     EXPECT_EQ(asset["server"].asString(), "nginx");
     EXPECT_EQ(asset["kind"].asInt(), 0);
     EXPECT_EQ(asset["configFile"].asString(), n + "/nginx.conf");
@@ -93,11 +91,10 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (!reported && std::chrono::steady_clock::now() < deadline) {
         dir.Write("www/site/shell.php", kShell);
-        reported = WaitFor([&] { return E2e::Reported(events).count(shell) == 1; }, 1500);
+        reported = WaitFor([&] { return agent.Reported().count(shell) == 1; }, 1500);
     }
-    ASSERT_TRUE(reported) << "no event for " << shell << "\nevents:\n"
-                          << TestSupport::ReadFile(events) << "\nagent stderr:\n" << agent.Stderr();
-    const Json::Value event = TestSupport::ReadEvents(events)[0];
+    ASSERT_TRUE(reported) << "no event for " << shell << agent.Diagnostics();
+    const Json::Value event = TestSupport::ReadEvents(agent.events)[0];
     EXPECT_EQ(event["event_name"].asString(), "webshell");
     EXPECT_EQ(event["detect_module"].asString(), "webshell_module");
     EXPECT_EQ(event["file_info"][0]["file_sha256"].asString(), TestSupport::Sha256Sum(shell));
@@ -107,5 +104,5 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     nginx.Stop();
     EXPECT_TRUE(WaitFor([&] { return AssetOf(install, pid).isNull(); }, 30000, 250));
 
-    EXPECT_EQ(agent.Stop(), 0) << agent.Stderr();
+    EXPECT_EQ(agent.process.Stop(), 0) << agent.process.Stderr();
 }

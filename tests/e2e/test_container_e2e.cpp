@@ -29,21 +29,7 @@ using TestSupport::kShellRules;
 using TestSupport::TempDir;
 using TestSupport::WaitFor;
 
-const std::vector<std::string> kModules{"container", "webshell", "filenotify", "report", "asset"};
-
-// Events about a container file: "file_info" is then the file object.
-std::vector<Json::Value> ContainerEvents(const std::string& sink, const std::string& container,
-                                         const std::string& path)
-{
-    std::vector<Json::Value> out;
-    for (const auto& event : TestSupport::ReadEvents(sink)) {
-        if (event["container_name"].asString() == container && event["file_info"].isObject() &&
-            event["file_info"]["file_path"].asString() == path) {
-            out.push_back(event);
-        }
-    }
-    return out;
-}
+using E2e::ContainerEvents;
 
 bool IsWatched(const std::string& install, const std::string& path)
 {
@@ -55,43 +41,23 @@ protected:
     // Starts the agent on `hostRoot` with the policy paths `paths`.
     void StartAgent(const std::string& hostRoot, const std::vector<std::string>& paths)
     {
-        m_install = TestSupport::MakeInstallTree(m_dir, kModules);
         const std::string rules = m_dir.Write("rules/webshell.yar", kShellRules);
         // The library is in place before the start, as on a host that has
         // run before: the file-change task loads it at its first watch
         // registration, which needs one existing web root of the host.
-        std::ofstream(m_install + "data/webshell/webshell.dat") << kShellRules;
+        m_agent.InstallRules(kShellRules);
         Json::Value policy = TestSupport::WebshellPolicy({m_dir.MkDir("host-www")}, rules);
         for (const auto& p : paths) {
             policy["content"]["default_scan_paths"].append(p);
         }
         policy["content"]["monitor_file_change"] = policy["content"]["monitor_container"] = true;
-        m_events = m_dir.Join("events.jsonl");
-        ASSERT_TRUE(m_agent.Start({"run", "--install-dir", m_install, "--policy",
-                                   E2e::PolicyFile(m_dir, "policy.json", policy), "--events",
-                                   m_events, "--host-root", hostRoot}));
-        ASSERT_TRUE(WaitFor(
-            [&] { return TestSupport::FileExists(m_install + "data/webshell/webshell.dat"); }, 30000))
-            << m_agent.Stderr();
-    }
-
-    std::string Diagnostics()
-    {
-        return "events:\n" + (TestSupport::FileExists(m_events) ? TestSupport::ReadFile(m_events) : "") +
-               "\nagent stderr:\n" + m_agent.Stderr();
-    }
-
-    void TearDown() override
-    {
-        if (m_agent.Running()) {
-            m_agent.Stop(15, 20000);
-        }
+        ASSERT_TRUE(m_agent.Start(policy, {"--host-root", hostRoot}));
     }
 
     TempDir m_dir{"e2e-container"};
-    std::string m_install;
-    std::string m_events;
-    TestSupport::AgentProcess m_agent;
+    E2e::Agent m_agent{m_dir, {"container", "webshell", "filenotify", "report", "asset"}};
+    const std::string& m_install = m_agent.install;
+    const std::string& m_events = m_agent.events;
 };
 
 }  // namespace
@@ -105,7 +71,7 @@ TEST_F(ContainerE2E, ADockerContainerIsWatchedReportedAndReleasedWhenItStops)
     const std::string bundle = host.StartDocker(id, "/web1", 4242);
     const std::string rootfs = bundle + "/rootfs";
     ASSERT_TRUE(WaitFor([&] { return IsWatched(m_install, rootfs + "/var/www/html"); }, 30000, 100))
-        << Diagnostics();
+        << m_agent.Diagnostics();
 
     // `ctl status` shows the followed container and its subscriber.
     const Json::Value container = E2e::Component(m_install, "container");
@@ -119,7 +85,7 @@ TEST_F(ContainerE2E, ADockerContainerIsWatchedReportedAndReleasedWhenItStops)
     host.Dir().Write(FakeHost::BundleRel("moby", id) + "/rootfs/var/www/html/x.php", kShell);
     ASSERT_TRUE(WaitFor([&] { return !ContainerEvents(m_events, "web1", "/var/www/html/x.php").empty(); },
                         10000))
-        << Diagnostics();
+        << m_agent.Diagnostics();
     const Json::Value event = ContainerEvents(m_events, "web1", "/var/www/html/x.php")[0];
     EXPECT_EQ(event["image_name"].asString(), "nginx:1.25");
     EXPECT_EQ(event["resource_info"]["container_id"].asString(), id);
@@ -134,26 +100,9 @@ TEST_F(ContainerE2E, ADockerContainerIsWatchedReportedAndReleasedWhenItStops)
                    status["components"]["container"]["containers"].size() == 0;
         },
         30000, 100))
-        << Diagnostics();
-
-    // A write into the stopped container is not reported; a shell in a
-    // second, running container is, and once it is, the first would have
-    // been too.
-    host.Dir().Write(FakeHost::BundleRel("moby", id) + "/rootfs/var/www/html/y.php", kShell);
-    const std::string id2 = HexId(2);
-    const std::string rootfs2 = host.StartDocker(id2, "/web2", 4343, "php:8.2-apache") + "/rootfs";
-    ASSERT_TRUE(WaitFor([&] { return IsWatched(m_install, rootfs2 + "/var/www/html"); }, 30000, 100))
-        << Diagnostics();
-    host.Dir().Write(FakeHost::BundleRel("moby", id2) + "/rootfs/var/www/html/z.php", kShell);
-    ASSERT_TRUE(WaitFor([&] { return !ContainerEvents(m_events, "web2", "/var/www/html/z.php").empty(); },
-                        10000))
-        << Diagnostics();
-    EXPECT_EQ(ContainerEvents(m_events, "web2", "/var/www/html/z.php")[0]["image_name"].asString(),
-              "php:8.2-apache");
-    EXPECT_TRUE(ContainerEvents(m_events, "web1", "/var/www/html/y.php").empty()) << Diagnostics();
+        << m_agent.Diagnostics();
     EXPECT_EQ(ContainerEvents(m_events, "web1", "/var/www/html/x.php").size(), 1u);
-
-    EXPECT_EQ(0, m_agent.Stop(15, 20000)) << m_agent.Stderr();
+    EXPECT_EQ(0, m_agent.process.Stop(15, 20000)) << m_agent.process.Stderr();
 }
 
 TEST_F(ContainerE2E, ARealProcessInItsOwnMountNamespaceIsFollowedThroughProc)
@@ -210,7 +159,7 @@ TEST_F(ContainerE2E, ARealProcessInItsOwnMountNamespaceIsFollowedThroughProc)
     if (!HasFatalFailure()) {
         const bool watched =
             WaitFor([&] { return IsWatched(m_install, procRoot + webPath); }, 30000, 100);
-        EXPECT_TRUE(watched) << Diagnostics();
+        EXPECT_TRUE(watched) << m_agent.Diagnostics();
         if (watched) {
             // Written through /proc/PID/root into the namespace's tmpfs: the
             // host path of the same name stays empty.
@@ -219,11 +168,11 @@ TEST_F(ContainerE2E, ARealProcessInItsOwnMountNamespaceIsFollowedThroughProc)
             EXPECT_TRUE(WaitFor(
                 [&] { return !ContainerEvents(m_events, "ns-web", webPath + "/x.php").empty(); },
                 10000))
-                << Diagnostics();
+                << m_agent.Diagnostics();
         }
     }
     cleanup();
-    if (m_agent.Running()) {
-        EXPECT_EQ(0, m_agent.Stop(15, 20000)) << m_agent.Stderr();
+    if (m_agent.process.Running()) {
+        EXPECT_EQ(0, m_agent.process.Stop(15, 20000)) << m_agent.process.Stderr();
     }
 }

@@ -39,7 +39,7 @@ TEST(DeliveryE2E, SyslogAndHttpGetEveryEventAndTheSpoolSurvivesAKill)
     LoopbackHttpServer receiver;
     receiver.SetIngest(LoopbackHttpServer::Ingest::Hang);
 
-    const std::string install = TestSupport::MakeInstallTree(dir);
+    E2e::Agent agent(dir);
     dir.Write("install/etc/agent.properties",
               "report.syslog.target = tcp://127.0.0.1:" + std::to_string(rsyslog.tcpPort) + "\n" +
                   "report.http.url = " + receiver.Url("/ingest") + "\n" +
@@ -51,39 +51,35 @@ TEST(DeliveryE2E, SyslogAndHttpGetEveryEventAndTheSpoolSurvivesAKill)
     for (int i = 0; i < kShells; ++i) {
         dir.Write("www/s" + std::to_string(i) + ".php", TestSupport::kShell);
     }
-    const std::string policy = E2e::PolicyFile(dir, "policy.json", TestSupport::WebshellPolicy({dir.Join("www")}, rules));
-    const std::string events = install + "log/webshell_events.jsonl";
-    const std::vector<std::string> args = {"run", "--install-dir", install, "--host-root", dir.MkDir("host"),
-                                           "--policy", policy};
+    const Json::Value policy = TestSupport::WebshellPolicy({dir.Join("www")}, rules);
+    agent.events = "";  // the default sink
     Json::Value http;
     const auto httpStatus = [&] {
-        http = E2e::Component(install, "report.http");
+        http = agent.Component("report.http");
         return http;
     };
 
-    auto agent = std::make_unique<TestSupport::AgentProcess>();
-    ASSERT_TRUE(agent->Start(args));
-    ASSERT_TRUE(WaitFor([&] { return E2e::Ctl(install, "scan-now") == 0; }, 20000, 100));
+    ASSERT_TRUE(agent.Start(policy));
+    ASSERT_TRUE(WaitFor([&] { return agent.Ctl("scan-now") == 0; }, 20000, 100));
     // Every event is in the spool and a batch is out at the receiver, which
     // never answers: the agent dies there.
     ASSERT_TRUE(WaitFor([&] { return httpStatus()["spooled"].asInt() == kShells; }, 60000, 100)) << http;
     ASSERT_TRUE(WaitFor([&] { return receiver.Hits("/ingest") > 0; }, 10000));
     EXPECT_EQ(http["sent"].asInt(), 0);
-    const std::vector<std::string> order = Paths(TestSupport::ReadLines(events));
+    const std::vector<std::string> order = Paths(TestSupport::ReadLines(agent.install + "log/webshell_events.jsonl"));
     ASSERT_EQ(order.size(), static_cast<size_t>(kShells));
     ASSERT_TRUE(WaitFor([&] { return rsyslog.Lines().size() == static_cast<size_t>(kShells); }, 10000))
         << rsyslog.Lines().size();
     EXPECT_EQ(Paths(rsyslog.Lines()), order);  // syslog in the same order, whole
-    EXPECT_EQ(agent->Stop(9), 128 + 9);
+    EXPECT_EQ(agent.process.Stop(9), 128 + 9);
 
     // Down while the agent starts again; then up: the spool goes out.
     receiver.SetIngest(LoopbackHttpServer::Ingest::Accept);
     receiver.Down();
-    agent = std::make_unique<TestSupport::AgentProcess>();
-    ASSERT_TRUE(agent->Start(args));
+    ASSERT_TRUE(agent.Start(policy));
     ASSERT_TRUE(WaitFor([&] { return httpStatus()["failed"].asInt() > 0; }, 20000, 100)) << http;
     EXPECT_EQ(http["pending"].asInt(), kShells);
-    const Json::Value degraded = TestSupport::CtlStatus(install)["health"];
+    const Json::Value degraded = agent.Status()["health"];
     EXPECT_NE(Json::FastWriter().write(degraded).find("report.http"), std::string::npos) << degraded;
     receiver.Up();
     ASSERT_TRUE(WaitFor([&] { return httpStatus()["pending"].asInt() == 0; }, 20000, 100)) << http;
@@ -91,9 +87,9 @@ TEST(DeliveryE2E, SyslogAndHttpGetEveryEventAndTheSpoolSurvivesAKill)
     EXPECT_EQ(http["dropped"].asInt(), 0);
     EXPECT_EQ(Paths(receiver.Ingested()), order);
     EXPECT_EQ(receiver.Authorization(), "Splunk e2e");
-    EXPECT_EQ(TestSupport::CtlStatus(install)["health"]["verdict"], "ok");
-    EXPECT_EQ(agent->Stop(15, 20000), 0);
-    const std::string log = E2e::Log(install);
+    EXPECT_EQ(agent.Status()["health"]["verdict"], "ok");
+    EXPECT_EQ(agent.process.Stop(15, 20000), 0);
+    const std::string log = agent.Log();
     EXPECT_NE(log.find("cannot deliver events: Connection refused"), std::string::npos) << log;
     EXPECT_NE(log.find("delivers events again"), std::string::npos);
 }

@@ -9,14 +9,11 @@
 #include <unistd.h>
 
 #include <functional>
-#include <iterator>
 #include <map>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include <Poco/Base64Decoder.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
@@ -36,36 +33,22 @@ rule health_suspicious { strings: $a = "HEALTH_E2E_SUSPICIOUS" condition: $a }
 const std::string kShell = "<?php @eval($_POST['c']); /* HEALTH_E2E_SHELL */ ?>\n";
 
 using E2e::Count;
-using E2e::Reported;
 
-// The real agent on a fresh install tree, its rule library in place.
-struct Agent {
-    // `sinkInLog`: the default event sink, log/webshell_events.jsonl.
-    Agent(TempDir& dir, bool sinkInLog, const std::vector<std::string>& extra = {}) : dir(dir)
+// The real agent, its rule library in place, and the verdict of `ctl status`.
+struct Agent : E2e::Agent {
+    explicit Agent(TempDir& dir) : E2e::Agent(dir)
     {
-        install = TestSupport::MakeInstallTree(dir);
         rules = dir.Write("rules/webshell.yar", kRules);
-        dir.Write("install/data/webshell/webshell.dat", kRules);
-        std::vector<std::string> args = {"run", "--install-dir", install, "--host-root", dir.MkDir("host")};
-        events = sinkInLog ? install + "log/webshell_events.jsonl" : dir.MkDir("sink") + "/events.jsonl";
-        if (!sinkInLog) {
-            args.insert(args.end(), {"--events", events});
-        }
-        args.insert(args.end(), extra.begin(), extra.end());
-        started = process.Start(args);
-    }
-    int Ctl(const std::string& request, std::string* out = nullptr)
-    {
-        return TestSupport::RunCommand(TestSupport::AgentBinary() + " ctl " + request + " --install-dir " + install +
-                                           " 2>" + dir.Join("ctl.err"),
-                                       out);
+        InstallRules(kRules);
     }
     // Waits until `ctl status` exits with `rc`; `status` is the last answer.
     bool WaitVerdict(int rc)
     {
         return WaitFor([&] {
             std::string out;
-            const int got = Ctl("status", &out);
+            const int got = TestSupport::RunCommand(TestSupport::AgentBinary() + " ctl status --install-dir " +
+                                                        install + " 2>" + dir.Join("ctl.err"),
+                                                    &out);
             status = TestSupport::ParseJson(out);
             return got == rc;
         }, 20000, 100);
@@ -76,15 +59,11 @@ struct Agent {
         Json::Value policy = TestSupport::WebshellPolicy(roots, rules);
         policy["content"]["monitor_file_change"] = monitor;
         const std::string file = E2e::PolicyFile(dir, "policy.json", policy);
-        ASSERT_TRUE(WaitFor([&] { return Ctl("policy " + file + " >/dev/null") == 0; }, 20000, 100));
+        ASSERT_TRUE(WaitFor([&] { return Ctl("policy " + file) == 0; }, 20000, 100));
     }
-    std::string Log() const { return E2e::Log(install); }
     std::string Why() const { return "\nhealth: " + E2e::Text(status["health"]); }
 
-    TempDir& dir;
-    TestSupport::AgentProcess process;
-    std::string install, rules, events;
-    bool started = false;
+    std::string rules;
     Json::Value status;
 };
 
@@ -96,8 +75,10 @@ struct Agent {
 TEST(HealthE2E, VerdictFollowsWhatTheAgentCannotDo)
 {
     TempDir dir("e2e-health");
-    Agent agent(dir, false, {"--log-stderr"});
-    ASSERT_TRUE(agent.started);
+    const std::string sink = dir.MkDir("sink");
+    Agent agent(dir);
+    agent.events = sink + "/events.jsonl";
+    ASSERT_TRUE(agent.Start(Json::Value(), {"--log-stderr"}));
     const std::string www = dir.MkDir("www");
 
     ASSERT_TRUE(agent.WaitVerdict(2)) << agent.Why();  // no policy: nothing detected
@@ -116,7 +97,6 @@ TEST(HealthE2E, VerdictFollowsWhatTheAgentCannotDo)
     const auto swapUpload = [&] {
         ASSERT_EQ(0, renameat2(AT_FDCWD, link.c_str(), AT_FDCWD, upload.c_str(), RENAME_EXCHANGE));
     };
-    const std::string sink = dir.Join("sink");
     struct Phase {
         const char* key;
         int rc;
@@ -153,18 +133,18 @@ TEST(HealthE2E, VerdictFollowsWhatTheAgentCannotDo)
         ASSERT_TRUE(agent.WaitVerdict(0)) << agent.Why();
     }
     const std::string held = www + "/held.php";
-    EXPECT_EQ(Reported(agent.events)[held], 1);  // held while the sink failed, then written
+    EXPECT_EQ(agent.Reported()[held], 1);  // held while the sink failed, then written
     // Eight changes of verdict, logged as they happened, not at every check
     // (each second) or status request (dozens).
     EXPECT_EQ(Count(agent.Log(), "Agent health is failing (was ok)"), 2u);
     EXPECT_LE(Count(agent.Log(), "Agent health is "), 12u) << agent.Log();
 
     // The scan on demand finds held.php again: dropped as a duplicate.
-    ASSERT_EQ(0, agent.Ctl("scan-now >/dev/null"));
+    ASSERT_EQ(0, agent.Ctl("scan-now"));
     ASSERT_TRUE(WaitFor([&] {
         return agent.WaitVerdict(0) && agent.status["components"]["report.events"]["duplicates"].asInt() == 1;
     }, 20000, 100)) << agent.status["components"]["report.events"];
-    EXPECT_EQ(Reported(agent.events)[held], 1);
+    EXPECT_EQ(agent.Reported()[held], 1);
     EXPECT_EQ(0, agent.process.Stop(15, 20000));
     EXPECT_NE(agent.process.Stderr().find("Agent running"), std::string::npos);  // --log-stderr
 }
@@ -199,42 +179,16 @@ TEST(HealthE2E, ServiceTaskThatStopsIsAReason)
     EXPECT_EQ(Framework::Health::Verdict(), "ok") << reasons();
 }
 
-// Two files whose names differ only in encoding give two events; the one
-// that is not UTF-8 is escaped reversibly and carries its exact bytes. The
-// one-shot scan warns about nothing it leaves out on purpose.
-TEST(HealthE2E, NamesThatAreNotUtf8KeepTheirOwnPath)
-{
-    TempDir dir("e2e-health-paths");
-    const std::string install = TestSupport::MakeInstallTree(dir);
-    const std::string rules = dir.Write("rules/webshell.yar", kRules);
-    const std::string latin1 = dir.Write("www/x\xe9\\.php", kShell);  // Latin-1 e-acute, a backslash
-    const std::string utf8 = dir.Write("www/x\xc3\xa9\\.php", kShell);
-    const std::string events = dir.Join("events.jsonl");
-    ASSERT_EQ(1, E2e::Run({"scan", "--install-dir", install, "--rules", rules, "--events", events, dir.Join("www")}).code);
-    EXPECT_EQ(Count(E2e::Log(install), "[Warning]"), 0u) << E2e::Log(install);
-
-    std::map<std::string, std::string> b64;  // file_path -> file_path_b64 ("-" when absent)
-    for (const auto& event : TestSupport::ReadEvents(events)) {
-        for (const auto& file : event["file_info"]) {
-            b64[file["file_path"].asString()] = file.get("file_path_b64", "-").asString();
-        }
-    }
-    const std::string escaped = dir.Join("www/x\\xe9\\\\.php");
-    ASSERT_EQ(b64.size(), 2u) << TestSupport::ReadFile(events);
-    EXPECT_EQ(b64[utf8], "-");
-    std::istringstream in(b64[escaped]);
-    Poco::Base64Decoder decoder(in);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(decoder), std::istreambuf_iterator<char>()), latin1);
-}
-
 // log/, run/ and data/upload removed under a running agent come back; the
 // events of 1,100 shells found after that all reach the recreated sink.
 // Without --log-stderr the log stays off stderr; every line names its module.
 TEST(HealthE2E, OwnedDirectoriesRemovedWhileRunningComeBack)
 {
     TempDir dir("e2e-health-dirs");
-    Agent agent(dir, true);
-    ASSERT_TRUE(agent.started);
+    Agent agent(dir);
+    agent.events = "";  // the default sink, log/webshell_events.jsonl
+    ASSERT_TRUE(agent.Start(Json::Value()));
+    agent.events = agent.install + "log/webshell_events.jsonl";
     const std::string www = dir.MkDir("www");
     agent.Policy({www}, false);
     ASSERT_TRUE(agent.WaitVerdict(0)) << agent.Why();
@@ -247,9 +201,9 @@ TEST(HealthE2E, OwnedDirectoriesRemovedWhileRunningComeBack)
     }
     ASSERT_TRUE(agent.WaitVerdict(0)) << agent.Why();  // the control socket is back
     EXPECT_TRUE(WaitFor([&] { return TestSupport::FileExists(agent.install + "data/upload"); }));
-    ASSERT_EQ(0, agent.Ctl("scan-now >/dev/null"));
-    ASSERT_TRUE(WaitFor([&] { return Reported(agent.events).size() == kShells; }, 60000, 100))
-        << Reported(agent.events).size();
+    ASSERT_EQ(0, agent.Ctl("scan-now"));
+    ASSERT_TRUE(WaitFor([&] { return agent.Reported().size() == kShells; }, 60000, 100))
+        << agent.Reported().size();
     ASSERT_TRUE(agent.WaitVerdict(0));
     EXPECT_EQ(agent.status["components"]["report.events"]["dropped"].asInt(), 0);
 

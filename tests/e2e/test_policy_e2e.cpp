@@ -24,7 +24,6 @@ const char* const kRules = R"(rule e2e_policy_certain : certain_webshell { strin
 
 const std::string kShell = "<?php @eval($_POST['c']); /* POLICY_E2E_SHELL_MARKER */ ?>\n";
 
-using E2e::Reported;
 using E2e::Text;
 
 bool HasTask(const Json::Value& status, const std::string& name)
@@ -65,8 +64,6 @@ TEST(PolicyE2E, CheckPolicyJudgesDocumentsAsTheAgentWould)
           "error: content.customize_scan_paths[0] must be a string"}},
         {"required", [](Json::Value& p) { p["content"].removeMember("default_scan_paths"); }, 2,
          {"error: content.default_scan_paths is required (an array of strings)"}},
-        {"empty library", [](Json::Value& p) { p["content"]["lib_hash"] = ""; }, 2,
-         {"error: content.lib_hash must not be empty"}},
         {"schedule", [](Json::Value& p) { p["content"]["auto_scan_task"]["task_condition"]["type"] = "weekly"; }, 2,
          {"error: content.auto_scan_task.task_condition: \"type\" must be \"interval\" or \"daily\" (got "
           "\"weekly\")"}},
@@ -108,51 +105,39 @@ TEST(PolicyE2E, CheckPolicyJudgesDocumentsAsTheAgentWould)
 TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
 {
     TempDir dir("e2e-policy-run");
-    const std::string install = TestSupport::MakeInstallTree(dir);
+    E2e::Agent agent(dir);
     const std::string rules = dir.Write("rules/webshell.yar", kRules);
-    dir.Write("install/data/webshell/webshell.dat", kRules);
+    agent.InstallRules(kRules);
     const std::string root1 = dir.MkDir("www1");
     const std::string root2 = dir.MkDir("www2");
     const std::string shell1 = dir.Write("www1/one.php", kShell);
     const std::string shell2 = dir.Write("www2/two.php", kShell);
-    const std::string hostRoot = dir.MkDir("host");
-    const std::string events = dir.Join("events.jsonl");
-    const std::string log = install + "log/agent.log";
 
     // Only the periodic task scans here (no watch, no scan-now): a pass each second.
     auto policyFor = [&](const std::string& root) {
-        Json::Value p = TestSupport::WebshellPolicy({root}, rules);
-        p["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 1;
-        p["content"]["auto_scan_task"]["task_condition"]["delay_s"] = 0;
-        return p;
+        return E2e::EverySecond(TestSupport::WebshellPolicy({root}, rules));
     };
     const std::string later = dir.Join("later");  // a scan path that appears while the agent runs
     Json::Value first = policyFor(root1);
     first["content"]["customize_scan_paths"].append(later);
     first.removeMember("feature_name");
-    TestSupport::AgentProcess agent;
-    ASSERT_TRUE(agent.Start({"run", "--install-dir", install, "--policy", dir.Write("first.json", Text(first)),
-                             "--events", events, "--host-root", hostRoot}));
+    ASSERT_TRUE(agent.Start(first));
     auto ctlPolicy = [&](const Json::Value& p, std::string& reply) {
         static int n = 0;
-        const E2e::Outcome r = E2e::Run(
-            {"ctl", "policy", E2e::PolicyFile(dir, "policy-" + std::to_string(++n) + ".json", p), "--install-dir", install});
-        reply = r.out;
-        return r.code;
+        return agent.Ctl("policy " + E2e::PolicyFile(dir, "policy-" + std::to_string(++n) + ".json", p), &reply);
     };
 
     // A document without "feature_name" reaches the periodic pass, with a warning.
-    ASSERT_TRUE(WaitFor([&] { return Reported(events).count(shell1) == 1; }, 30000, 100))
-        << TestSupport::ReadFile(log);
-    EXPECT_NE(std::string::npos, TestSupport::ReadFile(log).find("no \"feature_name\"; policy 10001 belongs"));
+    ASSERT_TRUE(WaitFor([&] { return agent.Reported().count(shell1) == 1; }, 30000, 100))
+        << agent.Log();
+    EXPECT_NE(std::string::npos, agent.Log().find("no \"feature_name\"; policy 10001 belongs"));
     // The missing path is named once, not at every pass, and scanned once it appears.
     const std::string missing = "Scan path " + later + " cannot be used";
-    auto occurrences = [&](const std::string& needle) { return E2e::Count(TestSupport::ReadFile(log), needle); };
-    EXPECT_EQ(1u, occurrences(missing));
+    EXPECT_EQ(1u, E2e::Count(agent.Log(), missing));
     dir.MkDir("later");
     const std::string shellLater = dir.Write("later/late.php", kShell);
-    ASSERT_TRUE(WaitFor([&] { return Reported(events).count(shellLater) == 1; }, 30000, 100));
-    EXPECT_EQ(1u, occurrences(missing));
+    ASSERT_TRUE(WaitFor([&] { return agent.Reported().count(shellLater) == 1; }, 30000, 100));
+    EXPECT_EQ(1u, E2e::Count(agent.Log(), missing));
 
     // Another name: still one state, the periodic pass follows the new root.
     Json::Value second = policyFor(root2);
@@ -162,9 +147,9 @@ TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
     std::string reply;
     ASSERT_EQ(0, ctlPolicy(second, reply)) << reply;
     EXPECT_NE(std::string::npos, reply.find("unknown key content.monitor_file_chnage")) << reply;
-    ASSERT_TRUE(WaitFor([&] { return Reported(events).count(shell2) == 1; }, 30000, 100))
-        << TestSupport::ReadFile(log);
-    EXPECT_EQ("detect_webshell", TestSupport::CtlStatus(install)["policies"]["10001"]["feature"].asString());
+    ASSERT_TRUE(WaitFor([&] { return agent.Reported().count(shell2) == 1; }, 30000, 100))
+        << agent.Log();
+    EXPECT_EQ("detect_webshell", agent.Status()["policies"]["10001"]["feature"].asString());
 
     // A schedule that does not parse: refused naming the key, the previous
     // policy stays, status and health say so until a good one comes.
@@ -174,40 +159,40 @@ TEST(PolicyE2E, PoliciesReachThePeriodicPassAndRefusalsAndDisablingShow)
     EXPECT_EQ(1, ctlPolicy(broken, reply));
     EXPECT_NE(std::string::npos, reply.find("content.auto_scan_task.task_condition: \\\"interval_s\\\" must be"))
         << reply;
-    Json::Value status = TestSupport::CtlStatus(install);
+    Json::Value status = agent.Status();
     EXPECT_EQ("second", status["policies"]["10001"]["hash"].asString());
     EXPECT_NE(std::string::npos, status["policies"]["10001"]["rejected"].asString().find("interval_s"));
-    EXPECT_EQ("degraded", E2e::Health(install)["policy.10001"]) << Text(status["health"]);
+    EXPECT_EQ("degraded", agent.Health()["policy.10001"]) << Text(status["health"]);
     EXPECT_NE("ok", status["health"]["verdict"].asString());
     Json::Value watched = second;
     watched["hash"] = "watched";
     watched["content"]["monitor_file_change"] = true;
     ASSERT_EQ(0, ctlPolicy(watched, reply)) << reply;
-    status = TestSupport::CtlStatus(install);
+    status = agent.Status();
     EXPECT_FALSE(status["policies"]["10001"].isMember("rejected"));
-    EXPECT_EQ(E2e::Health(install).count("policy.10001"), 0u);
-    auto watching = [&] { return TestSupport::WatchedRoots(TestSupport::CtlStatus(install)).count(root2) == 1; };
+    EXPECT_EQ(agent.Health().count("policy.10001"), 0u);
+    auto watching = [&] { return TestSupport::WatchedRoots(agent.Status()).count(root2) == 1; };
     ASSERT_TRUE(WaitFor(watching, 30000, 100));
 
     // Disabled: no periodic pass, no watch, scan-now refused.
     Json::Value disabled = watched;
     disabled["enabled"] = false;
     ASSERT_EQ(0, ctlPolicy(disabled, reply)) << reply;
-    EXPECT_TRUE(WaitFor([&] { return TestSupport::WatchedRoots(TestSupport::CtlStatus(install)).empty(); }, 30000, 100));
-    status = TestSupport::CtlStatus(install);
+    EXPECT_TRUE(WaitFor([&] { return TestSupport::WatchedRoots(agent.Status()).empty(); }, 30000, 100));
+    status = agent.Status();
     EXPECT_FALSE(HasTask(status, "auto_scan_wehshell_task")) << Text(status["tasks"]);
     EXPECT_FALSE(HasTask(status, "detect_file_change_wehshell_task"));
-    EXPECT_EQ("degraded", E2e::Health(install)["webshell.disabled"]);
-    E2e::Ctl(install, "scan-now");
-    EXPECT_TRUE(WaitFor([&] { return TestSupport::ReadFile(log).find("Immediate scan refused") != std::string::npos; }));
+    EXPECT_EQ("degraded", agent.Health()["webshell.disabled"]);
+    agent.Ctl("scan-now");
+    EXPECT_TRUE(WaitFor([&] { return agent.Log().find("Immediate scan refused") != std::string::npos; }));
 
     // Enabled again: the watch and the periodic task come back.
     ASSERT_EQ(0, ctlPolicy(watched, reply)) << reply;
     ASSERT_TRUE(WaitFor(watching, 30000, 100));
-    status = TestSupport::CtlStatus(install);
+    status = agent.Status();
     EXPECT_TRUE(HasTask(status, "auto_scan_wehshell_task"));
-    EXPECT_EQ(E2e::Health(install).count("webshell.disabled"), 0u);
+    EXPECT_EQ(agent.Health().count("webshell.disabled"), 0u);
     const std::string shell3 = dir.Write("www2/three.php", kShell);
-    EXPECT_TRUE(WaitFor([&] { return Reported(events).count(shell3) == 1; }, 30000, 100))
-        << TestSupport::ReadFile(log);
+    EXPECT_TRUE(WaitFor([&] { return agent.Reported().count(shell3) == 1; }, 30000, 100))
+        << agent.Log();
 }

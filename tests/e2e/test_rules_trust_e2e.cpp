@@ -1,15 +1,13 @@
 // Rules and passes an operator can trust, end to end with the real binary:
-// a large library loads, a library is fetched when its policy is applied, a
-// broken update leaves the old rules in force, a check that times out is
-// said and kept, missing rules are said once, and uploads that were not
-// kept do not use up the daily quota.
+// missing rules are said once, a large library is fetched when its policy is
+// applied, a broken update leaves the old rules in force, a check that times
+// out is said and kept, and uploads that were not kept do not use up the
+// daily quota.
 
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <map>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -41,111 +39,104 @@ const std::string kOdd = "<?php exit; /* TRUST_E2E_ODD_MARK */ ?>\n";
 
 class RulesTrustE2E : public ::testing::Test {
 protected:
-    RulesTrustE2E()
-        : m_install(TestSupport::MakeInstallTree(m_dir)), m_root(m_dir.MkDir("www")), m_events(m_dir.Join("events.jsonl"))
-    {
-    }
-
-    // A policy document for the rule file `rules` at `version`, written to a file.
-    std::string Policy(const std::string& name, const std::string& rules, const std::string& version = "1",
-                       int quota = 100)
+    // A policy for the rule file `rules` at `version`.
+    Json::Value Policy(const std::string& rules, const std::string& version = "1", int quota = 100)
     {
         Json::Value policy = TestSupport::WebshellPolicy({m_root}, rules);
         policy["content"]["lib_version"] = version;
         policy["content"]["upload_file_count_per_day"] = quota;
-        return E2e::PolicyFile(m_dir, name, policy);
+        return policy;
     }
-
-    // Until the agent answers with its policy applied.
-    bool Start(const std::string& policy)
+    // Applied by `ctl policy`.
+    void Apply(const std::string& name, const Json::Value& policy)
     {
-        return m_agent.Start({"run", "--install-dir", m_install, "--policy", policy, "--events", m_events,
-                              "--host-root", m_dir.MkDir("host")}) &&
-               WaitFor([&] { return TestSupport::CtlStatus(m_install)["policies"].isMember("10001"); }, 30000, 100);
+        ASSERT_EQ(0, m_agent.Ctl("policy " + E2e::PolicyFile(m_dir, name, policy)));
     }
-
-    Json::Value Component(const std::string& key) { return E2e::Component(m_install, key); }
-    std::map<std::string, std::string> Health() { return E2e::Health(m_install); }
-    Json::Value ScanNow() { return E2e::ScanNow(m_install); }
-    bool Reported(const std::string& path) { return E2e::Reported(m_events).count(path) == 1; }
-    std::string Lib() const { return m_install + "data/webshell/webshell.dat"; }
+    bool Reported(const std::string& path) { return m_agent.Reported().count(path) == 1; }
+    std::string Lib() const { return m_agent.install + "data/webshell/webshell.dat"; }
 
     TempDir m_dir{"e2e-rules"};
-    std::string m_install;
-    std::string m_root;
-    std::string m_events;
-    TestSupport::AgentProcess m_agent;
+    E2e::Agent m_agent{m_dir};
+    std::string m_root = m_dir.MkDir("www");
 };
 
 }  // namespace
 
-TEST_F(RulesTrustE2E, LibraryLargerThanTenMiBIsLoaded)
+// Missing rules are said once and fail the health; a library larger than
+// 10 MiB is fetched and loaded when its policy is applied; a broken update
+// leaves it in force.
+TEST_F(RulesTrustE2E, MissingLargeAndBrokenLibraries)
 {
+    Json::Value missing = Policy(m_dir.Write("rules/r.yar", kRules));
+    missing["content"]["lib_url"] = "file://" + m_dir.Join("rules/absent.yar");
+    ASSERT_TRUE(m_agent.Start(missing) && m_agent.Applied());
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(m_agent.ScanNow()["state"].asString(), "skipped");
+    }
+    EXPECT_EQ(E2e::Count(m_agent.Log(), "skipped: the rule library " + Lib() + " is missing"), 1u) << m_agent.Log();
+    EXPECT_EQ(m_agent.Health()["webshell.rules"], "failing");
+    EXPECT_EQ(m_agent.Status()["health"]["verdict"].asString(), "failing");
+
     std::string padding = "/*\n";
     while (padding.size() < (11u << 20)) {
         padding += "a comment that only makes the library large, line after line\n";
     }
-    const std::string rules = m_dir.Write("rules/big.yar", padding + "*/\n" + kRules);
-    const std::string shell = m_dir.Write("www/shell.php", kShell);
-
-    const E2e::Outcome r = E2e::Run({"scan", "--install-dir", m_install, "--policy", Policy("big.json", rules),
-                                     "--events", m_events});
-    EXPECT_EQ(1, r.code) << r.err;
-    EXPECT_TRUE(Reported(shell)) << r.err;
-}
-
-TEST_F(RulesTrustE2E, LibraryIsFetchedWhenAppliedAndABrokenUpdateLeavesItInForce)
-{
-    const std::string good = m_dir.Write("rules/good.yar", kRules);
+    const std::string good = m_dir.Write("rules/good.yar", padding + "*/\n" + kRules);
     const std::string bad = m_dir.Write("rules/bad.yar", "rule broken : certain { condition: }\n");
-    const std::string goodPolicy = Policy("good.json", good);
-    ASSERT_TRUE(Start(goodPolicy));
     // Fetched and loaded when the policy is applied: the periodic pass is a
     // day away and nobody asked for one.
+    const uint64_t passes = m_agent.Component("webshell.last_pass")["pass_id"].asUInt64();
+    Apply("good.json", Policy(good));
     Json::Value loaded;
     ASSERT_TRUE(WaitFor(
         [&] {
-            loaded = Component("webshell.rules");
+            loaded = m_agent.Component("webshell.rules");
             return loaded["state"].asString() == "loaded";
         },
         30000, 100))
-        << loaded << m_agent.Stderr();
+        << loaded << m_agent.process.Stderr();
     EXPECT_EQ(loaded["loaded_version"].asString(), "1");
     EXPECT_EQ(loaded["loaded_hash"].asString(), TestSupport::Sha256Sum(good));
-    EXPECT_TRUE(Component("webshell.last_pass").isNull());
-    EXPECT_EQ(Health().count("webshell.rules"), 0u);
+    EXPECT_EQ(m_agent.Component("webshell.last_pass")["pass_id"].asUInt64(), passes);
+    EXPECT_EQ(m_agent.Health().count("webshell.rules"), 0u);
     const std::string first = m_dir.Write("www/first.php", kShell);
-    ScanNow();
-    ASSERT_TRUE(Reported(first)) << m_agent.Stderr();
+    m_agent.ScanNow();
+    ASSERT_TRUE(Reported(first)) << m_agent.process.Stderr();
 
     // Version 2 arrives but does not compile: version 1 keeps detecting,
     // status and health say so.
-    ASSERT_EQ(0, E2e::Ctl(m_install, "policy " + Policy("bad.json", bad, "2")));
+    Apply("bad.json", Policy(bad, "2"));
     ASSERT_TRUE(WaitFor([&] { return TestSupport::Sha256Sum(Lib()) == TestSupport::Sha256Sum(bad); }, 30000, 100));
     const std::string second = m_dir.Write("www/second.php", kShell);
-    EXPECT_EQ(ScanNow()["state"].asString(), "finished");
-    EXPECT_TRUE(WaitFor([&] { return Reported(second); }, 10000)) << m_agent.Stderr();
-    const Json::Value rules = Component("webshell.rules");
+    EXPECT_EQ(m_agent.ScanNow()["state"].asString(), "finished");
+    EXPECT_TRUE(WaitFor([&] { return Reported(second); }, 10000)) << m_agent.process.Stderr();
+    const Json::Value rules = m_agent.Component("webshell.rules");
     EXPECT_EQ(rules["state"].asString(), "load_failed");
     EXPECT_EQ(rules["loaded_version"].asString(), "1");
     EXPECT_EQ(rules["loaded_hash"].asString(), TestSupport::Sha256Sum(good));
-    EXPECT_EQ(Health()["webshell.rules"], "degraded");
+    EXPECT_EQ(m_agent.Health()["webshell.rules"], "degraded");
 
     // The good policy again: version 1 is what is loaded, health is clear.
-    ASSERT_EQ(0, E2e::Ctl(m_install, "policy " + goodPolicy));
+    Apply("good.json", Policy(good));
     EXPECT_TRUE(WaitFor(
-        [&] { return Component("webshell.rules")["state"].asString() == "loaded" && Health().count("webshell.rules") == 0; },
+        [&] {
+            return m_agent.Component("webshell.rules")["state"].asString() == "loaded" &&
+                   m_agent.Health().count("webshell.rules") == 0;
+        },
         30000, 100))
-        << Component("webshell.rules");
+        << m_agent.Component("webshell.rules");
     const std::string third = m_dir.Write("www/third.php", kShell);
-    ScanNow();
+    m_agent.ScanNow();
     EXPECT_TRUE(WaitFor([&] { return Reported(third); }, 10000));
 }
 
-TEST_F(RulesTrustE2E, CheckThatTimesOutIsSaidCountedAndKept)
+// A check that times out is said, counted and kept; uploads that were not
+// kept do not use up the quota (1: two uploads a day, the timed-out file's
+// and one more).
+TEST_F(RulesTrustE2E, CheckThatTimesOutAndUploadsThatFail)
 {
-    m_dir.Write("install/data/webshell/webshell.dat", kRules);
-    ASSERT_TRUE(Start(Policy("p.json", m_dir.Write("rules/r.yar", kRules))));
+    m_agent.InstallRules(kRules);
+    ASSERT_TRUE(m_agent.Start(Policy(m_dir.Write("rules/r.yar", kRules), "1", 1)) && m_agent.Applied());
     std::string padded = "<?php /* ";
     for (int i = 0; i < 20000; ++i) {
         padded += "PADPAD ";
@@ -153,51 +144,27 @@ TEST_F(RulesTrustE2E, CheckThatTimesOutIsSaidCountedAndKept)
     const std::string slow = m_dir.Write("www/padded.php", padded + "*/ ?>\n");
     m_dir.Write("www/clean.php", "<?php echo 1; ?>\n");
 
-    Json::Value pass = ScanNow();
+    Json::Value pass = m_agent.ScanNow();
     EXPECT_EQ(pass["files_timed_out"].asUInt64(), 1u) << pass;
     EXPECT_EQ(pass["files_checked"].asUInt64(), 1u) << pass;
-    EXPECT_EQ(E2e::Count(E2e::Log(m_install), "File " + slow + " not checked to the end (scan of " + slow + " timed out"), 1u);
-    EXPECT_TRUE(WaitFor([&] { return TestSupport::FileExists(m_install + "data/upload/" + TestSupport::Sha256Sum(slow)); },
-                        10000));
-    EXPECT_EQ(Health()["webshell.pass"], "degraded");
+    EXPECT_EQ(E2e::Count(m_agent.Log(), "File " + slow + " not checked to the end (scan of " + slow + " timed out"), 1u);
+    const std::string uploads = m_agent.install + "data/upload";
+    EXPECT_TRUE(WaitFor([&] { return TestSupport::FileExists(uploads + "/" + TestSupport::Sha256Sum(slow)); }, 10000));
+    EXPECT_EQ(m_agent.Health()["webshell.pass"], "degraded");
 
     // A pass that checks everything to the end clears it.
     ASSERT_EQ(0, unlink(slow.c_str()));
-    pass = ScanNow();
+    pass = m_agent.ScanNow();
     EXPECT_EQ(pass["files_timed_out"].asUInt64(), 0u) << pass;
-    EXPECT_EQ(Health().count("webshell.pass"), 0u);
-}
+    EXPECT_EQ(m_agent.Health().count("webshell.pass"), 0u);
 
-TEST_F(RulesTrustE2E, MissingRulesAreSaidOnceAndFailTheHealth)
-{
-    const std::string absent = m_dir.Join("rules/absent.yar");
-    Json::Value policy = TestSupport::WebshellPolicy({m_root}, m_dir.Write("rules/r.yar", kRules));
-    policy["content"]["lib_url"] = "file://" + absent;
-    ASSERT_TRUE(Start(E2e::PolicyFile(m_dir, "p.json", policy)));
-
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(ScanNow()["state"].asString(), "skipped");
-    }
-    EXPECT_EQ(E2e::Count(E2e::Log(m_install), "skipped: the rule library " + Lib() + " is missing"), 1u)
-        << E2e::Log(m_install);
-    EXPECT_EQ(Health()["webshell.rules"], "failing");
-    EXPECT_EQ(TestSupport::CtlStatus(m_install)["health"]["verdict"].asString(), "failing");
-}
-
-TEST_F(RulesTrustE2E, UploadsThatWereNotKeptDoNotUseUpTheQuota)
-{
-    m_dir.Write("install/data/webshell/webshell.dat", kRules);
-    // A quota of 0 admits one upload a day.
-    ASSERT_TRUE(Start(Policy("p.json", m_dir.Write("rules/r.yar", kRules), "1", 0)));
-    const std::string uploads = m_install + "data/upload";
-    ASSERT_TRUE(WaitFor([&] { return !Component("report.uploads").isNull(); }, 30000, 100));
     // The store cannot keep anything while a plain file sits in its place.
     ASSERT_EQ(0, rename(uploads.c_str(), (uploads + ".away").c_str()));
     m_dir.Write("install/data/upload", "not a directory");
     m_dir.Write("www/first.php", kOdd);
-    ScanNow();
-    EXPECT_TRUE(WaitFor([&] { return Component("report.uploads")["failed"].asUInt64() == 1; }, 10000))
-        << Component("report.uploads");
+    m_agent.ScanNow();
+    EXPECT_TRUE(WaitFor([&] { return m_agent.Component("report.uploads")["failed"].asUInt64() == 1; }, 10000))
+        << m_agent.Component("report.uploads");
 
     ASSERT_EQ(0, unlink(uploads.c_str()));
     ASSERT_EQ(0, rename((uploads + ".away").c_str(), uploads.c_str()));
@@ -205,10 +172,9 @@ TEST_F(RulesTrustE2E, UploadsThatWereNotKeptDoNotUseUpTheQuota)
     // lag behind its status on a busy machine: a few passes at most.
     const std::string second = m_dir.Write("www/second.php", kOdd + "// another\n");
     const std::string kept = uploads + "/" + TestSupport::Sha256Sum(second);
-    for (int pass = 0; pass < 3 && !TestSupport::FileExists(kept); ++pass) {
-        ScanNow();
+    for (int n = 0; n < 3 && !TestSupport::FileExists(kept); ++n) {
+        m_agent.ScanNow();
         WaitFor([&] { return TestSupport::FileExists(kept); }, 5000);
     }
-    EXPECT_TRUE(TestSupport::FileExists(kept)) << Component("report.uploads")
-                                               << E2e::Log(m_install);
+    EXPECT_TRUE(TestSupport::FileExists(kept)) << m_agent.Component("report.uploads") << m_agent.Log();
 }

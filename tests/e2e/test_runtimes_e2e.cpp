@@ -19,6 +19,7 @@
 #include <chrono>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -96,21 +97,17 @@ struct Runtime {
     std::string remove;
 };
 
-std::string ForName(std::string text, const std::string& name)
+std::string ForName(const std::string& text, const std::string& name)
 {
-    for (std::size_t at = text.find("NAME"); at != std::string::npos; at = text.find("NAME", at)) {
-        text.replace(at, 4, name);
-        at += name.size();
-    }
-    return text;
+    return std::regex_replace(text, std::regex("NAME"), name);
 }
 
 class RuntimesE2E : public ::testing::Test {
 protected:
     void TearDown() override
     {
-        if (m_agent.Running()) {
-            m_agent.Stop(15, 20000);
+        if (m_agent.process.Running()) {
+            m_agent.process.Stop(15, 20000);
         }
         for (auto it = m_cleanup.rbegin(); it != m_cleanup.rend(); ++it) {
             Shell(*it);
@@ -136,7 +133,7 @@ protected:
 
     static std::string Tail(const std::string& log)
     {
-        const std::string text = TestSupport::FileExists(log) ? TestSupport::ReadFile(log) : "";
+        const std::string text = TestSupport::ReadFile(log);
         return text.substr(text.size() - std::min<size_t>(text.size(), 2000));
     }
 
@@ -175,22 +172,18 @@ protected:
 
     void StartAgent()
     {
-        m_install = TestSupport::MakeInstallTree(m_dir, {"container", "webshell", "filenotify", "report"});
         const std::string rules = m_dir.Write("rules/webshell.yar", TestSupport::kShellRules);
-        std::ofstream(m_install + "data/webshell/webshell.dat") << TestSupport::kShellRules;
+        m_agent.InstallRules(TestSupport::kShellRules);
         Json::Value policy = TestSupport::WebshellPolicy({m_dir.MkDir("host-www")}, rules);
         policy["content"]["default_scan_paths"].append("/var/www/html");
         policy["content"]["monitor_file_change"] = true;
         policy["content"]["monitor_container"] = true;
-        const std::string policyFile = E2e::PolicyFile(m_dir, "policy.json", policy);
-        m_events = m_dir.Join("events.jsonl");
-        ASSERT_TRUE(m_agent.Start({"run", "--install-dir", m_install, "--policy", policyFile, "--events",
-                                   m_events, "--host-root", "/", "--log-level", "debug"}));
-        ASSERT_TRUE(WaitFor([&] { return m_agent.Running() && Component("container").isObject(); }, 30000, 50))
-            << m_agent.Stderr();
+        ASSERT_TRUE(m_agent.Start(policy, {"--host-root", "/", "--log-level", "debug"}));
+        ASSERT_TRUE(WaitFor([&] { return m_agent.process.Running() && Component("container").isObject(); }, 30000, 50))
+            << m_agent.process.Stderr();
     }
 
-    Json::Value Component(const std::string& key) { return E2e::Component(m_install, key); }
+    Json::Value Component(const std::string& key) { return m_agent.Component(key); }
 
     // The containers of this test in the agent's status (it follows the
     // whole host): those whose root is in our directory, or the one named `name`.
@@ -211,22 +204,13 @@ protected:
     // Events for the file at `path` inside container `name`.
     std::vector<Json::Value> Reported(const std::string& name, const std::string& path)
     {
-        std::vector<Json::Value> out;
-        for (const auto& e : TestSupport::ReadEvents(m_events)) {
-            if (e["container_name"].asString() == name && e["file_info"]["file_path"].asString() == path) {
-                out.push_back(e);
-            }
-        }
-        return out;
+        return E2e::ContainerEvents(m_agent.events, name, path);
     }
 
     std::string Diagnostics()
     {
-        return "\ncontainer status: " + Component("container").toStyledString() + "events:\n" +
-               (TestSupport::FileExists(m_events) ? TestSupport::ReadFile(m_events) : "") + "agent log:\n" +
-               Tail(m_install + "log/agent.log");
+        return "\ncontainer status: " + Component("container").toStyledString() + m_agent.Diagnostics();
     }
-
 
     // Containers "<tag>-before" (running before the agent, with old.php
     // already in its web root) and "<tag>-after" of every runtime: followed,
@@ -269,7 +253,7 @@ protected:
                     [&] {
                         c = Listed(n);
                         return c.isObject() &&
-                               TestSupport::WatchedRoots(TestSupport::CtlStatus(m_install))
+                               TestSupport::WatchedRoots(m_agent.Status())
                                        .count(c["rootPath"].asString() + "/var/www/html") == 1;
                     },
                     30000, 100))
@@ -280,7 +264,7 @@ protected:
         }
 
         // The shell that was there before the agent: found by a pass.
-        E2e::ScanNow(m_install);
+        m_agent.ScanNow();
         for (const auto& r : runtimes) {
             const auto events = Reported(name(r, "before"), "/var/www/html/old.php");
             ASSERT_EQ(events.size(), 1u) << name(r, "before") << Diagnostics();
@@ -306,7 +290,7 @@ protected:
         // meets the vanished roots. The containers leave the status, and
         // nothing about their roots stays in the agent's health.
         ASSERT_TRUE(ShellAll(remove, out)) << out;
-        E2e::ScanNow(m_install);
+        m_agent.ScanNow();
         for (const auto& r : runtimes) {
             const std::string n = name(r, "after");
             EXPECT_TRUE(WaitFor([&] { return Listed(n).isNull(); }, 30000, 100)) << n << Diagnostics();
@@ -314,24 +298,22 @@ protected:
         }
         EXPECT_TRUE(WaitFor(
             [&] {
-                const Json::Value health = TestSupport::CtlStatus(m_install)["health"];
+                const Json::Value health = m_agent.Status()["health"];
                 return health.isObject() && health.toStyledString().find(m_dir.Path()) == std::string::npos;
             },
             10000, 100))
-            << TestSupport::CtlStatus(m_install)["health"];
+            << m_agent.Status()["health"];
         // Every pass and every watch saw these files; each is reported once.
         for (const auto& r : runtimes) {
             EXPECT_EQ(Reported(name(r, "before"), "/var/www/html/old.php").size(), 1u);
             EXPECT_EQ(Reported(name(r, "before"), "/var/www/html/x.php").size(), 1u);
             EXPECT_EQ(Reported(name(r, "after"), "/var/www/html/x.php").size(), 1u);
         }
-        EXPECT_TRUE(m_agent.Running()) << m_agent.Stderr();
+        EXPECT_TRUE(m_agent.process.Running()) << m_agent.process.Stderr();
     }
 
     TempDir m_dir{"e2e-runtimes"};
-    std::string m_install;
-    std::string m_events;
-    TestSupport::AgentProcess m_agent;
+    E2e::Agent m_agent{m_dir, {"container", "webshell", "filenotify", "report"}};
     std::vector<std::unique_ptr<Daemon>> m_daemons;
     std::vector<std::string> m_cleanup;  // run in reverse order at the end
 };

