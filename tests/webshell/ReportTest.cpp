@@ -1,5 +1,5 @@
-// The detection event (both shapes) and duplicate suppression; uploads of
-// uncertain matches are checked with the walk and the quota.
+// The detection event of a host file and duplicate suppression; container
+// events are checked end to end, uploads with the walk and the quota.
 
 #include <regex>
 #include <set>
@@ -8,7 +8,6 @@
 
 #include "WebshellTestUtil.h"
 #include "sdk/TimeUtils.h"
-#include "webshell/DetectResult.h"
 #include "webshell/ScanWebshellTask.h"
 
 using namespace WebshellTest;
@@ -84,69 +83,19 @@ TEST_F(ReportTest, HostFileEventCarriesEveryFieldAndTheFileDigest)
     EXPECT_EQ(file["file_key_word"].asString(), kCertainMark);
     EXPECT_EQ(file["file_sha256"].asString(), TestSupport::Sha256Sum(shell));
 
-    // Each event has its own id.
+    // Each event has its own id; the same path within a minute is reported
+    // once per task, and each task keeps its own history.
     const std::string second = web.Write("www/second.php", std::string("<?php ") + kCertainMark);
     task->ScanFromFile(second, Engine::ContainerCacheInfo());
+    task->ScanFromFile(shell, Engine::ContainerCacheInfo());
     auto events = env.Events();
     ASSERT_EQ(events.size(), 2u);
     EXPECT_NE(events[0]["event_id"].asString(), events[1]["event_id"].asString());
-}
-
-TEST_F(ReportTest, ContainerFileEventUsesTheInContainerPathAndABareFileObject)
-{
-    const std::string root = web.MkDir("var/lib/c1/merged");
-    const std::string shell = web.Write("var/lib/c1/merged/www/a.php", std::string("<?php ") + kCertainMark);
-    Engine::ContainerInfo container;
-    container.id = "4f1c0ffee";
-    container.name = "web1";
-    container.imageId = "sha256:9a8b";
-    container.imageName = "nginx:1.25";
-    container.rootPath = root;
-    Engine::DetectResult result;
-    result.matched = result.certain = true;
-    result.keyWord = kCertainMark;
-    task->SendDetectResultMsg(shell, result, container);
-
-    auto events = env.Events();
-    ASSERT_EQ(events.size(), 1u);
-    const Json::Value& event = events[0];
-    // Names and ids of the container are checked end to end.
-    EXPECT_EQ(event["container_name"].asString(), "web1");
-    ASSERT_TRUE(event["file_info"].isObject()) << "a container file gives a bare object";
-    EXPECT_EQ(event["file_info"]["file_path"].asString(), "/www/a.php");
-    EXPECT_EQ(event["file_info"]["file_sha256"].asString(), TestSupport::Sha256Sum(shell));
-    EXPECT_EQ(event["file_info"]["file_key_word"].asString(), kCertainMark);
-
-    // A name without an id is a host file; no digest for a missing file;
-    // no key word when the match text is empty.
-    Engine::ContainerInfo nameOnly;
-    nameOnly.name = "web1";
-    nameOnly.rootPath = root;
-    result.keyWord.clear();
-    const std::string missing = web.Join("var/lib/c1/merged/www/gone.php");
-    task->SendDetectResultMsg(missing, result, nameOnly);
-    events = env.Events();
-    ASSERT_EQ(events.size(), 2u);
-    EXPECT_FALSE(events[1].isMember("container_name"));
-    EXPECT_FALSE(events[1].isMember("resource_info"));
-    ASSERT_TRUE(events[1]["file_info"].isArray());
-    EXPECT_EQ(Keys(events[1]["file_info"][0]), (std::set<std::string>{"file_path"}));
-    EXPECT_EQ(events[1]["file_info"][0]["file_path"].asString(), missing);
-}
-
-TEST_F(ReportTest, SamePathWithinAMinuteIsReportedOnce)
-{
-    const std::string shell = web.Write("www/a.php", std::string("<?php ") + kCertainMark);
-    task->ScanFromFile(shell, Engine::ContainerCacheInfo());
-    task->ScanFromFile(shell, Engine::ContainerCacheInfo());
-    EXPECT_EQ(env.Events().size(), 1u);
-
-    // Each task keeps its own history: another task reports the file too.
     Poco::AutoPtr<Engine::OnceScanWebshellTask> other(new Engine::OnceScanWebshellTask());
     other->SetFeaturePolicy(policy.get());
     ASSERT_EQ(other->Init(), 0);
     ASSERT_TRUE(other->ParsePolicyContent());
     other->ScanFromFile(shell, Engine::ContainerCacheInfo());
-    EXPECT_EQ(env.Events().size(), 2u);
+    EXPECT_EQ(env.Events().size(), 3u);
     other->UnInit();
 }

@@ -43,10 +43,9 @@ Env::~Env()
 
 TestSupport::CaptureTask& Env::Capture(const std::string& service) { return *m_captures.at(service); }
 
-std::string Env::InstallRules(const std::string& source, bool compiled)
+std::string Env::InstallRules(const std::string& source)
 {
-    const std::string rel = "install/data/webshell/webshell.dat";
-    const std::string path = TestSupport::WriteRules(Dir(), rel, source, compiled);
+    const std::string path = TestSupport::WriteRules(Dir(), "install/data/webshell/webshell.dat", source);
     if (path != LibPath()) {
         throw std::runtime_error("rule library landed at " + path + ", expected " + LibPath());
     }

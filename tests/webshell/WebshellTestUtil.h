@@ -55,7 +55,7 @@ public:
 
     // Writes the rule library where the tasks look for it; returns its
     // sha256 (as sha256sum prints it).
-    std::string InstallRules(const std::string& source, bool compiled = false);
+    std::string InstallRules(const std::string& source);
 
     // Returns once every message sent to `service` before the call has
     // been handled by its capture task.

@@ -1,5 +1,5 @@
-// The container cache and the container start/stop events of the
-// file-change task.
+// The file-change task: watch requests kept in step with the policy, file
+// notifications, and the container start/stop events with their cache.
 
 #include <set>
 
@@ -54,106 +54,35 @@ protected:
         Engine::ContainerMessage msg(event, info);
         return msg.MessageHandle(static_cast<Framework::Task*>(task.get()));
     }
-
 };
 
+const uint32_t kInCreate = 0x100;
+const uint32_t kInIsDir = 0x40000000;
+
+class WatchTest : public TaskFixture<Engine::DetectFileChangeWebshellTask> {
+protected:
+    void Notify(uint32_t mask, const std::string& path, unsigned long extParm)
+    {
+        Engine::FileNotifyMessage msg(mask, path, extParm);
+        EXPECT_EQ(msg.MessageHandle(static_cast<Framework::Task*>(task.get())), 0);
+    }
+};
+
+void ExpectRequest(const Engine::FileNotifyWatchMessage& msg, Framework::Task* sender, const std::string& path,
+                   bool add, unsigned long extParm)
+{
+    EXPECT_TRUE(msg.GetSender() == sender->GetMailbox());
+    EXPECT_EQ(msg.GetPath(), path);
+    EXPECT_EQ(msg.GetEvents(), (std::vector<unsigned int>{0x100, 0x2, 0xC0}));
+    const Engine::_FileNotifyOpt& opt = msg.GetOpt();
+    EXPECT_EQ(opt.addWatch, add ? 1 : 0);
+    EXPECT_EQ(opt.removeWatch, add ? 0 : 1);
+    EXPECT_EQ(opt.recursive, 1);
+    EXPECT_EQ(opt.coalesce, 1);
+    EXPECT_EQ(opt.extParm, extParm);
+}
+
 }  // namespace
-
-TEST_F(ContainerTest, CacheIndicesAreNeverReusedAndLookupIsAPrefixTestOnTheRoot)
-{
-    Start();
-    auto entry = [](const std::string& id, const std::string& name, const std::string& root) {
-        Engine::ContainerCacheInfo e;
-        e.id = id;
-        e.name = name;
-        e.rootPath = root;
-        return e;
-    };
-    Engine::ContainerCacheInfo a = entry("aaa", "alpha", "/var/lib/a/merged");
-    Engine::ContainerCacheInfo b = entry("bbb", "beta", "");  // an empty root matches every file
-    ASSERT_TRUE(task->InsertContainerCache(a));
-    EXPECT_EQ(a.index, 1u);
-    ASSERT_TRUE(task->InsertContainerCache(b));
-    EXPECT_EQ(b.index, 2u);
-
-    // The same id again: refused, nothing changes, the caller's index stays.
-    Engine::ContainerCacheInfo again = a;
-    again.index = 77;
-    again.name = "renamed";
-    EXPECT_FALSE(task->InsertContainerCache(again));
-    EXPECT_EQ(again.index, 77u);
-    Engine::ContainerCacheInfo out;
-    ASSERT_TRUE(task->GetContainerCache("aaa", out));
-    EXPECT_EQ(out.name, "alpha");
-
-    const struct {
-        const char* path;
-        unsigned long index;
-        const char* found;  // "" when the lookup fails
-    } lookups[] = {
-        {"/var/lib/a/merged/x", 0, ""},  // index 0 is the host
-        {"/var/lib/a/merged/var/www/a.php", 1, "aaa"},
-        {"/var/lib/a/merged2/x", 1, "aaa"},  // no separator needed
-        {"/other/var/lib/a/merged/x", 1, ""},
-        {"/anything", 2, "bbb"},
-    };
-    for (const auto& l : lookups) {
-        Engine::ContainerCacheInfo found;
-        EXPECT_EQ(task->GetContainerCacheFromIndex(l.path, l.index, found), *l.found != '\0') << l.path;
-        EXPECT_EQ(found.id, l.found) << l.path;
-    }
-
-    // A deleted entry's index is gone and never handed out again.
-    task->DeleteContainerCache("aaa");
-    task->DeleteContainerCache("zzz");
-    EXPECT_FALSE(task->GetContainerCacheFromIndex("/var/lib/a/merged/x.php", 1, out));
-    EXPECT_EQ(log.Count("WebshellTask not match cache index. index=1, path=/var/lib/a/merged/x.php",
-                        Poco::Message::PRIO_WARNING), 1u);
-    Engine::ContainerCacheInfo c = entry("ccc", "gamma", "/var/lib/c");
-    ASSERT_TRUE(task->InsertContainerCache(c));
-    EXPECT_EQ(c.index, 3u);
-}
-
-TEST_F(ContainerTest, OnlyTheFileChangeTaskSubscribesAndEveryTaskUnsubscribes)
-{
-    Start();
-    // The file-change task, a periodic and a once task with containers
-    // followed, a file-change task with containers off, one without policy.
-    PolicyDoc off = doc;
-    off.monitorContainer = false;
-    Poco::AutoPtr<Engine::DetectWebshellPolicy> offPolicy = MakePolicy(off);
-    std::vector<Poco::AutoPtr<Engine::ScanWebshellTask>> tasks{
-        new Engine::DetectFileChangeWebshellTask(), new Engine::AutoScanWebshellTask(),
-        new Engine::OnceScanWebshellTask(), new Engine::DetectFileChangeWebshellTask(),
-        new Engine::DetectFileChangeWebshellTask()};
-    for (size_t i = 0; i < tasks.size(); ++i) {
-        if (i < 4) {
-            tasks[i]->SetFeaturePolicy(i < 3 ? policy.get() : offPolicy.get());
-        }
-        ASSERT_EQ(tasks[i]->Init(), 0);
-    }
-    auto subscriptions = env.Sent<Engine::ContainerRegisterMessage>(kContainerCollect);
-    ASSERT_EQ(subscriptions.size(), 1u);
-    EXPECT_EQ(subscriptions[0]->task, tasks[0].get());
-    EXPECT_TRUE(subscriptions[0]->subscribe);
-    EXPECT_FALSE(subscriptions[0]->option);
-
-    // Every task unsubscribes from containers, and from asset kinds 0 then 4.
-    env.ClearCaptures();
-    for (auto& t : tasks) {
-        t->UnInit();
-    }
-    auto unsubscriptions = env.Sent<Engine::ContainerRegisterMessage>(kContainerCollect);
-    ASSERT_EQ(unsubscriptions.size(), 5u);
-    for (auto& m : unsubscriptions) {
-        EXPECT_FALSE(m->subscribe || m->option);
-    }
-    auto assets = env.Sent<Engine::AssetUnRegisterMessage>(kMsgSync);
-    ASSERT_EQ(assets.size(), 10u);
-    EXPECT_EQ(assets[0]->kind, 0u);
-    EXPECT_EQ(assets[1]->kind, 4u);
-    EXPECT_EQ(assets[0]->task, tasks[0].get());
-}
 
 TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
 {
@@ -168,12 +97,8 @@ TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
     // The host's default root under the container root does not exist: dropped.
     auto watches = env.TakeWatches();
     ASSERT_EQ(watches.size(), 2u) << "the same path in both lists is watched once";
-    EXPECT_EQ(watches[0]->GetPath(), app);
-    EXPECT_EQ(watches[1]->GetPath(), html);
-    for (auto& w : watches) {
-        EXPECT_EQ(w->GetOpt().addWatch, 1);
-        EXPECT_EQ(w->GetOpt().extParm, 1u);
-    }
+    ExpectRequest(*watches[0], task.get(), app, true, 1);
+    ExpectRequest(*watches[1], task.get(), html, true, 1);
     Engine::ContainerCacheInfo cached;
     ASSERT_TRUE(task->GetContainerCache("0123abcd", cached));
     EXPECT_EQ(cached.scanPathList, (std::list<std::string>{app, html}));
@@ -189,9 +114,8 @@ TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
     Deliver(info, false);
     watches = env.TakeWatches();
     ASSERT_EQ(watches.size(), 2u);
-    EXPECT_EQ(watches[0]->GetPath(), app);
-    EXPECT_EQ(watches[0]->GetOpt().removeWatch, 1);
-    EXPECT_EQ(watches[1]->GetOpt().extParm, 1u);
+    ExpectRequest(*watches[0], task.get(), app, false, 1);
+    ExpectRequest(*watches[1], task.get(), html, false, 1);
     Engine::ContainerCacheInfo gone;
     EXPECT_FALSE(task->GetContainerCache("0123abcd", gone));
 
@@ -228,12 +152,9 @@ TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
     uninitialised = true;
     watches = env.TakeWatches();
     ASSERT_EQ(watches.size(), 3u);
-    for (size_t i = 0; i < 2; ++i) {
-        EXPECT_EQ(watches[i]->GetOpt().removeWatch, 1);
-        EXPECT_EQ(watches[i]->GetOpt().extParm, cached2.index);
-    }
-    EXPECT_EQ(watches[2]->GetOpt().removeWatch, 1);
-    EXPECT_EQ(watches[2]->GetOpt().extParm, 0u);
+    ExpectRequest(*watches[0], task.get(), app, false, cached2.index);
+    ExpectRequest(*watches[1], task.get(), html, false, cached2.index);
+    ExpectRequest(*watches[2], task.get(), doc.defaultPaths.front(), false, 0);
     EXPECT_FALSE(task->GetContainerCache("0123abcd", cached2));
     // Clearing an empty cache sends nothing.
     task->ClearContainerCache();
@@ -298,4 +219,104 @@ TEST_F(ContainerTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
     EXPECT_EQ(env.engine().UnRegisterTask("detect_file_change_wehshell_task"), 1);
     third->UnInit();
     once->UnInit();
+}
+
+TEST_F(WatchTest, WatchesFollowThePolicyOneRequestPerChangeInPathOrder)
+{
+    // No policy, then no root that exists: no request.
+    ASSERT_EQ(task->Init(), 0);
+    doc.defaultPaths = {web.Join("missing")};
+    Apply(false);
+    task->RegisterFileMonitorMessage();
+    EXPECT_TRUE(env.TakeWatches().empty());
+
+    const std::string a = web.MkDir("a");
+    const std::string b = web.MkDir("b");
+    const std::string c = web.MkDir("c");
+    doc.defaultPaths = {c};
+    doc.customPaths = {a};
+    Apply(false);
+    task->RegisterFileMonitorMessage();  // nothing watched yet: every root is added
+
+    auto watches = env.TakeWatches();
+    ASSERT_EQ(watches.size(), 2u);
+    ExpectRequest(*watches[0], task.get(), a, true, 0);
+    ExpectRequest(*watches[1], task.get(), c, true, 0);
+    EXPECT_EQ(task->GetMonitorDirs(), (std::set<std::string>{a, c}));
+
+    // The same policy again: nothing to do.
+    task->RegisterFileMonitorMessage();
+    EXPECT_TRUE(env.TakeWatches().empty());
+
+    // /a dropped, /b added: exactly two requests, in path order.
+    doc.customPaths = {b};
+    Apply(false);
+    task->RegisterFileMonitorMessage();
+    watches = env.TakeWatches();
+    ASSERT_EQ(watches.size(), 2u);
+    ExpectRequest(*watches[0], task.get(), a, false, 0);
+    ExpectRequest(*watches[1], task.get(), b, true, 0);
+    EXPECT_EQ(task->GetMonitorDirs(), (std::set<std::string>{b, c}));
+
+    // A policy whose roots all vanished fails to parse: the watches stay.
+    doc.defaultPaths = {web.Join("gone1")};
+    doc.customPaths = {web.Join("gone2")};
+    Apply(false);
+    task->RegisterFileMonitorMessage();
+    EXPECT_TRUE(env.TakeWatches().empty());
+    EXPECT_EQ(task->GetMonitorDirs(), (std::set<std::string>{b, c}));
+
+    // Any operation but "add" is a removal.
+    task->SendFileNotifyWatchMessage("/srv/x", "Add", 7);
+    task->SendFileNotifyWatchMessage("/srv/y", "add", 9);
+    watches = env.TakeWatches();
+    ASSERT_EQ(watches.size(), 2u);
+    ExpectRequest(*watches[0], task.get(), "/srv/x", false, 7);
+    ExpectRequest(*watches[1], task.get(), "/srv/y", true, 9);
+}
+
+TEST_F(WatchTest, NotificationsScanChangedFilesAndIgnoreDirectories)
+{
+    const std::string www = web.MkDir("www");
+    doc.defaultPaths = {www};
+    Apply(false);
+    ASSERT_EQ(task->Init(), 0);
+    env.TakeWatches();
+
+    // A directory event is neither logged nor scanned, whatever else is set.
+    const std::string dirShell = web.Write("www/sub.php", std::string("<?php ") + kCertainMark);
+    Notify(kInIsDir | kInCreate, dirShell, 0);
+    Notify(0xFFFFFFFF, dirShell, 0);
+    EXPECT_TRUE(env.Events().empty());
+
+    // A host file (extra parameter 0) is scanned without the container cache.
+    const std::string shell = web.Write("www/new.php", std::string("<?php ") + kCertainMark);
+    Notify(kInCreate, shell, 0);
+    auto events = env.Events();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), shell);
+    EXPECT_EQ(log.Count("WebshellTask not match cache index", Poco::Message::PRIO_WARNING), 0u);
+
+    // An index that names no cached container: warning, then a host scan.
+    const std::string stale = web.Write("www/stale.php", std::string("<?php ") + kCertainMark);
+    Notify(kInCreate, stale, 42);
+    EXPECT_EQ(log.Count("WebshellTask not match cache index. index=42, path=" + stale, Poco::Message::PRIO_WARNING), 1u);
+    events = env.Events();
+    ASSERT_EQ(events.size(), 2u);
+    ASSERT_TRUE(events[1]["file_info"].isArray());
+    EXPECT_EQ(events[1]["file_info"][0]["file_path"].asString(), stale);
+
+    // Two events for one file: two checks (the second finding is suppressed).
+    Notify(0x2, shell, 0);
+    EXPECT_EQ(env.Events().size(), 2u);
+
+    // A FIFO named like a page is refused by the check, never waited on.
+    const std::string fifo = web.Fifo("www/pipe.php");
+    Notify(kInCreate, fifo, 0);
+    EXPECT_EQ(log.Count("Check file failed, path(" + fifo + ").", Poco::Message::PRIO_ERROR), 1u);
+
+    // A file already gone when the event is handled is skipped silently.
+    Notify(kInCreate, web.Join("www/vanished.php"), 0);
+    EXPECT_EQ(log.Count("Check file failed", Poco::Message::PRIO_ERROR), 1u);
+    EXPECT_EQ(task->FileNotifyMessageAction(nullptr), 0);
 }
