@@ -1,5 +1,5 @@
-// Scan roots, the rule library, the walk over real trees and the check of
-// one file with real compiled rules.
+// Scan roots, the rule library, the walk over real trees, the check of one
+// file with real compiled rules, and the event it gives.
 
 #include <fcntl.h>
 #include <sys/fsuid.h>
@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <future>
+#include <regex>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -15,6 +16,7 @@
 #include "WebshellTestUtil.h"
 #include "framework/StatusBoard.h"
 #include "message/AssetMessage.h"
+#include "sdk/TimeUtils.h"
 #include "sdk/YaraUtils.h"
 #include "webshell/DetectResult.h"
 #include "webshell/ScanWebshellTask.h"
@@ -37,6 +39,12 @@ std::vector<std::shared_ptr<Framework::FileMessage>> Downloads(Env& env)
 }
 
 std::string Certain(const std::string& prefix = "<?php ") { return prefix + kCertainMark + "\n"; }
+
+std::set<std::string> Keys(const Json::Value& object)
+{
+    const auto names = object.getMemberNames();
+    return std::set<std::string>(names.begin(), names.end());
+}
 
 // Runs one pass of `task` on another thread; a pass still running after the
 // deadline is cancelled and counts as endless.
@@ -203,6 +211,60 @@ TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
     task->ScanFromFile(marked2, Engine::ContainerCacheInfo());
     task->ScanFromFile(other, Engine::ContainerCacheInfo());
     EXPECT_EQ(env.EventPaths(), (std::set<std::string>{other}));
+}
+
+// What receivers rely on beyond what the end-to-end tests read: exactly the
+// known keys, the fixed figures, a fresh version-4 id per event, and
+// duplicate suppression within a minute, per task.
+TEST_F(ScanTest, HostFileEventHasTheKnownKeysAndFiguresAndIsSentOncePerTask)
+{
+    doc.defaultPaths = {web.MkDir("www")};
+    Apply();
+    ASSERT_TRUE(task->ParsePolicyContent());
+    const std::string shell = web.Write("www/dir with space/sh\"ell.php", Certain());
+    const int64_t before = SDK::TimeUtils::GetCurrentTimestampS();
+    task->ScanFromFile(shell, Engine::ContainerCacheInfo());
+    const int64_t after = SDK::TimeUtils::GetCurrentTimestampS();
+
+    auto events = env.Events();
+    ASSERT_EQ(events.size(), 1u);
+    const Json::Value& event = events[0];
+    std::set<std::string> keys = Keys(event);
+    keys.erase("host_id");  // present only where /etc/machine-id is readable
+    EXPECT_EQ(keys, (std::set<std::string>{"event_id", "event_classid", "event_name", "occur_time",
+                                           "event_category", "event_type", "severity", "event_count",
+                                           "attack_phase", "attack_tag", "confidence", "detect_module",
+                                           "file_info", "occur_time_iso", "host_name", "agent_version",
+                                           "rule_name", "layer_depth"}));
+    EXPECT_TRUE(std::regex_match(event["event_id"].asString(),
+                                 std::regex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}")))
+        << event["event_id"].asString();
+    ASSERT_TRUE(event["occur_time"].isIntegral());
+    EXPECT_GE(event["occur_time"].asInt64(), before);
+    EXPECT_LE(event["occur_time"].asInt64(), after);
+    const std::pair<const char*, int> numbers[] = {{"event_category", 1000}, {"event_type", 1015}, {"severity", 2},
+                                                   {"event_count", 1},       {"attack_phase", 6},  {"attack_tag", 2},
+                                                   {"confidence", 90}};
+    for (const auto& [key, value] : numbers) {
+        EXPECT_EQ(event[key].asInt(), value) << key;
+    }
+    ASSERT_EQ(event["file_info"].size(), 1u);
+    EXPECT_EQ(Keys(event["file_info"][0]), (std::set<std::string>{"file_path", "file_key_word", "file_sha256"}));
+    EXPECT_EQ(event["file_info"][0]["file_sha256"].asString(), TestSupport::Sha256Sum(shell));
+
+    const std::string second = web.Write("www/second.php", Certain());
+    task->ScanFromFile(second, Engine::ContainerCacheInfo());
+    task->ScanFromFile(shell, Engine::ContainerCacheInfo());
+    events = env.Events();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_NE(events[0]["event_id"].asString(), events[1]["event_id"].asString());
+    Poco::AutoPtr<Engine::OnceScanWebshellTask> other(new Engine::OnceScanWebshellTask());
+    other->SetFeaturePolicy(policy.get());
+    ASSERT_EQ(other->Init(), 0);
+    ASSERT_TRUE(other->ParsePolicyContent());
+    other->ScanFromFile(shell, Engine::ContainerCacheInfo());
+    EXPECT_EQ(env.Events().size(), 3u);
+    other->UnInit();
 }
 
 TEST_F(ScanTest, WalkOverAHostileTreeChecksExactlyTheRightFiles)
