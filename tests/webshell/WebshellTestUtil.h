@@ -22,15 +22,6 @@
 
 namespace WebshellTest {
 
-// The module's logger down to trace level; Count defaults to every level.
-class LogCapture : public TestSupport::LogCapture {
-public:
-    LogCapture() : TestSupport::LogCapture("webshell_module", Poco::Message::PRIO_TRACE) {}
-    size_t Count(const std::string& needle, Poco::Message::Priority atMost = Poco::Message::PRIO_TRACE)
-    {
-        return TestSupport::LogCapture::Count(needle, atMost);
-    }
-};
 using LogRecord = TestSupport::LogCapture::Record;
 
 // The five service names the module talks to.
@@ -145,7 +136,7 @@ protected:
     }
 
     Env env;
-    LogCapture log;
+    TestSupport::LogCapture log{"webshell_module", Poco::Message::PRIO_TRACE};  // down to trace level
     TestSupport::TempDir web;
     PolicyDoc doc;
     Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
