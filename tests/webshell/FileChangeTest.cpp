@@ -30,12 +30,6 @@ protected:
         doc.monitorContainer = true;
     }
 
-    void Start()
-    {
-        Apply();
-        env.ClearCaptures();
-    }
-
     // A container whose root file system is web/<name>/merged.
     std::shared_ptr<Engine::ContainerInfo> Container(const std::string& id, const std::string& name, bool running)
     {
@@ -88,7 +82,8 @@ TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
 {
     doc.defaultPaths.push_back(kHtml);
     doc.customPaths = {kHtml, kApp, "/ardent-test-not/there"};
-    Start();
+    Apply();
+    env.ClearCaptures();
     auto info = Container("0123abcd", "shop", true);
     const std::string html = web.MkDir("shop/merged" + kHtml);
     const std::string app = web.MkDir("shop/merged" + kApp);

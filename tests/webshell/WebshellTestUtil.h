@@ -6,7 +6,6 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -40,8 +39,7 @@ public:
 
     Framework::Engine& engine() { return m_engine->engine(); }
     TestSupport::TempDir& Dir() { return m_engine->Dir(); }
-    const std::string& InstallDir() const { return m_engine->InstallDir(); }
-    std::string LibPath() const { return InstallDir() + "data/webshell/webshell.dat"; }
+    std::string LibPath() const { return m_engine->InstallDir() + "data/webshell/webshell.dat"; }
     TestSupport::CaptureTask& Capture(const std::string& service);
 
     // Writes the rule library where the tasks look for it; returns its
@@ -97,9 +95,6 @@ struct PolicyDoc {
 
 // A parsed policy (the caller holds the reference).
 Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc);
-Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const std::string& json);
-
-using TestSupport::ParseJson;
 
 // Rules used across the tests. Marks are plain strings a test writes into
 // files; rule order matters (the first matching rule wins).
