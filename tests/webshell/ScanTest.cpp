@@ -268,6 +268,7 @@ TEST_F(ScanTest, WalkOverAHostileTreeChecksExactlyTheRightFiles)
     });
     task->Run();
     setfsuid(0);
+    log.SetHook(nullptr);
 
     // A directory reached under two names is walked once, and a file under
     // two names is checked once: under whichever name the walk met first.
@@ -296,17 +297,6 @@ TEST_F(ScanTest, WalkOverAHostileTreeChecksExactlyTheRightFiles)
     }
     ASSERT_EQ(pass["roots"].size(), 2u);
     EXPECT_EQ(pass["roots"][0].asString(), root);
-
-    // A second pass right away: the same findings are not reported again
-    // within the minute, and uploaded files are not uploaded again.
-    env.ClearCaptures();
-    log.Clear();
-    task->Run();
-    setfsuid(0);
-    log.SetHook(nullptr);
-    EXPECT_TRUE(env.Events().empty());
-    EXPECT_TRUE(env.UploadPaths().empty());
-    EXPECT_EQ(Framework::StatusBoard::Get("webshell.last_pass")["events"].asUInt64(), 0u);
 }
 
 TEST_F(ScanTest, LinkArrangementsEndAndReportEachShellOnce)
