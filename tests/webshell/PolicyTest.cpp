@@ -36,6 +36,14 @@ bool Parses(const Json::Value& doc, Poco::AutoPtr<Engine::DetectWebshellPolicy>*
 
 bool ParsesText(const std::string& text) { return Poco::AutoPtr(new Engine::DetectWebshellPolicy("x"))->Parse(text); }
 
+// The text of `doc` with its "PLACEHOLDER" value replaced by JSON text
+// written by hand.
+std::string WithText(const Json::Value& doc, const std::string& json)
+{
+    std::string text = SDK::JsonUtils::JsonToString(doc);
+    return text.replace(text.find("PLACEHOLDER"), 11, json);
+}
+
 const Engine::DetectWebshellTaskPolicy* ScheduleOf(const Engine::DetectWebshellPolicy& policy)
 {
     for (auto& child : policy.GetChildren()) {
@@ -110,11 +118,8 @@ TEST(DetectWebshellPolicy, MissingOrMistypedRequiredKeysRefuseTheDocument)
         doc["content"].removeMember(key);
         EXPECT_FALSE(Parses(doc)) << key << " absent";
     }
-}
-
-// Its effect, and "off unless set", are checked with the scan.
-TEST(DetectWebshellPolicy, CertainMinScoreThatIsNotAnIntegerRefusesTheDocumentNamingTheKey)
-{
+    // certain_min_score is optional (its effect is checked with the scan),
+    // but anything other than an integer refuses the document naming it.
     Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;
     Json::Value doc = ValidDoc();
     for (const Json::Value& bad : {Json::Value("75"), Json::Value(75.0), Json::Value(true), Json::Value()}) {
@@ -133,10 +138,7 @@ TEST(DetectWebshellPolicy, ArbitraryBytesInPathsAreKeptExactly)
     Json::Value doc = ValidDoc();
     doc["content"]["customize_scan_paths"] = Json::Value(Json::arrayValue);
     doc["content"]["customize_scan_paths"].append("PLACEHOLDER");
-    std::string text = SDK::JsonUtils::JsonToString(doc);
-    const std::string placeholder = "\"PLACEHOLDER\"";
-    text.replace(text.find(placeholder), placeholder.size(),
-                 "\"" + inJson + "\",\"" + inJson.substr(0, inJson.size() - 1) + "\"");
+    const std::string text = WithText(doc, inJson + "\",\"" + inJson.substr(0, inJson.size() - 1));
 
     Poco::AutoPtr<Engine::DetectWebshellPolicy> policy(new Engine::DetectWebshellPolicy("detect_webshell"));
     ASSERT_TRUE(policy->Parse(text)) << text;
@@ -160,10 +162,9 @@ TEST(DetectWebshellPolicy, ControlCharactersInPathValuedKeysAreRefusedNamingTheK
             doc["content"]["customize_scan_paths"].append("/srv/other");
             Json::Value& slot = key.index < 0 ? doc["content"][key.key] : doc["content"][key.key][key.index];
             slot = "PLACEHOLDER";
-            std::string text = SDK::JsonUtils::JsonToString(doc);
-            text.replace(text.find("PLACEHOLDER"), 11, std::string("/srv/www") + escape + "/etc");
             Poco::AutoPtr<Engine::DetectWebshellPolicy> policy(new Engine::DetectWebshellPolicy("x"));
-            EXPECT_FALSE(policy->Parse(text)) << key.key << " " << escape;
+            EXPECT_FALSE(policy->Parse(WithText(doc, std::string("/srv/www") + escape + "/etc")))
+                << key.key << " " << escape;
             const std::string named = key.index < 0 ? std::string(key.key)
                                                     : std::string(key.key) + "[" + std::to_string(key.index) + "]";
             EXPECT_EQ(policy->GetRefusal().find("\"" + named + "\" holds the control character"), 0u)
