@@ -21,7 +21,10 @@ namespace {
 const std::string kHtml = "/ardent-test-www/html";
 const std::string kApp = "/ardent-test-srv/app";
 
-class ContainerTest : public TaskFixture<Engine::DetectFileChangeWebshellTask> {
+const uint32_t kInCreate = 0x100;
+const uint32_t kInIsDir = 0x40000000;
+
+class FileChangeTest : public TaskFixture<Engine::DetectFileChangeWebshellTask> {
 protected:
     void SetUp() override
     {
@@ -48,13 +51,7 @@ protected:
         Engine::ContainerMessage msg(event, info);
         return msg.MessageHandle(static_cast<Framework::Task*>(task.get()));
     }
-};
 
-const uint32_t kInCreate = 0x100;
-const uint32_t kInIsDir = 0x40000000;
-
-class WatchTest : public TaskFixture<Engine::DetectFileChangeWebshellTask> {
-protected:
     void Notify(uint32_t mask, const std::string& path, unsigned long extParm)
     {
         Engine::FileNotifyMessage msg(mask, path, extParm);
@@ -78,7 +75,7 @@ void ExpectRequest(const Engine::FileNotifyWatchMessage& msg, Framework::Task* s
 
 }  // namespace
 
-TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
+TEST_F(FileChangeTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
 {
     doc.defaultPaths.push_back(kHtml);
     doc.customPaths = {kHtml, kApp, "/ardent-test-not/there"};
@@ -139,7 +136,7 @@ TEST_F(ContainerTest, StartAndStopEventsCacheAndWatchTheContainersWebRoots)
     EXPECT_TRUE(task->GetContainerCache("0123abcd", gone));
 }
 
-TEST_F(ContainerTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
+TEST_F(FileChangeTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
 {
     doc.defaultPaths = {web.MkDir("host/www"), kHtml};
     doc.customPaths = {};
@@ -191,7 +188,7 @@ TEST_F(ContainerTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
     once->UnInit();
 }
 
-TEST_F(WatchTest, WatchesFollowThePolicyOneRequestPerChangeInPathOrder)
+TEST_F(FileChangeTest, WatchesFollowThePolicyOneRequestPerChangeInPathOrder)
 {
     // No policy, then no root that exists: no request.
     ASSERT_EQ(task->Init(), 0);
@@ -239,7 +236,7 @@ TEST_F(WatchTest, WatchesFollowThePolicyOneRequestPerChangeInPathOrder)
 
 // Written files are reported end to end; here what the task does with odd
 // notifications.
-TEST_F(WatchTest, NotificationsScanChangedFilesAndIgnoreDirectories)
+TEST_F(FileChangeTest, NotificationsScanChangedFilesAndIgnoreDirectories)
 {
     const std::string www = web.MkDir("www");
     doc.defaultPaths = {www};
