@@ -29,7 +29,8 @@ std::string Apply(Env& env, const std::string& doc)
 
 }  // namespace
 
-// Policies create and retarget the tasks; the framework starts a registered
+// Before any policy a user-triggered scan does nothing; policies create and
+// retarget the tasks; the framework starts a registered
 // task through its Init and stops it through its UnInit: the file-change task
 // then watches its roots and follows containers, and both registered tasks
 // subscribe to the assets.
@@ -46,6 +47,16 @@ TEST(WebshellModule, PolicyCreatesRegistersAndRetargetsTasks)
     auto* module = new Engine::DetectWebshellModule();
     ASSERT_TRUE(env.engine().AddModule(module));
     EXPECT_EQ(env.engine().FindTask(kAuto), nullptr) << "loading creates no task";
+
+    // A user-triggered scan before any policy does nothing.
+    int rc = -1;
+    EXPECT_EQ(env.engine().InvokeTasklet("detect_webshell_10001", "", true, rc), Framework::Engine::TASKLET_DONE);
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(module->UserTriggeredScan("anything"), 0);
+    for (const char* service : {kDataReport, kFileReport, kFileNotify, kMsgSync, kContainerCollect}) {
+        env.Barrier(service);
+        EXPECT_EQ(env.Capture(service).Count(), 1u) << service << ": only the barrier";
+    }
 
     ASSERT_EQ(Apply(env, doc.ToJson()), "");
     Framework::Task* autoTask = env.engine().FindTask(kAuto);
@@ -114,22 +125,6 @@ TEST(WebshellModule, PolicyCreatesRegistersAndRetargetsTasks)
     env.engine().UnloadModules();
     EXPECT_EQ(env.engine().FindTask(kAuto), nullptr);
     EXPECT_EQ(env.engine().FindTask(kFileChange), nullptr);
-}
-
-TEST(WebshellModule, UserTriggeredScanBeforeAnyPolicyDoesNothing)
-{
-    Env env;
-    auto* module = new Engine::DetectWebshellModule();
-    ASSERT_TRUE(env.engine().AddModule(module));
-
-    int rc = -1;
-    EXPECT_EQ(env.engine().InvokeTasklet("detect_webshell_10001", "", true, rc), Framework::Engine::TASKLET_DONE);
-    EXPECT_EQ(rc, 0);
-    EXPECT_EQ(module->UserTriggeredScan("anything"), 0);
-    for (const char* service : {kDataReport, kFileReport, kFileNotify, kMsgSync, kContainerCollect}) {
-        env.Barrier(service);
-        EXPECT_EQ(env.Capture(service).Count(), 1u) << service << ": only the barrier";
-    }
 }
 
 TEST(WebshellModuleLibrary, SharedLibraryExportsOnlyCreateModule)
