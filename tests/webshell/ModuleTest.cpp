@@ -30,10 +30,10 @@ std::string Apply(Env& env, const std::string& doc)
 }  // namespace
 
 // Before any policy a user-triggered scan does nothing; policies create and
-// retarget the tasks; the framework starts a registered
-// task through its Init and stops it through its UnInit: the file-change task
-// then watches its roots and follows containers, and both registered tasks
-// subscribe to the assets.
+// retarget the tasks; the framework starts a registered task through its
+// Init and stops it through its UnInit: the file-change task then watches
+// its roots and follows containers, and both registered tasks subscribe to
+// the assets.
 TEST(WebshellModule, PolicyCreatesRegistersAndRetargetsTasks)
 {
     Env env;
