@@ -65,7 +65,6 @@ TEST(WebshellThreads, PassesNotificationsAndContainerEventsRunTogether)
     });
 
     // Containers come and go while the passes copy the cache.
-    std::set<std::string> containerShells;
     for (int i = 0; i < 20; ++i) {
         const std::string name = "c" + std::to_string(i);
         auto info = std::make_shared<Engine::ContainerInfo>();
@@ -75,7 +74,6 @@ TEST(WebshellThreads, PassesNotificationsAndContainerEventsRunTogether)
         info->imageName = "img";
         info->rootPath = web.Join(name + "/rootfs");
         const std::string shell = web.Write(name + "/rootfs" + kHtml + "/x.php", std::string("<?php ") + kCertainMark);
-        containerShells.insert(shell);
         ASSERT_EQ(fileChange->EnqueueMsg(std::make_shared<Engine::ContainerMessage>(true, info)), 1);
         // The file-change task checks a changed file as a container file.
         ASSERT_EQ(fileChange->EnqueueMsg(
