@@ -50,9 +50,8 @@ TEST(AllowListTest, ListFilesAndPolicyKeepGoodEntriesAndNameEachBadOne)
         "# comment\n\n  path: /www/vendor/**  \nsha256:" + std::string(64, 'A') +
             "\nrule:my_rule_1\nrule:1bad\nsha256:abc\npath:relative/*.php\nwhat:ever\nno colon\n",
         "x.list", problems);
+    // Every kind is also checked end to end; here the spaces around an entry.
     EXPECT_EQ(entries.paths, std::vector<std::string>{"/www/vendor/**"});
-    EXPECT_EQ(entries.sha256.count(sha), 1u);  // upper case is the same digest
-    EXPECT_EQ(entries.rules.count("my_rule_1"), 1u);
     EXPECT_EQ(entries.Size(), 3u);
     ASSERT_EQ(problems.size(), 5u);
     const char* const lines[] = {"x.list:6: ", "x.list:7: ", "x.list:8: ", "x.list:9: ", "x.list:10: "};

@@ -43,14 +43,9 @@ Env::~Env()
 
 TestSupport::CaptureTask& Env::Capture(const std::string& service) { return *m_captures.at(service); }
 
-std::string Env::InstallRules(const std::string& source, bool compiled)
+std::string Env::InstallRules(const std::string& source)
 {
-    const std::string rel = "install/data/webshell/webshell.dat";
-    const std::string path = TestSupport::WriteRules(Dir(), rel, source, compiled);
-    if (path != LibPath()) {
-        throw std::runtime_error("rule library landed at " + path + ", expected " + LibPath());
-    }
-    return TestSupport::Sha256Sum(path);
+    return TestSupport::Sha256Sum(TestSupport::WriteRules(Dir(), "install/data/webshell/webshell.dat", source));
 }
 
 void Env::Barrier(const std::string& service)
@@ -79,7 +74,7 @@ std::vector<Json::Value> Env::Events()
     std::vector<Json::Value> out;
     for (auto& m : Sent<Framework::DataMessage>(kDataReport)) {
         EXPECT_EQ(m->GetDataType(), "2");
-        out.push_back(ParseJson(m->GetContent()));
+        out.push_back(TestSupport::ParseJson(m->GetContent()));
     }
     return out;
 }
@@ -156,13 +151,11 @@ Json::Value PolicyDoc::ToJsonValue() const
 
 std::string PolicyDoc::ToJson() const { return SDK::JsonUtils::JsonToString(ToJsonValue()); }
 
-Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc) { return MakePolicy(doc.ToJson()); }
-
-Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const std::string& json)
+Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc)
 {
     Poco::AutoPtr<Engine::DetectWebshellPolicy> policy(new Engine::DetectWebshellPolicy("detect_webshell"));
-    if (!policy->Parse(json)) {
-        throw std::runtime_error("test policy does not parse: " + json);
+    if (!policy->Parse(doc.ToJson())) {
+        throw std::runtime_error("test policy does not parse: " + doc.ToJson());
     }
     return policy;
 }

@@ -6,7 +6,6 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -22,15 +21,6 @@
 
 namespace WebshellTest {
 
-// The module's logger down to trace level; Count defaults to every level.
-class LogCapture : public TestSupport::LogCapture {
-public:
-    LogCapture() : TestSupport::LogCapture("webshell_module", Poco::Message::PRIO_TRACE) {}
-    size_t Count(const std::string& needle, Poco::Message::Priority atMost = Poco::Message::PRIO_TRACE)
-    {
-        return TestSupport::LogCapture::Count(needle, atMost);
-    }
-};
 using LogRecord = TestSupport::LogCapture::Record;
 
 // The five service names the module talks to.
@@ -49,13 +39,12 @@ public:
 
     Framework::Engine& engine() { return m_engine->engine(); }
     TestSupport::TempDir& Dir() { return m_engine->Dir(); }
-    const std::string& InstallDir() const { return m_engine->InstallDir(); }
-    std::string LibPath() const { return InstallDir() + "data/webshell/webshell.dat"; }
+    std::string LibPath() const { return m_engine->InstallDir() + "data/webshell/webshell.dat"; }
     TestSupport::CaptureTask& Capture(const std::string& service);
 
     // Writes the rule library where the tasks look for it; returns its
     // sha256 (as sha256sum prints it).
-    std::string InstallRules(const std::string& source, bool compiled = false);
+    std::string InstallRules(const std::string& source);
 
     // Returns once every message sent to `service` before the call has
     // been handled by its capture task.
@@ -106,9 +95,6 @@ struct PolicyDoc {
 
 // A parsed policy (the caller holds the reference).
 Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc);
-Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const std::string& json);
-
-using TestSupport::ParseJson;
 
 // Rules used across the tests. Marks are plain strings a test writes into
 // files; rule order matters (the first matching rule wins).
@@ -145,7 +131,7 @@ protected:
     }
 
     Env env;
-    LogCapture log;
+    TestSupport::LogCapture log{"webshell_module", Poco::Message::PRIO_TRACE};  // down to trace level
     TestSupport::TempDir web;
     PolicyDoc doc;
     Poco::AutoPtr<Engine::DetectWebshellPolicy> policy;

@@ -3,9 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,6 +17,7 @@
 
 #include <Poco/DirectoryIterator.h>
 #include <Poco/File.h>
+#include <Poco/Net/ServerSocket.h>
 #include <Poco/Path.h>
 #include <Poco/TemporaryFile.h>
 
@@ -117,14 +116,8 @@ std::string TempDir::Fifo(const std::string& rel)
 std::string TempDir::Socket(const std::string& rel)
 {
     const std::string path = Prepare(Join(rel));
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    Check(path.size() < sizeof(addr.sun_path), "socket " + path);
-    memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    const bool bound = fd >= 0 && bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-    close(fd);  // the socket file stays
-    Check(bound, "bind " + path);
+    // Closed at once; the socket file stays.
+    Poco::Net::ServerSocket(Poco::Net::SocketAddress(Poco::Net::SocketAddress::UNIX_LOCAL, path));
     return path;
 }
 

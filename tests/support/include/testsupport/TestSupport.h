@@ -36,7 +36,7 @@ public:
     std::string MkDir(const std::string& rel, mode_t mode = 0755);
     std::string Symlink(const std::string& target, const std::string& rel);
     std::string Fifo(const std::string& rel);
-    std::string Socket(const std::string& rel);  // a bound, listening UNIX socket left behind
+    std::string Socket(const std::string& rel);  // the file of a UNIX socket, left behind
     std::string Join(const std::string& rel) const { return m_path + "/" + rel; }
 
 private:
