@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "RealServer.h"
+#include "asset/ProcessTable.h"
 #include "framework/StatusBoard.h"
 #include "message/AbstractMessageReceiver.h"
 #include "message/AssetMessage.h"

@@ -1,5 +1,5 @@
-// The engine with real modules: loading, policies from the policy directory,
-// tasklets, and the real agent binary with its control socket.
+// The engine with a test module: loading, policies from the policy
+// directory, tasklets; and the real agent binary's control socket.
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -95,7 +95,6 @@ TEST(Engine, LoadsModulesSkipsFilesWithoutEntryPointAndAppliesPolicies)
     ASSERT_NE(announced, nullptr);
     EXPECT_EQ(announced->policyId, "20001");
     EXPECT_EQ(announced->feature, "test_feature");
-    EXPECT_NE(engine.FindTask("test_resident_task"), nullptr);
     EXPECT_NE(engine.FindTask("test_scheduled_task"), nullptr);
     EXPECT_EQ(engine.ApplyPolicyDirectory(false), 0);
     env.Dir().Write("install/policy/20001.json", R"({"feature_name":"test_feature","hash":"h2","content":{}})");
@@ -127,7 +126,7 @@ TEST(Engine, LoadsModulesSkipsFilesWithoutEntryPointAndAppliesPolicies)
     Framework::Topics::Unsubscribe(Framework::kPolicyAppliedTopic, Framework::MailboxRef(applied));
 
     engine.UnloadModules();
-    EXPECT_EQ(engine.FindTask("test_resident_task"), nullptr);
+    EXPECT_EQ(engine.FindTask("test_scheduled_task"), nullptr);
     EXPECT_TRUE(engine.GetModuleNames().empty());
 }
 
@@ -186,31 +185,17 @@ TEST(Engine, LongTaskletRunsOnceAtATime)
     EXPECT_EQ(module->started.load(), 2);
 }
 
-TEST(Agent, RunsTheTestModuleServesTheControlSocketAndStopsCleanly)
+// Loading modules, applying policies, `ctl status`, `ctl scan-now`, a bad
+// command line and the stop are the end-to-end tests' (tests/e2e); what the
+// control socket itself must withstand is here.
+TEST(Agent, ControlSocketIsPrivateRefusesStrangersAndOutlivesItsClients)
 {
     TempDir dir("ardent-agent-e2e");
     const std::string install = TestSupport::MakeInstallTree(dir, {"none"});
-    ASSERT_EQ(symlink(TEST_MODULE_PATH, (install + "module/libtest_service_module.so").c_str()), 0);
-    dir.Write("install/policy/20001.json", kPolicy);
-
     TestSupport::AgentProcess agent;
     ASSERT_TRUE(agent.Start({"run", "--install-dir", install}));
-    ASSERT_TRUE(LogHas(install, "test module: Init")) << Log(install);
-    EXPECT_TRUE(LogHas(install, "test module: policy accepted for feature test_feature"));
-    EXPECT_TRUE(LogHas(install, "test module: resident task running"));
-    EXPECT_TRUE(LogHas(install, "test module: scheduled run 1, policy present"));
-
-    Json::Value status;
-    ASSERT_TRUE(WaitFor([&] { return (status = TestSupport::CtlStatus(install))["ok"].asBool(); }));
-    std::vector<std::string> names;
-    for (auto& t : status["tasks"]) {
-        names.push_back(t["name"].asString());
-    }
-    EXPECT_EQ(names, (std::vector<std::string>{"test_resident_task", "test_scheduled_task"}));
+    ASSERT_TRUE(WaitFor([&] { return TestSupport::CtlStatus(install)["ok"].asBool(); }, 10000)) << Log(install);
     std::string reply;
-    TestSupport::RunCommand(TestSupport::AgentBinary() + " ctl scan-now --install-dir " + install + " 2>&1", &reply);
-    EXPECT_NE(reply.find("test_tasklet"), std::string::npos) << reply;
-    EXPECT_TRUE(LogHas(install, "test module: tasklet invoked"));
 
     // Garbage gets an error reply; another user is refused; the agent lives on.
     const std::string sock = install + "run/agent.sock";
@@ -249,16 +234,5 @@ TEST(Agent, RunsTheTestModuleServesTheControlSocketAndStopsCleanly)
     EXPECT_TRUE(LogHas(install, "another agent already listens"));
     EXPECT_EQ(second.Stop(SIGTERM), 0);
 
-    // SIGTERM: modules uninitialised, exit 0.
     EXPECT_EQ(agent.Stop(SIGTERM, 20000), 0);
-    const std::string log = Log(install);
-    EXPECT_NE(log.find("test module: resident task stopped"), std::string::npos);
-    EXPECT_NE(log.find("test module: UnInit, 2 task(s) unregistered"), std::string::npos);
-    EXPECT_NE(log.find("Agent stopped"), std::string::npos);
-
-    // Bad command lines are refused with exit 2 and a usage text.
-    TestSupport::AgentProcess bad;
-    ASSERT_TRUE(bad.Start({"run", "--cpu-limit", "250", "--install-dir", install}));
-    EXPECT_EQ(bad.Wait(), 2);
-    EXPECT_NE(bad.Stderr().find("--cpu-limit"), std::string::npos);
 }
