@@ -185,9 +185,9 @@ TEST(Engine, LongTaskletRunsOnceAtATime)
     EXPECT_EQ(module->started.load(), 2);
 }
 
-// Loading modules, applying policies, `ctl status`, `ctl scan-now`, a bad
-// command line and the stop are the end-to-end tests' (tests/e2e); what the
-// control socket itself must withstand is here.
+// Loading modules, applying policies, `ctl status`, `ctl scan-now` and the
+// stop are the end-to-end tests' (tests/e2e); what the control socket itself
+// must withstand is here.
 TEST(Agent, ControlSocketIsPrivateRefusesStrangersAndOutlivesItsClients)
 {
     TempDir dir("ardent-agent-e2e");
@@ -235,4 +235,10 @@ TEST(Agent, ControlSocketIsPrivateRefusesStrangersAndOutlivesItsClients)
     EXPECT_EQ(second.Stop(SIGTERM), 0);
 
     EXPECT_EQ(agent.Stop(SIGTERM, 20000), 0);
+
+    // A limit out of range is refused with exit 2 and says which option.
+    TestSupport::AgentProcess bad;
+    ASSERT_TRUE(bad.Start({"run", "--cpu-limit", "250", "--install-dir", install}));
+    EXPECT_EQ(bad.Wait(), 2);
+    EXPECT_NE(bad.Stderr().find("--cpu-limit"), std::string::npos);
 }

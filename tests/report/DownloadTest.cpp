@@ -3,14 +3,15 @@
 // target must survive each failure byte for byte and no temporary file may
 // be left behind.
 
-#include <glob.h>
 #include <sys/time.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include <Poco/Glob.h>
 #include <Poco/Net/ServerSocket.h>
 
 #include "LoopbackHttpServer.h"
@@ -28,18 +29,11 @@ using TestSupport::TempDir;
 
 const std::string kOld = "rule old_rules { condition: false }\n";
 
-std::vector<std::string> Leftovers(const std::string& target)
+std::set<std::string> Leftovers(const std::string& target)
 {
     std::string pattern = Download::TempPattern(target);
-    pattern.replace(pattern.size() - 6, 6, "*");
-    glob_t g{};
-    std::vector<std::string> found;
-    if (glob(pattern.c_str(), 0, nullptr, &g) == 0) {
-        for (size_t i = 0; i < g.gl_pathc; ++i) {
-            found.push_back(g.gl_pathv[i]);
-        }
-    }
-    globfree(&g);
+    std::set<std::string> found;
+    Poco::Glob::glob(pattern.replace(pattern.size() - 6, 6, "*"), found);
     return found;
 }
 
@@ -63,6 +57,7 @@ TEST(Download, FileUrlReplacesTheTargetWholeAndPrivateAndFailuresKeepIt)
     const std::string leftover = dir.Write("data/.webshell.dat.part.Q1w2E3", "half");
     struct timeval old[2] = {{1000, 0}, {1000, 0}};
     ASSERT_EQ(0, utimes(leftover.c_str(), old));
+    ASSERT_EQ(Leftovers(target), std::set<std::string>{leftover});
 
     // Spaces in the path travel percent-encoded, as a URL builder writes them.
     const DownloadResult r = Download("file://" + dir.Join("src%20dir/rules%20new.yar"), target, Limits()).Run();

@@ -13,8 +13,6 @@
 #include "sdk/YaraUtils.h"
 #include "testsupport/TestSupport.h"
 
-#include "Deadline.h"
-
 #include <yara.h>
 
 using SDK::YaraUtils;
@@ -200,34 +198,6 @@ TEST(YaraUtils, DamagedCompiledLibraryIsCheckedInAChildAndRemembered)
     EXPECT_NE(std::string::npos, again.LastError().find("failed its check before")) << again.LastError();
     EXPECT_TRUE(again.LoadRuleFromFile(compiled)) << again.LastError();
     EXPECT_TRUE(again.LoadRuleFromFile(dir.Write("source.yar", kRules))) << again.LastError();
-}
-
-TEST(YaraUtils, OnlyRegularFilesAreScanned)
-{
-    TempDir dir("ardent-yara");
-    YaraUtils yara(Record);
-    ASSERT_TRUE(yara.LoadRuleFromFile(dir.Write("r.yar", "rule everything { condition: true }")));
-
-    // A FIFO named like a page must not be opened for reading and waited on.
-    const std::string fifo = dir.Fifo("www/index.php");
-    bool scanned = true;
-    Seen seen;
-    EXPECT_TRUE(ReturnsWithoutWaitingOn(fifo, [&] { scanned = yara.CheckFile(fifo, &seen, 5); }));
-    EXPECT_FALSE(scanned);
-    EXPECT_TRUE(seen.rules.empty());
-    EXPECT_NE(std::string::npos, yara.LastError().find(fifo));
-
-    for (const std::string& path : {dir.Socket("www/sock.php"), std::string("/dev/null"),
-                                    dir.MkDir("www/dir.php"), dir.Join("www/missing.php")}) {
-        EXPECT_FALSE(yara.CheckFile(path, &seen, 5)) << path;
-        EXPECT_NE(std::string::npos, yara.LastError().find(path)) << yara.LastError();
-    }
-    EXPECT_TRUE(seen.rules.empty());
-
-    // A link to a regular file is followed.
-    const std::string target = dir.Write("www/real.php", "x");
-    EXPECT_TRUE(yara.CheckFile(dir.Symlink(target, "www/link.php"), &seen, 5));
-    EXPECT_EQ(std::vector<std::string>{"everything"}, seen.rules);
 }
 
 TEST(YaraUtils, SlowScanTimesOut)
