@@ -156,13 +156,11 @@ TEST(FileCommReportTask, DownloadsAndReportsStateOnTheStatusBoard)
     EXPECT_EQ(DownloadStatus(target)["bytes"].asUInt64(), 12u);
     EXPECT_GT(DownloadStatus(target)["finished_ms"].asInt64(), 0);
 
+    // Every way a download fails is the downloader's (DownloadTest); here
+    // the board says so and the next request tries again.
     Fetch(env, target, server.Url("/missing"));
     ASSERT_TRUE(Ends(target, "failed"));
-    EXPECT_NE(DownloadStatus(target)["error"].asString().find("404"), std::string::npos);
     EXPECT_EQ(DownloadStatus(target)["url"].asString(), server.Url("/missing"));
-    EXPECT_EQ(ReadFile(target), "local rules\n");
-
-    // The next request tries again.
     Fetch(env, target, server.Url("/ok/rules"));
     ASSERT_TRUE(Ends(target, "done"));
     EXPECT_EQ(ReadFile(target), "new rules\n");
