@@ -216,9 +216,7 @@ TEST(AssetDiscovery, FindsServersOnTheHostAndInContainersWithHostVisiblePaths)
     }
     auto nginx = ByPid(web, 100);
     EXPECT_EQ(nginx->exe, "/usr/sbin/nginx");
-    EXPECT_EQ(nginx->webDirList[1]->origin, "alias");
     EXPECT_EQ(nginx->webDirList[1]->configFile, r + "/etc/nginx/sites-enabled/default");
-    EXPECT_EQ(nginx->webDirList[1]->line, 3);
     EXPECT_EQ(ByPid(web, 200)->containerName, "shop-web");
     EXPECT_EQ(ByPid(web, 200)->webDirList[0]->configFile, c200 + "/etc/nginx/sites-available/shop");
 

@@ -67,13 +67,6 @@ TEST(Download, FileUrlReplacesTheTargetWholeAndPrivateAndFailuresKeepIt)
     EXPECT_TRUE(Leftovers(target).empty());
     EXPECT_EQ(ModeOf(target), 0600u);  // whatever the source's mode was
 
-    // A target directory that does not exist yet is created private.
-    const std::string fresh = dir.Join("new/sub/webshell.dat");
-    const DownloadResult r2 = Download("file://" + dir.Join("data/webshell.dat"), fresh, Limits()).Run();
-    ASSERT_TRUE(r2.ok) << r2.error;
-    EXPECT_EQ(ReadFile(fresh), body);
-    EXPECT_EQ(ModeOf(dir.Join("new/sub")), 0700u);
-
     // Every failure keeps what the target held.
     dir.Write("big.yar", std::string(2048, 'r'));
     const std::string fifo = dir.Fifo("pipe.yar");

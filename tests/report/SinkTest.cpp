@@ -71,27 +71,21 @@ TEST(Spool, KeepsOrderAcrossRestartsResendsWhatWasNotAcknowledgedAndDropsOnlyThe
         ASSERT_TRUE(spool.Peek(10, 1 << 20, batch));  // sent, never acknowledged: the agent died
         EXPECT_EQ(spool.Stats().pending, 190u);
     }
+    // A line the crash cut short is skipped and counted, never glued to the next.
     std::string newest;
+    ASSERT_EQ(0, TestSupport::RunCommand("ls " + options.dir + "/*.ndjson | tail -1", &newest));
+    newest.erase(newest.find_last_not_of('\n') + 1);
+    ASSERT_EQ(0, TestSupport::RunCommand("printf '{\"i\":200' >> " + newest));
     {
         Report::Spool spool(options);
         ASSERT_TRUE(spool.Open().ok());
-        EXPECT_EQ(spool.Stats().pending, 190u);
+        ASSERT_TRUE(spool.Append(Event(201) + "\n").ok());
         const std::vector<int> got = Drain(spool);
-        ASSERT_EQ(got.size(), 190u);
-        for (size_t k = 0; k < got.size(); ++k) {
+        ASSERT_EQ(got.size(), 191u);
+        for (size_t k = 0; k < 190; ++k) {
             ASSERT_EQ(got[k], static_cast<int>(k) + 10);
         }
-        ASSERT_TRUE(spool.Append(Event(200) + "\n").ok());
-        ASSERT_EQ(0, TestSupport::RunCommand("ls " + options.dir + "/*.ndjson | tail -1", &newest));
-    }
-    // A line the crash cut short is skipped and counted, never glued to the next.
-    newest.erase(newest.find_last_not_of('\n') + 1);
-    ASSERT_EQ(0, TestSupport::RunCommand("printf '{\"i\":201' >> " + newest));
-    {
-        Report::Spool spool(options);
-        ASSERT_TRUE(spool.Open().ok());
-        ASSERT_TRUE(spool.Append(Event(202) + "\n").ok());
-        EXPECT_EQ(Drain(spool), (std::vector<int>{200, 202}));
+        EXPECT_EQ(got.back(), 201);
         EXPECT_EQ(spool.Stats().dropped, 1u);
         EXPECT_EQ(spool.Stats().pending, 0u);
     }

@@ -19,19 +19,8 @@
 
 using SDK::HostRoot;
 using SDK::ReadError;
-using TestSupport::TempDir;
-
-namespace {
-
 using TestSupport::ModeOf;
-
-void MakeOld(const std::string& path)
-{
-    struct timeval old[2] = {{1000, 0}, {1000, 0}};
-    ASSERT_EQ(0, utimes(path.c_str(), old));
-}
-
-}  // namespace
+using TestSupport::TempDir;
 
 TEST(Posix, ReadRegularFileRefusesWhatItMustNotRead)
 {
@@ -96,8 +85,9 @@ TEST(Posix, PrivateDirectoriesAndStaleFilesNeverFollowALink)
     const std::string other = dir.Write("loose/kept", "x");
     const std::string elsewhere = dir.Write("target/.incoming.behind", "x");
     const std::string oldLink = dir.Symlink(elsewhere, "loose/.incoming.link");
+    const struct timeval longAgo[2] = {{1000, 0}, {1000, 0}};
     for (const auto& p : {old, other, elsewhere}) {
-        MakeOld(p);
+        ASSERT_EQ(0, utimes(p.c_str(), longAgo));
     }
     EXPECT_EQ(SDK::RemoveStaleFiles(loose, ".incoming.", 60), 1);
     EXPECT_FALSE(TestSupport::FileExists(old));

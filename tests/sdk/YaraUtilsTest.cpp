@@ -83,8 +83,6 @@ TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
 {
     TempDir dir("ardent-yara");
     const std::string shell = dir.Write("www/shell.php", "<?php eval($_POST['c']); ?>");
-    const std::string jsp = dir.Write("www/cmd.jsp", "<% Runtime.getRuntime().exec(request); %>");
-    const std::string clean = dir.Write("www/index.php", "<?php echo 'hello'; ?>");
     const std::string empty = dir.Write("www/empty.php", "");
     const std::string both = dir.Write("www/both.php",
                                        "eval($_POST[1]); Runtime.getRuntime().exec(x)");
@@ -104,19 +102,13 @@ TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
         EXPECT_EQ("eval($_POST", seen.matchedText);
 
         seen = Seen();
-        ASSERT_TRUE(yara.CheckFile(jsp, &seen, 5));
-        EXPECT_EQ(std::vector<std::string>{"jsp_exec"}, seen.rules);
-
-        for (const std::string& path : {clean, empty}) {
-            seen = Seen();
-            EXPECT_TRUE(yara.CheckFile(path, &seen, 5)) << path << ": " << yara.LastError();
-            EXPECT_TRUE(seen.rules.empty()) << path;
-        }
+        EXPECT_TRUE(yara.CheckFile(empty, &seen, 5)) << yara.LastError();
+        EXPECT_TRUE(seen.rules.empty());
 
         // The callback decides how far the scan goes; stopping it is success.
         seen = Seen();
         ASSERT_TRUE(yara.CheckFile(both, &seen, 5));
-        EXPECT_EQ(2u, seen.rules.size());
+        EXPECT_EQ((std::vector<std::string>{"php_eval", "jsp_exec"}), seen.rules);
         seen = Seen();
         seen.answer = CALLBACK_ABORT;
         EXPECT_TRUE(yara.CheckFile(both, &seen, 5)) << yara.LastError();
