@@ -33,53 +33,63 @@ std::map<std::string, uint32_t> MaskByPath(TestSupport::CaptureTask& consumer)
 
 }  // namespace
 
-TEST(FileNotify, ReportsFilesInRootNewSubdirectoriesAndMovedInDirectories)
+TEST(FileNotify, ReportsNewFilesAndDirectoriesButNeverFollowsLinksOrOpensSpecialFiles)
 {
     Harness h;
     TempDir root("fn-root");
-    TempDir outside("fn-outside");
+    TempDir elsewhere("fn-elsewhere");
+    elsewhere.MkDir("target");
+    root.Symlink(elsewhere.Join("target"), "link-to-dir");
+    root.Fifo("pipe.php");
     // The request spells the root with a trailing slash: paths keep the
     // spelling without doubling the slash.
     ASSERT_TRUE(h.Watch(root.Path() + "/", 7, 1, 1));
+    EXPECT_EQ(1u, h.task().Watches());  // the link is not followed
 
     const std::string inRoot = root.Join("a.php");
     ASSERT_TRUE(WriteFile(inRoot));
-    ASSERT_TRUE(WaitPath(h.consumer(), inRoot));
-
-    // A new directory, and one with files moved in from elsewhere. (A file
-    // written into a new nested directory before its watch exists is the
-    // end-to-end watch test's.)
     const std::string d1 = root.Join("d1");
     ASSERT_EQ(0, mkdir(d1.c_str(), 0755));
-    outside.Write("pack/x.php", "x");
-    outside.Write("pack/sub/y.php", "y");
-    ASSERT_EQ(0, rename(outside.Join("pack").c_str(), root.Join("pack").c_str()));
-    ASSERT_TRUE(WaitPath(h.consumer(), root.Join("pack/x.php")));
-    ASSERT_TRUE(WaitPath(h.consumer(), root.Join("pack/sub/y.php")));
-
+    // A directory moved in holding files, a FIFO, a socket and a link to a
+    // directory: the walk reports the files and never opens the FIFO. (A
+    // file written into a new nested directory before its watch exists is
+    // the end-to-end watch test's.)
+    const std::string fresh = root.Join("fresh");
+    const std::string staging = elsewhere.MkDir("fresh");
+    elsewhere.Fifo("fresh/fifo.php");
+    elsewhere.Socket("fresh/sock.php");
+    elsewhere.Symlink(elsewhere.Join("target"), "fresh/dirlink");
+    elsewhere.Write("fresh/real.php", "x");
+    elsewhere.Write("fresh/sub/y.php", "y");
+    ASSERT_EQ(0, rename(staging.c_str(), fresh.c_str()));
+    ASSERT_TRUE(WaitPath(h.consumer(), fresh + "/sub/y.php"));
     // A file in the moved-in directory after the move: it is watched too.
-    const std::string later = root.Join("pack/sub/later.php");
+    const std::string later = fresh + "/sub/later.php";
     ASSERT_TRUE(WriteFile(later));
     ASSERT_TRUE(WaitPath(h.consumer(), later));
-
+    // Writing behind a link produces nothing.
+    ASSERT_TRUE(WriteFile(elsewhere.Join("target/behind.php")));
     ASSERT_TRUE(h.Settle(root.Path()));
-    for (const std::string& file : {inRoot, root.Join("pack/x.php"), root.Join("pack/sub/y.php"), later}) {
+
+    for (const std::string& file : {inRoot, fresh + "/real.php", fresh + "/sub/y.php", later}) {
         EXPECT_EQ(1u, CountPath(h.consumer(), file)) << file;
     }
     auto masks = MaskByPath(h.consumer());
     EXPECT_EQ(static_cast<uint32_t>(IN_CREATE), masks[inRoot]);
-    EXPECT_EQ(static_cast<uint32_t>(IN_MOVED_TO), masks[root.Join("pack/x.php")]);
+    EXPECT_EQ(static_cast<uint32_t>(IN_MOVED_TO), masks[fresh + "/real.php"]);
     EXPECT_EQ(static_cast<uint32_t>(IN_CREATE | IN_ISDIR), masks[d1]);
-    EXPECT_EQ(static_cast<uint32_t>(IN_MOVED_TO | IN_ISDIR), masks[root.Join("pack")]);
+    EXPECT_EQ(static_cast<uint32_t>(IN_MOVED_TO | IN_ISDIR), masks[fresh]);
     for (auto& note : NotesOf(h.consumer())) {
         EXPECT_EQ(7ul, note.ext) << note.path;
         EXPECT_EQ(std::string::npos, note.path.find("//")) << note.path;
+        EXPECT_EQ(std::string::npos, note.path.find("behind.php")) << note.path;
         struct stat st;
         ASSERT_EQ(0, lstat(note.path.c_str(), &st)) << note.path;
-        // Directory events, and only they, carry IN_ISDIR.
+        // Directory events, and only they, carry IN_ISDIR; no FIFO or socket is reported.
+        EXPECT_FALSE(S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode)) << note.path;
         EXPECT_EQ(S_ISDIR(st.st_mode), (note.mask & IN_ISDIR) != 0) << note.path;
     }
-    // root, d1, pack, pack/sub
+    // root, d1, fresh, fresh/sub: nothing behind the links
     EXPECT_EQ(4u, h.task().Watches());
 }
 
@@ -264,40 +274,6 @@ TEST(FileNotify, DeletedOrReplacedRootIsWatchedAgain)
     ASSERT_TRUE(h.Settle(root));
     EXPECT_EQ(0u, CountPath(h.consumer(), base.Join("old/ghost.php")));
     EXPECT_EQ(0u, CountPath(h.consumer(), root + "/ghost.php"));
-}
-
-TEST(FileNotify, LinksAreNotDescendedAndSpecialFilesNeverBlock)
-{
-    Harness h;
-    TempDir root("fn-links");
-    TempDir elsewhere("fn-elsewhere");
-    elsewhere.MkDir("target");
-    root.Symlink(elsewhere.Join("target"), "link-to-dir");
-    root.Fifo("pipe.php");
-    ASSERT_TRUE(h.Watch(root.Path(), 0, 1, 1));
-    EXPECT_EQ(1u, h.task().Watches());  // the link is not followed
-
-    // A new directory holding a FIFO, a socket, a link to a directory and
-    // a file: the walk reports the file and never opens the FIFO.
-    const std::string fresh = root.Join("fresh");
-    const std::string staging = elsewhere.MkDir("fresh");
-    elsewhere.Fifo("fresh/fifo.php");
-    elsewhere.Socket("fresh/sock.php");
-    elsewhere.Symlink(elsewhere.Join("target"), "fresh/dirlink");
-    elsewhere.Write("fresh/real.php", "x");
-    ASSERT_EQ(0, rename(staging.c_str(), fresh.c_str()));
-    ASSERT_TRUE(WaitPath(h.consumer(), fresh + "/real.php"));
-    ASSERT_TRUE(h.Settle(root.Path()));
-    EXPECT_EQ(0u, CountPath(h.consumer(), fresh + "/fifo.php"));
-    EXPECT_EQ(0u, CountPath(h.consumer(), fresh + "/sock.php"));
-    EXPECT_EQ(2u, h.task().Watches());  // root and fresh, nothing behind the links
-
-    // Writing behind a link produces nothing.
-    ASSERT_TRUE(WriteFile(elsewhere.Join("target/behind.php")));
-    ASSERT_TRUE(h.Settle(root.Path()));
-    for (auto& note : NotesOf(h.consumer())) {
-        EXPECT_EQ(std::string::npos, note.path.find("behind.php")) << note.path;
-    }
 }
 
 // The registrations in the status are read by every end-to-end watch test.

@@ -1,5 +1,5 @@
 // The event sink on real files: one line per event, written through at
-// once, rotation, a full disk, a file removed or renamed under it, a missing
+// once, rotation, a full disk, a file renamed under it, a missing
 // directory, and a line cut short by an earlier failure.
 
 #include <unistd.h>
@@ -156,9 +156,9 @@ TEST(EventSink, UnusableDirectoryThenRecoveryWritesHeldEventsInOrder)
 }
 
 // A line an earlier failure cut short does not swallow the next event, and
-// a file removed or renamed under the sink (logrotate's "move and let the
-// writer reopen") is reopened.
-TEST(EventSink, CutLineRemovedOrRenamedFileAreWrittenPast)
+// a file renamed under the sink (logrotate's "move and let the writer
+// reopen") is reopened.
+TEST(EventSink, CutLineAndRenamedFileAreWrittenPast)
 {
     TempDir dir;
     const std::string path = dir.Write("events.jsonl", "{\"n\":0}\n{\"cut\":\"sho");
@@ -169,17 +169,12 @@ TEST(EventSink, CutLineRemovedOrRenamedFileAreWrittenPast)
     EXPECT_EQ(lines[1], "{\"cut\":\"sho");
     EXPECT_EQ(ParseJson(lines[2])["n"].asInt(), 1);
 
-    ASSERT_EQ(unlink(path.c_str()), 0);
-    ASSERT_TRUE(sink.Write(Event(2)));
-    lines = ReadLines(path);
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(ParseJson(lines[0])["n"].asInt(), 2);
-
+    // (Removed with its directory, it comes back in the end-to-end health test.)
     ASSERT_EQ(rename(path.c_str(), (path + ".old").c_str()), 0);
     ASSERT_TRUE(sink.Write(Event(3)));
     lines = ReadLines(path);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(ParseJson(lines[0])["n"].asInt(), 3);
-    EXPECT_EQ(ReadLines(path + ".old").size(), 1u);
-    EXPECT_EQ(sink.Stats().reopens, 2u);
+    EXPECT_EQ(ReadLines(path + ".old").size(), 3u);
+    EXPECT_EQ(sink.Stats().reopens, 1u);
 }
