@@ -115,31 +115,18 @@ TEST(ContainerRuntime, DockerContainerIsReportedOnceWithItsNameAndImageThroughRe
     restart = collector.Poll();
     ASSERT_EQ(restart.size(), 1u);
     EXPECT_FALSE(restart[0]->running);
-}
 
-// A process gone is a stop in the end-to-end container test, a bundle
-// removed one at the end of the test above; Docker's own record says so too.
-TEST(ContainerRuntime, DockerSayingStoppedReportsTheContainerGoneOnce)
-{
-    FakeHost host;
-    const std::string id = HexId(2);
-    const std::string other = HexId(3);
-    host.StartDocker(id, "/web1", 100);
-    host.StartDocker(other, "/db", 101, "postgres:16");
-    ContainerCollector collector(host.Root(), nullptr);
-    ASSERT_EQ(collector.Poll().size(), 2u);
-
-    host.DockerRecord(id, "/web1", "nginx:1.25", 100, false);
-    InfoList changes = collector.Poll();
-    ASSERT_EQ(changes.size(), 1u);
-    EXPECT_FALSE(changes[0]->running);
-    EXPECT_EQ(changes[0]->id, id);
-    // The stopped copy still describes the container.
-    EXPECT_EQ(changes[0]->name, "web1");
-    EXPECT_EQ(changes[0]->rootPath, host.Path(FakeHost::BundleRel("moby", id)) + "/rootfs");
+    // Started again, then stopped by Docker's own record: one stop, and the
+    // stopped copy still describes the container.
+    host.StartDocker(id, "/web1", 4244);
+    ASSERT_EQ(collector.Poll().size(), 1u);
+    host.DockerRecord(id, "/web1", "nginx:1.25", 4244, false);
+    restart = collector.Poll();
+    ASSERT_EQ(restart.size(), 1u);
+    EXPECT_FALSE(restart[0]->running);
+    EXPECT_EQ((std::vector<std::string>{restart[0]->name, restart[0]->rootPath}),
+              (std::vector<std::string>{"web1", bundle + "/rootfs"}));
     EXPECT_TRUE(collector.Poll().empty());
-    ASSERT_EQ(collector.Running().size(), 1u);
-    EXPECT_EQ(collector.Running()[0]->id, other);
 }
 
 TEST(ContainerRuntime, RootPathFollowsTheBundleConfiguration)
@@ -180,18 +167,25 @@ TEST(ContainerRuntime, RootPathFollowsTheBundleConfiguration)
     EXPECT_TRUE(HasProblem(collector, badBundle + "/config.json", "climbs out"));
 }
 
-TEST(ContainerRuntime, KubernetesNamesComeFromTheCriAnnotations)
+// Docker, containerd and Podman are run for real by the end-to-end tests
+// (tests/e2e/test_runtimes_e2e.cpp); Kubernetes under containerd or CRI-O,
+// and what the real runtimes cannot be made to write, are here.
+TEST(ContainerRuntime, KubernetesContainersAreNamedFromTheirAnnotationsUnderContainerdAndCrio)
 {
     FakeHost host;
     const std::string id = HexId(10);
     const std::string sandboxId = HexId(11);
+    const std::string crioId = HexId(21);
     const std::string bundle =
         host.StartK8s(id, "shop-7d9f", "prod", "php-fpm", "registry.local/shop:2.1", 400);
     host.StartK8s(sandboxId, "shop-7d9f", "prod", "", "", 399, true);
+    const std::string crioBundle = host.StartCrio(crioId, "api-5c", "team-a", "app", "quay.io/acme/api:3", 501);
+    // A stopped CRI-O container: its state stays on disk without a pidfile.
+    host.Dir().Write(FakeHost::StorageRel("var/lib", HexId(22)) + "/config.json", ToJson(OciConfig()));
 
     ContainerCollector collector(host.Root(), nullptr);
     auto found = ById(collector.Poll());
-    ASSERT_EQ(found.size(), 2u);
+    ASSERT_EQ(found.size(), 3u);
     const auto& info = *found[id];
     EXPECT_EQ(Describe(info),
               (std::vector<std::string>{id, "php-fpm", "registry.local/shop:2.1", "", bundle + "/rootfs",
@@ -200,23 +194,6 @@ TEST(ContainerRuntime, KubernetesNamesComeFromTheCriAnnotations)
     EXPECT_EQ(info.textMap.at("io.kubernetes.cri.sandbox-name"), "shop-7d9f");
     // The pod's sandbox is named after the pod.
     EXPECT_EQ(found[sandboxId]->name, "shop-7d9f");
-}
-
-// Docker, containerd and Podman are run for real by the end-to-end tests
-// (tests/e2e/test_runtimes_e2e.cpp); CRI-O and what the real runtimes cannot
-// be made to write are here.
-TEST(ContainerRuntime, CrioContainersFromContainersStorage)
-{
-    FakeHost host;
-    const std::string crioId = HexId(21);
-    const std::string crioBundle =
-        host.StartCrio(crioId, "api-5c", "team-a", "app", "quay.io/acme/api:3", 501);
-    // A stopped container: its state stays on disk without a pidfile.
-    host.Dir().Write(FakeHost::StorageRel("var/lib", HexId(22)) + "/config.json", ToJson(OciConfig()));
-
-    ContainerCollector collector(host.Root(), nullptr);
-    auto found = ById(collector.Poll());
-    ASSERT_EQ(found.size(), 1u);
     const std::string overlay = host.Path("var/lib/containers/storage/overlay/");
     EXPECT_EQ(Describe(*found[crioId]),
               (std::vector<std::string>{crioId, "app", "quay.io/acme/api:3", "sha256:" + HexId(10),
@@ -228,6 +205,7 @@ TEST(ContainerRuntime, CrioContainersFromContainersStorage)
     auto changes = collector.Poll();
     ASSERT_EQ(changes.size(), 1u);
     EXPECT_FALSE(changes[0]->running);
+    EXPECT_EQ(changes[0]->id, crioId);
 }
 
 TEST(ContainerRuntime, StateIsFoundWhereContainerdsConfigurationPutsItAndBadDaemonStateIsSaid)

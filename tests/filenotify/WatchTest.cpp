@@ -277,11 +277,24 @@ TEST(FileNotify, DeletedOrReplacedRootIsWatchedAgain)
 }
 
 // The registrations in the status are read by every end-to-end watch test.
-TEST(FileNotify, RefusesBadRequestsAndWatchesAPathOnceItAppears)
+TEST(FileNotify, ForgetsAGoneConsumerRefusesBadRequestsAndWatchesAPathOnceItAppears)
 {
     Harness h;
     TempDir root("fn-requests");
-    ASSERT_TRUE(h.Watch(root.Path(), 11, 1, 1));
+    root.MkDir("sub");
+    Poco::AutoPtr<TestSupport::CaptureTask> shortLived(new TestSupport::CaptureTask("fn_short"));
+    ASSERT_TRUE(h.Request(shortLived.get(), root.Path(), true, 1));
+    ASSERT_TRUE(h.Watch(root.Path(), 2, 2, 2));  // the default consumer shares the tree
+
+    shortLived = nullptr;  // destroyed without asking to stop
+    const std::string file = root.Join("sub/after.php");
+    ASSERT_TRUE(WriteFile(file));
+    ASSERT_TRUE(WaitPath(h.consumer(), file));
+    ASSERT_TRUE(WaitFor([&] { return h.task().Registrations() == 1; }));
+    EXPECT_EQ(1u, h.log().Count("fn_short no longer exists", Poco::Message::PRIO_WARNING));
+    EXPECT_EQ(2u, h.task().Watches());  // still used by the remaining registration
+    ASSERT_TRUE(h.Settle(root.Path()));
+    EXPECT_EQ(1u, CountPath(h.consumer(), file));
 
     // A relative path and a watch request without a consumer are refused
     // with an error naming them; the service goes on.
@@ -301,24 +314,4 @@ TEST(FileNotify, RefusesBadRequestsAndWatchesAPathOnceItAppears)
     root.Write("staging/new.php", "x");
     ASSERT_EQ(0, rename(root.Join("staging").c_str(), later.c_str()));
     ASSERT_TRUE(WaitPath(h.consumer(), later + "/new.php", 10000));
-}
-
-TEST(FileNotify, ConsumerThatNoLongerExistsIsForgotten)
-{
-    Harness h;
-    TempDir root("fn-gone");
-    root.MkDir("sub");
-    Poco::AutoPtr<TestSupport::CaptureTask> shortLived(new TestSupport::CaptureTask("fn_short"));
-    ASSERT_TRUE(h.Request(shortLived.get(), root.Path(), true, 1));
-    ASSERT_TRUE(h.Watch(root.Path(), 2, 2, 2));  // the default consumer shares the tree
-
-    shortLived = nullptr;  // destroyed without asking to stop
-    const std::string file = root.Join("sub/after.php");
-    ASSERT_TRUE(WriteFile(file));
-    ASSERT_TRUE(WaitPath(h.consumer(), file));
-    ASSERT_TRUE(WaitFor([&] { return h.task().Registrations() == 1; }));
-    EXPECT_EQ(1u, h.log().Count("fn_short no longer exists", Poco::Message::PRIO_WARNING));
-    EXPECT_EQ(2u, h.task().Watches());  // still used by the remaining registration
-    ASSERT_TRUE(h.Settle(root.Path()));
-    EXPECT_EQ(1u, CountPath(h.consumer(), file));
 }
