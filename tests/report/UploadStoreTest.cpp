@@ -41,7 +41,7 @@ std::string Listing(const std::string& dir)
 
 // The directory's own mode and links in its place are MakePrivateDir's
 // (tests/sdk); the end-to-end scan checks the copy's mode and its name.
-TEST(UploadStore, KeepsOneCopyUnderItsSha256WithASidecar)
+TEST(UploadStore, KeepsOneCopyUnderItsSha256WithASidecarAndRefusesWhatItMustNotKeep)
 {
     TempDir dir;
     const std::string uploads = dir.Join("data/upload");
@@ -69,14 +69,10 @@ TEST(UploadStore, KeepsOneCopyUnderItsSha256WithASidecar)
     EXPECT_EQ(again.outcome, UploadResult::DUPLICATE);
     EXPECT_EQ(ParseJson(ReadFile(r.storedPath + ".json"))["path"].asString(), source);
     EXPECT_EQ(Listing(uploads), sha + "\n" + sha + ".json\n");
-}
 
-TEST(UploadStore, RefusesWhatItMustNotKeepWithoutBlocking)
-{
-    TempDir dir;
-    const std::string uploads = dir.MkDir("upload", 0700);
-    UploadStore store = Store(uploads, 16);
-    const std::string fine = dir.Write("www/fine.php", "fine");
+    // What it must not keep is refused, without blocking, and nothing is written.
+    const std::string refusing = dir.MkDir("refusing", 0700);
+    UploadStore small = Store(refusing, 16);
 
     struct Case {
         std::string path;
@@ -91,13 +87,13 @@ TEST(UploadStore, RefusesWhatItMustNotKeepWithoutBlocking)
         {dir.MkDir("www/dir.php"), "webshell", UploadResult::REFUSED, "not a regular file"},
         {dir.Write("www/big.php", std::string(17, 'b')), "webshell", UploadResult::REFUSED,
          "larger than the cap"},
-        {fine, "core_dump", UploadResult::REFUSED, "unsupported upload kind"},
+        {dir.Write("www/fine.php", "fine"), "core_dump", UploadResult::REFUSED, "unsupported upload kind"},
         {dir.Join("www/gone.php"), "webshell", UploadResult::FAILED, "No such file"},
     };
     for (const auto& c : cases) {
-        const UploadResult r = store.Store(c.path, c.kind);
-        EXPECT_EQ(r.outcome, c.outcome) << c.path << ": " << r.error;
-        EXPECT_NE(r.error.find(c.expected), std::string::npos) << c.path << ": " << r.error;
+        const UploadResult refused = small.Store(c.path, c.kind);
+        EXPECT_EQ(refused.outcome, c.outcome) << c.path << ": " << refused.error;
+        EXPECT_NE(refused.error.find(c.expected), std::string::npos) << c.path << ": " << refused.error;
     }
-    EXPECT_EQ(Listing(uploads), "");
+    EXPECT_EQ(Listing(refusing), "");
 }

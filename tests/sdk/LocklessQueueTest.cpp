@@ -30,7 +30,7 @@ std::vector<int> DrainAll(LocklessQueue<int>& q)
 
 }  // namespace
 
-TEST(LocklessQueue, NeverSetUpQueueDoesNothing)
+TEST(LocklessQueue, HoldsMessagesOnlyWhileQueuedAndNeverWhenNotSetUp)
 {
     for (auto* q : {new LocklessQueue<std::shared_ptr<int>>(),
                     new LocklessQueue<std::shared_ptr<int>>(0)}) {
@@ -48,6 +48,19 @@ TEST(LocklessQueue, NeverSetUpQueueDoesNothing)
         EXPECT_EQ(4, item.use_count()) << "nothing kept by the queue";
         delete q;
     }
+
+    // A task's queue lets go of a message as it hands it out.
+    LocklessQueue<std::shared_ptr<int>> q(4, true);
+    auto msg = std::make_shared<int>(1);
+    std::weak_ptr<int> watch = msg;
+    ASSERT_EQ(1, q.Enqueue(msg));
+    EXPECT_EQ(2, msg.use_count());
+    msg.reset();
+    std::shared_ptr<int> out;
+    ASSERT_EQ(1, q.Dequeue(out));
+    EXPECT_EQ(1, out.use_count()) << "the slot let go at once";
+    out.reset();
+    EXPECT_TRUE(watch.expired());
 }
 
 // Capacity is what was asked for, the ring the next power of two; bulk
@@ -119,22 +132,6 @@ TEST(LocklessQueue, PositionsWrapPast32Bits)
         int out = 0;
         EXPECT_EQ(0, q.Dequeue(out));
     }
-}
-
-// A task's queue lets go of a message as it hands it out.
-TEST(LocklessQueue, DequeueLetsGoOfTheMessage)
-{
-    LocklessQueue<std::shared_ptr<int>> q(4, true);
-    auto msg = std::make_shared<int>(1);
-    std::weak_ptr<int> watch = msg;
-    ASSERT_EQ(1, q.Enqueue(msg));
-    EXPECT_EQ(2, msg.use_count());
-    msg.reset();
-    std::shared_ptr<int> out;
-    ASSERT_EQ(1, q.Dequeue(out));
-    EXPECT_EQ(1, out.use_count()) << "the slot let go at once";
-    out.reset();
-    EXPECT_TRUE(watch.expired());
 }
 
 // Every item is consumed exactly once, whatever the interleaving.
