@@ -1,6 +1,6 @@
 // The "container_collect_task" on a real engine: subscriptions arrive as
-// ContainerRegisterMessages, container events leave as ContainerMessages
-// to capture tasks, and the real libcontainer_module.so behaves the same.
+// ContainerRegisterMessages, container events leave as ContainerMessages to
+// capture tasks. (The agent loads libcontainer_module.so in tests/e2e.)
 
 #include <algorithm>
 

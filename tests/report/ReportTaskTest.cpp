@@ -1,6 +1,6 @@
 // The two report services on a real engine: messages in, lines, files and
 // status-board figures out; coalesced downloads; a prompt stop while a
-// download hangs; and the real libreport_module.so loaded by the engine.
+// download hangs. (The engine test loads the real libreport_module.so.)
 
 #include <sys/stat.h>
 #include <sys/time.h>
