@@ -89,7 +89,9 @@ public:
             bool Parse(const std::string&) override { return true; }
         };
         struct Scheduled : Framework::Task {
-            Scheduled() : Framework::Task("test_scheduled_task", "test_feature", Framework::TaskCondition::TASK_TYPE_SCHEDULED, 64) {}
+            Scheduled()
+                : Framework::Task("test_scheduled_task", "test_feature",
+                                  Framework::TaskCondition::TASK_TYPE_SCHEDULED, 64) {}
             int Run() override { return 0; }
         };
         if (current != nullptr) {
