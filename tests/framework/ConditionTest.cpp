@@ -6,7 +6,7 @@
 
 using Framework::TaskCondition;
 
-TEST(TaskCondition, AcceptsOnlyWellFormedSchedules)
+TEST(TaskCondition, AcceptsWellFormedSchedulesOnlyAndCoalescesFires)
 {
     struct Case {
         const char* text;
@@ -45,10 +45,8 @@ TEST(TaskCondition, AcceptsOnlyWellFormedSchedules)
             EXPECT_EQ(set.Describe(), "every 7s, first after 3s") << c.text;
         }
     }
-}
 
-TEST(TaskCondition, IntervalFiresCoalesceAndDailyFiresAtTheLocalTime)
-{
+    // Interval fires coalesce; a daily one fires at the local time.
     TaskCondition condition;
     ASSERT_TRUE(condition.Parse(R"({"type":"interval","interval_s":10,"delay_s":3})"));
     EXPECT_EQ(condition.FirstFireMs(1000000), 1003000);

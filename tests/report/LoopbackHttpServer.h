@@ -132,25 +132,21 @@ public:
     }
 
 private:
-    class Factory : public Poco::Net::HTTPRequestHandlerFactory {
-    public:
-        explicit Factory(LoopbackHttpServer* owner) : m_owner(owner) {}
+    struct Handler : Poco::Net::HTTPRequestHandler {
+        LoopbackHttpServer* owner;
+        explicit Handler(LoopbackHttpServer* o) : owner(o) {}
+        void handleRequest(Poco::Net::HTTPServerRequest& rq, Poco::Net::HTTPServerResponse& rs) override
+        {
+            owner->Serve(rq, rs);
+        }
+    };
+    struct Factory : Poco::Net::HTTPRequestHandlerFactory {
+        LoopbackHttpServer* owner;
+        explicit Factory(LoopbackHttpServer* o) : owner(o) {}
         Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override
         {
-            struct Handler : Poco::Net::HTTPRequestHandler {
-                LoopbackHttpServer* owner;
-                void handleRequest(Poco::Net::HTTPServerRequest& rq, Poco::Net::HTTPServerResponse& rs) override
-                {
-                    owner->Serve(rq, rs);
-                }
-            };
-            auto* handler = new Handler;
-            handler->owner = m_owner;
-            return handler;
+            return new Handler(owner);
         }
-
-    private:
-        LoopbackHttpServer* m_owner;
     };
 
     // A copy of `value`, read under the lock (the reference is bound outside it).

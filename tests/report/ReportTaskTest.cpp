@@ -1,6 +1,6 @@
 // The two report services on a real engine: messages in, lines, files and
 // status-board figures out; coalesced downloads; a prompt stop while a
-// download hangs; and the real libreport_module.so loaded by the engine.
+// download hangs. (The engine test loads the real libreport_module.so.)
 
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -126,7 +126,6 @@ TEST(DataCommReportTask, WritesEveryEventAsAJsonLineIncludingThoseQueuedAtStop)
     const Json::Value wrapped = TestSupport::ParseJson(lines[1]);
     EXPECT_EQ(wrapped["data_type"].asString(), "2");
     EXPECT_EQ(wrapped["invalid_content"].asString(), "broken {\n\"x");
-    EXPECT_EQ(StatusBoard::Get(DataCommReportTask::kStatusKey)["sink"].asString(), sink);
 
     // A burst sent right before the stop still reaches the file.
     for (int i = 0; i < 200; ++i) {
@@ -156,13 +155,11 @@ TEST(FileCommReportTask, DownloadsAndReportsStateOnTheStatusBoard)
     EXPECT_EQ(DownloadStatus(target)["bytes"].asUInt64(), 12u);
     EXPECT_GT(DownloadStatus(target)["finished_ms"].asInt64(), 0);
 
+    // Every way a download fails is the downloader's (DownloadTest); here
+    // the board says so and the next request tries again.
     Fetch(env, target, server.Url("/missing"));
     ASSERT_TRUE(Ends(target, "failed"));
-    EXPECT_NE(DownloadStatus(target)["error"].asString().find("404"), std::string::npos);
     EXPECT_EQ(DownloadStatus(target)["url"].asString(), server.Url("/missing"));
-    EXPECT_EQ(ReadFile(target), "local rules\n");
-
-    // The next request tries again.
     Fetch(env, target, server.Url("/ok/rules"));
     ASSERT_TRUE(Ends(target, "done"));
     EXPECT_EQ(ReadFile(target), "new rules\n");

@@ -71,27 +71,21 @@ TEST(Spool, KeepsOrderAcrossRestartsResendsWhatWasNotAcknowledgedAndDropsOnlyThe
         ASSERT_TRUE(spool.Peek(10, 1 << 20, batch));  // sent, never acknowledged: the agent died
         EXPECT_EQ(spool.Stats().pending, 190u);
     }
+    // A line the crash cut short is skipped and counted, never glued to the next.
     std::string newest;
+    ASSERT_EQ(0, TestSupport::RunCommand("ls " + options.dir + "/*.ndjson | tail -1", &newest));
+    newest.erase(newest.find_last_not_of('\n') + 1);
+    ASSERT_EQ(0, TestSupport::RunCommand("printf '{\"i\":200' >> " + newest));
     {
         Report::Spool spool(options);
         ASSERT_TRUE(spool.Open().ok());
-        EXPECT_EQ(spool.Stats().pending, 190u);
+        ASSERT_TRUE(spool.Append(Event(201) + "\n").ok());
         const std::vector<int> got = Drain(spool);
-        ASSERT_EQ(got.size(), 190u);
-        for (size_t k = 0; k < got.size(); ++k) {
+        ASSERT_EQ(got.size(), 191u);
+        for (size_t k = 0; k < 190; ++k) {
             ASSERT_EQ(got[k], static_cast<int>(k) + 10);
         }
-        ASSERT_TRUE(spool.Append(Event(200) + "\n").ok());
-        ASSERT_EQ(0, TestSupport::RunCommand("ls " + options.dir + "/*.ndjson | tail -1", &newest));
-    }
-    // A line the crash cut short is skipped and counted, never glued to the next.
-    newest.erase(newest.find_last_not_of('\n') + 1);
-    ASSERT_EQ(0, TestSupport::RunCommand("printf '{\"i\":201' >> " + newest));
-    {
-        Report::Spool spool(options);
-        ASSERT_TRUE(spool.Open().ok());
-        ASSERT_TRUE(spool.Append(Event(202) + "\n").ok());
-        EXPECT_EQ(Drain(spool), (std::vector<int>{200, 202}));
+        EXPECT_EQ(got.back(), 201);
         EXPECT_EQ(spool.Stats().dropped, 1u);
         EXPECT_EQ(spool.Stats().pending, 0u);
     }
@@ -165,10 +159,11 @@ TEST(SyslogSink, RsyslogReceivesEveryEventOverUdpTcpAndAUnixSocket)
     }
 }
 
-// A receiver that answers 500, never answers, closes mid-batch, or is down:
-// each is one outage, logged once, with the health reason raised while it
-// lasts; every event arrives once it is back, in order. A spool that cannot
-// be written is said once and nothing crashes.
+// A receiver that answers 500, never answers, or closes mid-batch: each is
+// one outage, logged once, with the health reason raised while it lasts;
+// every event arrives once it is back, in order. (A receiver that is down is
+// the end-to-end delivery test's.) A spool that cannot be written is said
+// once and nothing crashes.
 TEST(HttpSink, RetriesEveryFaultUntilAcceptedAndLosesNothing)
 {
     TempDir dir("http-sink");
@@ -188,20 +183,13 @@ TEST(HttpSink, RetriesEveryFaultUntilAcceptedAndLosesNothing)
     using Ingest = LoopbackHttpServer::Ingest;
     struct Fault {
         Ingest mode;
-        bool down;
         std::string reason;
     };
-    const Fault faults[] = {{Ingest::Fail500, false, "HTTP 500"},
-                            {Ingest::Hang, false, "Timeout"},
-                            {Ingest::CloseMidway, false, ""},
-                            {Ingest::Accept, true, "refused"}};
+    const Fault faults[] = {{Ingest::Fail500, "HTTP 500"}, {Ingest::Hang, "Timeout"}, {Ingest::CloseMidway, ""}};
     int sent = 0;
     for (const Fault& f : faults) {
         SCOPED_TRACE(f.reason);
         server.SetIngest(f.mode);
-        if (f.down) {
-            server.Down();
-        }
         for (int i = 0; i < 10; ++i) {
             sink.Submit(Event(sent++));
         }
@@ -209,7 +197,6 @@ TEST(HttpSink, RetriesEveryFaultUntilAcceptedAndLosesNothing)
         EXPECT_NE(HealthReason("report.http").find(f.reason), std::string::npos) << HealthReason("report.http");
         EXPECT_EQ(Framework::Health::Verdict(), "degraded");
         server.SetIngest(Ingest::Accept);
-        server.Up();
         ASSERT_TRUE(WaitFor([&] { return server.Ingested().size() == static_cast<size_t>(sent); }, 10000))
             << server.Ingested().size();
         ASSERT_TRUE(WaitFor([&] { return HealthReason("report.http").empty(); }));
@@ -219,7 +206,7 @@ TEST(HttpSink, RetriesEveryFaultUntilAcceptedAndLosesNothing)
         ASSERT_EQ(ParseJson(got[static_cast<size_t>(i)])["i"].asInt(), i);
     }
     EXPECT_EQ(server.Authorization(), "Splunk t0ken");
-    EXPECT_EQ(log.Count("cannot deliver events"), 4u) << log.Dump();
+    EXPECT_EQ(log.Count("cannot deliver events"), 3u) << log.Dump();
 
     // The spool's directory gone and a file in its place: like a full disk,
     // the append fails; said once, raised, and over when it can write again.
@@ -238,7 +225,7 @@ TEST(HttpSink, RetriesEveryFaultUntilAcceptedAndLosesNothing)
     EXPECT_EQ(status["sent"].asInt(), sent + 1);
     EXPECT_EQ(status["spool_errors"].asInt(), 3);
     EXPECT_EQ(status["pending"].asInt(), 0);
-    EXPECT_GE(status["failed"].asInt(), 4);
+    EXPECT_GE(status["failed"].asInt(), 3);
 }
 
 // The receiver's certificate is checked unless switched off: a self-signed

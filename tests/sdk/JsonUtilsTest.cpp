@@ -39,7 +39,7 @@ bool PythonAcceptsJsonLines(const std::vector<std::string>& docs)
 
 }  // namespace
 
-TEST(JsonUtils, ParseAcceptsOneDocumentAndRefusesEverythingElse)
+TEST(JsonUtils, ParseAcceptsOneDocumentAndRefusesEverythingElseAndGettersAreTotal)
 {
     Json::Value v;
     EXPECT_EQ(0, JsonUtils::ParseJsonStr(std::string("{\"a\":1}  \n"), v));
@@ -70,10 +70,8 @@ TEST(JsonUtils, ParseAcceptsOneDocumentAndRefusesEverythingElse)
         objects += "{\"a\":";
     }
     EXPECT_EQ(-1, JsonUtils::ParseJsonStr(objects, v));
-}
 
-TEST(JsonUtils, GettersAreTotal)
-{
+    // The getters are total.
     const Json::Value doc = Parse(
         R"({"s":"text","i":7,"neg":-3,"big":2147483648,"min":-2147483648,"max":2147483647,)"
         R"("r":1.5,"tenth":0.1,"whole":5.0,"b":true,"n":null,"o":{"k":"v"},"a":["x",2,false],)"

@@ -19,21 +19,10 @@
 
 using SDK::HostRoot;
 using SDK::ReadError;
+using TestSupport::ModeOf;
 using TestSupport::TempDir;
 
-namespace {
-
-using TestSupport::ModeOf;
-
-void MakeOld(const std::string& path)
-{
-    struct timeval old[2] = {{1000, 0}, {1000, 0}};
-    ASSERT_EQ(0, utimes(path.c_str(), old));
-}
-
-}  // namespace
-
-TEST(Posix, ReadRegularFileRefusesWhatItMustNotRead)
+TEST(Posix, ReadsPrivateDirectoriesAndStaleFileRemovalLeaveAloneWhatTheyMustNot)
 {
     TempDir dir("sdk-posix");
     const std::string file = dir.Write("conf", "0123456789");
@@ -69,11 +58,7 @@ TEST(Posix, ReadRegularFileRefusesWhatItMustNotRead)
             EXPECT_EQ(r.status.message(), c.path + ": " + r.reason);
         }
     }
-}
 
-TEST(Posix, PrivateDirectoriesAndStaleFilesNeverFollowALink)
-{
-    TempDir dir("sdk-private");
     // Missing: made, parents too; loose: tightened.
     const std::string fresh = dir.Join("a/b/private");
     ASSERT_TRUE(SDK::MakePrivateDir(fresh)) << fresh;
@@ -96,8 +81,9 @@ TEST(Posix, PrivateDirectoriesAndStaleFilesNeverFollowALink)
     const std::string other = dir.Write("loose/kept", "x");
     const std::string elsewhere = dir.Write("target/.incoming.behind", "x");
     const std::string oldLink = dir.Symlink(elsewhere, "loose/.incoming.link");
+    const struct timeval longAgo[2] = {{1000, 0}, {1000, 0}};
     for (const auto& p : {old, other, elsewhere}) {
-        MakeOld(p);
+        ASSERT_EQ(0, utimes(p.c_str(), longAgo));
     }
     EXPECT_EQ(SDK::RemoveStaleFiles(loose, ".incoming.", 60), 1);
     EXPECT_FALSE(TestSupport::FileExists(old));
@@ -142,8 +128,6 @@ TEST(HostRoot, LinksResolveInsideThePrefixAndNeverLeadOut)
     for (const auto& c : paths) {
         EXPECT_EQ(fs.HostPath(c.in), c.host) << c.in;
     }
-    EXPECT_EQ(fs.Path("/run/x"), prefix + "/run/x");
-    EXPECT_EQ(fs.Display(), prefix);
     EXPECT_EQ(HostRoot("/").HostPath("/var/www/"), "/var/www/");
     EXPECT_EQ(HostRoot("").Display(), "/");
 

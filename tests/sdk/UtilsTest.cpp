@@ -4,14 +4,11 @@
 #include <unistd.h>
 
 #include <random>
-#include <regex>
-#include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "sdk/CryptoCodeUtils.h"
 #include "sdk/FileUtils.h"
 #include "sdk/PathUtils.h"
 #include "sdk/StrUtils.h"
@@ -48,18 +45,6 @@ TEST(StrUtils, SplitKeepsPiecesAsTheyAre)
     std::vector<std::string> out{"kept"};
     SDK::StrUtils::Split("x,y", ",", out);
     EXPECT_EQ((std::vector<std::string>{"kept", "x", "y"}), out) << "pieces are appended";
-}
-
-TEST(CryptoCodeUtils, UuidsAreRandomVersion4)
-{
-    const std::regex form("^[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}$");
-    std::set<std::string> seen;
-    for (int i = 0; i < 2000; ++i) {
-        const std::string id = SDK::CryptoCodeUtils::GenerateUUID();
-        ASSERT_TRUE(std::regex_match(id, form)) << id;
-        seen.insert(id);
-    }
-    EXPECT_EQ(2000u, seen.size());
 }
 
 TEST(PathUtils, InstallationPathAndRealPath)

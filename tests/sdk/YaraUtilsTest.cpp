@@ -13,8 +13,6 @@
 #include "sdk/YaraUtils.h"
 #include "testsupport/TestSupport.h"
 
-#include "Deadline.h"
-
 #include <yara.h>
 
 using SDK::YaraUtils;
@@ -85,8 +83,6 @@ TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
 {
     TempDir dir("ardent-yara");
     const std::string shell = dir.Write("www/shell.php", "<?php eval($_POST['c']); ?>");
-    const std::string jsp = dir.Write("www/cmd.jsp", "<% Runtime.getRuntime().exec(request); %>");
-    const std::string clean = dir.Write("www/index.php", "<?php echo 'hello'; ?>");
     const std::string empty = dir.Write("www/empty.php", "");
     const std::string both = dir.Write("www/both.php",
                                        "eval($_POST[1]); Runtime.getRuntime().exec(x)");
@@ -106,19 +102,13 @@ TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
         EXPECT_EQ("eval($_POST", seen.matchedText);
 
         seen = Seen();
-        ASSERT_TRUE(yara.CheckFile(jsp, &seen, 5));
-        EXPECT_EQ(std::vector<std::string>{"jsp_exec"}, seen.rules);
-
-        for (const std::string& path : {clean, empty}) {
-            seen = Seen();
-            EXPECT_TRUE(yara.CheckFile(path, &seen, 5)) << path << ": " << yara.LastError();
-            EXPECT_TRUE(seen.rules.empty()) << path;
-        }
+        EXPECT_TRUE(yara.CheckFile(empty, &seen, 5)) << yara.LastError();
+        EXPECT_TRUE(seen.rules.empty());
 
         // The callback decides how far the scan goes; stopping it is success.
         seen = Seen();
         ASSERT_TRUE(yara.CheckFile(both, &seen, 5));
-        EXPECT_EQ(2u, seen.rules.size());
+        EXPECT_EQ((std::vector<std::string>{"php_eval", "jsp_exec"}), seen.rules);
         seen = Seen();
         seen.answer = CALLBACK_ABORT;
         EXPECT_TRUE(yara.CheckFile(both, &seen, 5)) << yara.LastError();
@@ -135,16 +125,16 @@ TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
     }
 }
 
-TEST(YaraUtils, BadRuleFilesLeaveNothingLoaded)
+TEST(YaraUtils, BadOrDamagedRuleFilesLeaveTheGoodOnesInForce)
 {
     TempDir dir("ardent-yara");
     const std::string good = dir.Write("good.yar", kRules);
     const std::string compiled = TestSupport::WriteRules(dir, "compiled.yarc", kRules, true);
     const std::string syntax = dir.Write("broken.yar", "rule ok { condition: true }\n\nrule broken {\n  condition: true or or\n}\n");
-    std::string truncatedBytes = TestSupport::ReadFile(compiled);
-    truncatedBytes.resize(truncatedBytes.size() / 2);
-    const std::string truncated = dir.Write("truncated.yarc", truncatedBytes);
+    const std::string original = TestSupport::ReadFile(compiled);
+    const std::string truncated = dir.Write("truncated.yarc", original.substr(0, original.size() / 2));
     const std::string binary = dir.Write("garbage.dat", std::string("\x7f" "ELF\x02\x01\x01\0\0\xff\xfe", 11));
+    const std::string damaged = dir.Join("damaged.yarc");
 
     YaraUtils yara(Record);
     for (const std::string& bad :
@@ -157,17 +147,9 @@ TEST(YaraUtils, BadRuleFilesLeaveNothingLoaded)
     // A compile error names the file and the line.
     EXPECT_FALSE(yara.LoadRuleFromFile(syntax));
     EXPECT_NE(std::string::npos, yara.LastError().find(syntax + ":4")) << yara.LastError();
-}
 
-TEST(YaraUtils, DamagedCompiledLibraryIsCheckedInAChildAndRemembered)
-{
-    TempDir dir("ardent-yara");
-    const std::string compiled = TestSupport::WriteRules(dir, "compiled.yarc", kRules, true);
-    const std::string original = TestSupport::ReadFile(compiled);
-    const std::string damaged = dir.Join("damaged.yarc");
-    YaraUtils yara(Record);  // initialises libyara for the probes below
-
-    // The first flipped bit that kills a process loading the file with
+    // A damaged compiled library is checked in a child and remembered. The
+    // first flipped bit that kills a process loading the file with
     // libyara itself (libyara 4.2 asserts on damaged relocations).
     int status = 0;
     for (size_t offset = 4; offset < original.size() && !WIFSIGNALED(status); ++offset) {
@@ -199,35 +181,7 @@ TEST(YaraUtils, DamagedCompiledLibraryIsCheckedInAChildAndRemembered)
     EXPECT_FALSE(again.LoadRuleFromFile(damaged));
     EXPECT_NE(std::string::npos, again.LastError().find("failed its check before")) << again.LastError();
     EXPECT_TRUE(again.LoadRuleFromFile(compiled)) << again.LastError();
-    EXPECT_TRUE(again.LoadRuleFromFile(dir.Write("source.yar", kRules))) << again.LastError();
-}
-
-TEST(YaraUtils, OnlyRegularFilesAreScanned)
-{
-    TempDir dir("ardent-yara");
-    YaraUtils yara(Record);
-    ASSERT_TRUE(yara.LoadRuleFromFile(dir.Write("r.yar", "rule everything { condition: true }")));
-
-    // A FIFO named like a page must not be opened for reading and waited on.
-    const std::string fifo = dir.Fifo("www/index.php");
-    bool scanned = true;
-    Seen seen;
-    EXPECT_TRUE(ReturnsWithoutWaitingOn(fifo, [&] { scanned = yara.CheckFile(fifo, &seen, 5); }));
-    EXPECT_FALSE(scanned);
-    EXPECT_TRUE(seen.rules.empty());
-    EXPECT_NE(std::string::npos, yara.LastError().find(fifo));
-
-    for (const std::string& path : {dir.Socket("www/sock.php"), std::string("/dev/null"),
-                                    dir.MkDir("www/dir.php"), dir.Join("www/missing.php")}) {
-        EXPECT_FALSE(yara.CheckFile(path, &seen, 5)) << path;
-        EXPECT_NE(std::string::npos, yara.LastError().find(path)) << yara.LastError();
-    }
-    EXPECT_TRUE(seen.rules.empty());
-
-    // A link to a regular file is followed.
-    const std::string target = dir.Write("www/real.php", "x");
-    EXPECT_TRUE(yara.CheckFile(dir.Symlink(target, "www/link.php"), &seen, 5));
-    EXPECT_EQ(std::vector<std::string>{"everything"}, seen.rules);
+    EXPECT_TRUE(again.LoadRuleFromFile(good)) << again.LastError();
 }
 
 TEST(YaraUtils, SlowScanTimesOut)
