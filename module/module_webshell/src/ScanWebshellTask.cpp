@@ -866,9 +866,9 @@ std::unique_ptr<ScanWorkers> StartScanThreads(ScanWebshellTask& task, const SDK:
         t_scanner = (*scanners)[index].get();
         ScanJob job;
         while (next(job)) {
-            task.ScanFromFile(job.path, *job.cache, job.fd.Get(), job.named, job.read ? &job.content : nullptr);
+            task.ScanFromFile(job.path, *job.cache, job.fd.Get(), job.named, job.read ? &job.ahead : nullptr);
             job.fd.Reset();
-            job.content.clear();
+            job.ahead.content.clear();
             Poco::FastMutex::ScopedLock lock(ScanFiguresMutex());
             AddFigures(figures, local);
             static_cast<PassFigures&>(local) = PassFigures();
@@ -1196,9 +1196,10 @@ void ScanWebshellTask::CheckWalkedFile(int dirFd, const std::string& name, const
         if (WillRead(path, st) && walk.workers->MayReadAhead(static_cast<std::size_t>(st.st_size))) {
             // A file that cannot be read here goes unread: its thread
             // tries again and says why.
-            job.read = SDK::ReadAll(job.fd.Get(), kDecodeFileLimit, job.content, path).ok();
+            job.ahead.st = st;
+            job.read = SDK::ReadAll(job.fd.Get(), kDecodeFileLimit, job.ahead.content, path).ok();
             if (!job.read) {
-                job.content.clear();
+                job.ahead.content.clear();
                 lseek(job.fd.Get(), 0, SEEK_SET);
             }
         }
@@ -1235,14 +1236,16 @@ bool ScanWebshellTask::WillRead(const std::string& path, const struct stat& st)
 }
 
 void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd, bool named,
-                                    std::string* readAhead)
+                                    ReadAhead* readAhead)
 {
     if (path.empty()) {
         return;
     }
     struct stat st;
     memset(&st, 0, sizeof(st));
-    if ((fd >= 0 ? fstat(fd, &st) : stat(path.c_str(), &st)) != 0) {
+    if (readAhead != nullptr) {
+        st = readAhead->st;
+    } else if ((fd >= 0 ? fstat(fd, &st) : stat(path.c_str(), &st)) != 0) {
         return;
     }
     PassFigures* figures = t_pass;
@@ -1283,7 +1286,7 @@ void ScanWebshellTask::ScanFromFile(const std::string& path, const ContainerCach
     } else {
         SDK::ReadResult read;
         if (readAhead != nullptr) {
-            content.swap(*readAhead);
+            content.swap(readAhead->content);
         } else {
             read = fd >= 0 ? SDK::ReadAll(fd, kDecodeFileLimit, content, path)
                            : SDK::ReadRegularFile(path, kDecodeFileLimit, content);

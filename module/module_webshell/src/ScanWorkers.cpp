@@ -54,7 +54,7 @@ void ScanWorkers::Push(ScanJob job)
     if (m_closed) {
         return;
     }
-    m_queuedBytes += job.content.size();
+    m_queuedBytes += job.ahead.content.size();
     m_queue.push_back(std::move(job));
     m_notEmpty.signal();
 }
@@ -70,7 +70,7 @@ bool ScanWorkers::Take(ScanJob& job)
     }
     job = std::move(m_queue.front());
     m_queue.pop_front();
-    m_queuedBytes -= job.content.size();
+    m_queuedBytes -= job.ahead.content.size();
     // A full queue wakes the walk once it is half empty, not at every file:
     // one wake-up per file would cost the threads more than the walk saves.
     if (m_walkWaits && m_queue.size() <= m_capacity / 2) {

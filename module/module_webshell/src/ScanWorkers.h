@@ -6,6 +6,8 @@
 // own. The queue bounds the open descriptors and the bytes read ahead; a walk
 // slower than the scan leaves the threads waiting.
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -24,6 +26,14 @@
 
 namespace Engine {
 
+// A file the walk read ahead of the scanning threads: its status from before
+// the read (reading moves the access time, which a quarantine keeps to put
+// back) and its content.
+struct ReadAhead {
+    struct stat st {};
+    std::string content;
+};
+
 struct ScanJob {
     ScanJob() = default;
     ScanJob(std::string path_, SDK::UniqueFd fd_, std::shared_ptr<const ContainerCacheInfo> cache_,
@@ -35,8 +45,8 @@ struct ScanJob {
     SDK::UniqueFd fd;  // opened by the walk; the scan reads this very file
     std::shared_ptr<const ContainerCacheInfo> cache;
     bool named = false;  // named as a scan path itself: checked whatever its suffix
-    bool read = false;   // `content` holds the file, read by the walk
-    std::string content;
+    bool read = false;   // `ahead` holds the file, read by the walk
+    ReadAhead ahead;
 };
 
 class ScanWorkers {

@@ -44,6 +44,8 @@
 
 namespace Engine {
 
+struct ReadAhead;
+
 class DetectWebshellPolicy;
 class FileNotifyMessage;
 // What one pass has walked and checked (ScanWebshellTask.cpp).
@@ -107,10 +109,11 @@ public:
     void ScanFromDir(const std::string& dir, WalkState& walk, const ContainerCacheInfo& cache);
     void ScanFromLink(const std::string& link, WalkState& walk, const ContainerCacheInfo& cache);
     // `fd`: the file, already opened by the walk (-1: open `path`). `named`:
-    // a scan path of its own, checked whatever its suffix. `readAhead`: its
-    // content, read by the walk (taken over), or null to read it here.
+    // a scan path of its own, checked whatever its suffix. `readAhead`: the
+    // file as the walk read it (its content is taken over), or null to read
+    // it here.
     void ScanFromFile(const std::string& path, const ContainerCacheInfo& cache, int fd = -1, bool named = false,
-                      std::string* readAhead = nullptr);
+                      ReadAhead* readAhead = nullptr);
     // Whether ScanFromFile would read this file whole.
     bool WillRead(const std::string& path, const struct stat& st);
     bool CheckFileType(const std::string& path);
