@@ -33,17 +33,10 @@ inline std::string ToJson(const Json::Value& v)
     return SDK::JsonUtils::JsonToString(v);
 }
 
-inline Json::Value FromJson(const std::string& text)
-{
-    Json::Value v;
-    SDK::JsonUtils::ParseJsonStr(text, v);
-    return v;
-}
-
 // An OCI runtime configuration as runc reads it.
 inline Json::Value OciConfig(const std::string& rootPath = "rootfs")
 {
-    Json::Value doc = FromJson(R"({"ociVersion": "1.0.2",
+    Json::Value doc = TestSupport::ParseJson(R"({"ociVersion": "1.0.2",
         "process": {"args": ["nginx", "-g", "daemon off;"], "env": ["PATH=/usr/sbin:/usr/bin", "NGINX_VERSION=1.25.3"]},
         "mounts": [{"destination": "/var/www/html/uploads", "type": "bind", "source": "/srv/uploads",
                     "options": ["rbind", "ro"]}],
@@ -102,7 +95,7 @@ public:
     void DockerRecord(const std::string& id, const std::string& name, const std::string& image,
                       long pid, bool running)
     {
-        Json::Value doc = FromJson(R"({"Config": {"Labels": {"maintainer": "ops@example.com"}, "ExposedPorts": {"80/tcp": {}}},
+        Json::Value doc = TestSupport::ParseJson(R"({"Config": {"Labels": {"maintainer": "ops@example.com"}, "ExposedPorts": {"80/tcp": {}}},
                                     "NetworkSettings": {"Networks": {"bridge": {}}}})");
         doc["ID"] = id;
         doc["Name"] = name;
