@@ -125,4 +125,41 @@ inline std::string NginxMainConf(const std::string& dir, const std::string& http
            http + "}\n";
 }
 
+// A real Apache httpd on a free loopback port, serving three directories
+// under `dir`/www: main (its DocumentRoot), vhost (a virtual host's) and
+// media (an Alias). "" once it accepts, else what it said.
+inline std::string StartApache(TestSupport::TempDir& dir, ServerProcess& server)
+{
+    const std::string bin = FindProgram("apache2");
+    const std::string modules = "/usr/lib/apache2/modules/";
+    const std::string t = dir.Path();
+    const int port = FreePort();
+    for (const char* sub : {"www/main", "www/vhost", "www/media", "apache/run"}) {
+        dir.MkDir(sub);
+    }
+    dir.Write("apache/mime.types", "text/html html\n");
+    std::string conf = "ServerRoot \"" + t + "/apache\"\nDefaultRuntimeDir run\nPidFile run/httpd.pid\n"
+                       "Mutex file:" + t + "/apache/run default\nErrorLog " + t + "/apache/error.log\n";
+    for (const char* m : {"mpm_event", "authz_core", "alias", "dir", "mime"}) {
+        conf += std::string("LoadModule ") + m + "_module " + modules + "mod_" + m + ".so\n";
+    }
+    conf += "User www-data\nGroup www-data\nTypesConfig mime.types\n"
+            "Listen 127.0.0.1:" + std::to_string(port) + "\nServerName localhost\n"
+            "Define WWW " + t + "/www\nDocumentRoot \"${WWW}/main\"\nIncludeOptional sites/*.conf\n";
+    dir.Write("apache/httpd.conf", conf);
+    dir.Write("apache/sites/vhost.conf",
+              "<VirtualHost 127.0.0.1:" + std::to_string(port) + ">\n"
+              "    DocumentRoot " + t + "/www/vhost\n"
+              "    <IfModule alias_module>\n"
+              "        Alias /media \"" + t + "/www/media\"\n"
+              "    </IfModule>\n"
+              "</VirtualHost>\n");
+    if (bin.empty() || port <= 0 ||
+        !server.Start(bin, {bin, "-f", t + "/apache/httpd.conf", "-DFOREGROUND"}, t + "/output.log") ||
+        !WaitFor([&] { return Accepts(port); }, 15000)) {
+        return TestSupport::ReadFile(t + "/output.log") + TestSupport::ReadFile(t + "/apache/error.log");
+    }
+    return "";
+}
+
 }  // namespace AssetTest
