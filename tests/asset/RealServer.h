@@ -154,7 +154,7 @@ inline std::string StartApache(TestSupport::TempDir& dir, ServerProcess& server)
               "        Alias /media \"" + t + "/www/media\"\n"
               "    </IfModule>\n"
               "</VirtualHost>\n");
-    if (bin.empty() || port <= 0 ||
+    if (bin.empty() ||
         !server.Start(bin, {bin, "-f", t + "/apache/httpd.conf", "-DFOREGROUND"}, t + "/output.log") ||
         !WaitFor([&] { return Accepts(port); }, 15000)) {
         return TestSupport::ReadFile(t + "/output.log") + TestSupport::ReadFile(t + "/apache/error.log");

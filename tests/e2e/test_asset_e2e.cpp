@@ -63,7 +63,6 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     policy["content"]["monitor_file_change"] = true;
 
     const int port = AssetTest::FreePort();
-    ASSERT_GT(port, 0);
     const std::string n = dir.Join("nginx");
     dir.Write("nginx/nginx.conf",
               AssetTest::NginxMainConf(n, "    server {\n"
@@ -78,7 +77,7 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     AssetTest::ServerProcess apache;
     ASSERT_EQ(AssetTest::StartApache(dir, apache), "");
 
-    ASSERT_TRUE(agent.Start(policy, {"--host-root", "/"}));  // where nginx runs
+    ASSERT_TRUE(agent.Start(policy, {"--host-root", "/"}));  // where the servers run
 
     // `ctl status` lists the nginx asset with its root.
     Json::Value asset;
