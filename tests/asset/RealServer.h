@@ -1,7 +1,7 @@
 #pragma once
-// Real servers and daemons for the asset and end-to-end tests: find a server
-// binary, pick a free loopback port, and a guard that stops a started server
-// and its children whatever happens to the test.
+// Real servers and daemons for the asset, report and end-to-end tests: find a
+// server binary, pick a free loopback port, and a guard that stops a started
+// server and its children whatever happens to the test.
 
 #include <fcntl.h>
 #include <signal.h>
