@@ -66,8 +66,7 @@ TEST_F(ContainerE2E, ADockerContainerIsWatchedReportedAndReleasedWhenItStops)
     FakeHost host;
     StartAgent(host.Root(), {"/var/www/html"});
 
-    // A pod's container and a bundle that cannot be read come first: a poll
-    // that sees the Docker container has seen them too.
+    // Beside it, a pod's container and a bundle that cannot be read.
     host.StartK8s(HexId(4), "shop-1", "prod", "php", "shop:2", 300);
     const std::string broken = host.Dir().Write(FakeHost::BundleRel("k8s.io", HexId(5)) + "/config.json", "{");
     const std::string id = HexId(1);
