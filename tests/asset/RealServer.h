@@ -1,21 +1,20 @@
 #pragma once
-// Real servers for the asset tests: find a server binary, pick a free
-// loopback port, and a guard that stops a started server and its children
-// whatever happens to the test.
+// Real servers and daemons for the asset, report and end-to-end tests: find a
+// server binary, pick a free loopback port, and a guard that stops a started
+// server and its children whatever happens to the test.
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
 
-#include "sdk/Posix.h"
+#include <Poco/Net/ServerSocket.h>
+#include <Poco/Net/StreamSocket.h>
+
 #include "testsupport/TestSupport.h"
 
 extern char** environ;
@@ -35,28 +34,21 @@ inline std::string FindProgram(const std::string& name)
     return "";
 }
 
-// Binds (port 0: any free one) or connects a TCP socket on 127.0.0.1; the
-// port bound or reached, 0 when the call failed.
-inline int OnLoopback(int port, bool connectTo)
+// A free TCP port on 127.0.0.1; whether a server accepts on one.
+inline int FreePort() { return Poco::Net::ServerSocket(Poco::Net::SocketAddress("127.0.0.1", 0)).address().port(); }
+inline bool Accepts(int port)
 {
-    SDK::UniqueFd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    socklen_t len = sizeof(addr);
-    auto* a = reinterpret_cast<sockaddr*>(&addr);
-    const bool ok = connectTo ? connect(fd.Get(), a, len) == 0
-                              : bind(fd.Get(), a, len) == 0 && getsockname(fd.Get(), a, &len) == 0;
-    return ok ? ntohs(addr.sin_port) : 0;
+    try {
+        Poco::Net::StreamSocket(Poco::Net::SocketAddress("127.0.0.1", static_cast<Poco::UInt16>(port)));
+        return true;
+    } catch (const Poco::Exception&) {
+        return false;
+    }
 }
 
-inline int FreePort() { return OnLoopback(0, false); }
-inline bool Accepts(int port) { return OnLoopback(port, true) == port; }
-
-// A server started by the test in a process group of its own; the group
-// (the server and the children it forks) is stopped when the guard goes,
-// whatever happened in between.
+// A server or daemon started by the test in a process group of its own; the
+// group (the process and the children it forks) is stopped when the guard
+// goes, whatever happened in between.
 class ServerProcess {
 public:
     ServerProcess() = default;
@@ -92,14 +84,15 @@ public:
     }
 
     pid_t Pid() const { return m_pid; }
+    bool Running() const { return m_pid > 0 && waitpid(m_pid, nullptr, WNOHANG) == 0; }
 
-    void Stop()
+    void Stop(int sig = SIGTERM)
     {
         if (m_pid <= 0) {
             return;
         }
-        kill(-m_pid, SIGTERM);
-        if (!WaitFor([this] { return waitpid(m_pid, nullptr, WNOHANG) == m_pid; }, 10000)) {
+        kill(-m_pid, sig);
+        if (!WaitFor([this] { return waitpid(m_pid, nullptr, WNOHANG) != 0; }, 10000)) {
             kill(-m_pid, SIGKILL);
             waitpid(m_pid, nullptr, 0);
         }
@@ -130,6 +123,43 @@ inline std::string NginxMainConf(const std::string& dir, const std::string& http
            "    uwsgi_temp_path " + dir + "/tmp/uwsgi;\n"
            "    scgi_temp_path " + dir + "/tmp/scgi;\n" +
            http + "}\n";
+}
+
+// A real Apache httpd on a free loopback port, serving three directories
+// under `dir`/www: main (its DocumentRoot), vhost (a virtual host's) and
+// media (an Alias). "" once it accepts, else what it said.
+inline std::string StartApache(TestSupport::TempDir& dir, ServerProcess& server)
+{
+    const std::string bin = FindProgram("apache2");
+    const std::string modules = "/usr/lib/apache2/modules/";
+    const std::string t = dir.Path();
+    const int port = FreePort();
+    for (const char* sub : {"www/main", "www/vhost", "www/media", "apache/run"}) {
+        dir.MkDir(sub);
+    }
+    dir.Write("apache/mime.types", "text/html html\n");
+    std::string conf = "ServerRoot \"" + t + "/apache\"\nDefaultRuntimeDir run\nPidFile run/httpd.pid\n"
+                       "Mutex file:" + t + "/apache/run default\nErrorLog " + t + "/apache/error.log\n";
+    for (const char* m : {"mpm_event", "authz_core", "alias", "dir", "mime"}) {
+        conf += std::string("LoadModule ") + m + "_module " + modules + "mod_" + m + ".so\n";
+    }
+    conf += "User www-data\nGroup www-data\nTypesConfig mime.types\n"
+            "Listen 127.0.0.1:" + std::to_string(port) + "\nServerName localhost\n"
+            "Define WWW " + t + "/www\nDocumentRoot \"${WWW}/main\"\nIncludeOptional sites/*.conf\n";
+    dir.Write("apache/httpd.conf", conf);
+    dir.Write("apache/sites/vhost.conf",
+              "<VirtualHost 127.0.0.1:" + std::to_string(port) + ">\n"
+              "    DocumentRoot " + t + "/www/vhost\n"
+              "    <IfModule alias_module>\n"
+              "        Alias /media \"" + t + "/www/media\"\n"
+              "    </IfModule>\n"
+              "</VirtualHost>\n");
+    if (bin.empty() ||
+        !server.Start(bin, {bin, "-f", t + "/apache/httpd.conf", "-DFOREGROUND"}, t + "/output.log") ||
+        !WaitFor([&] { return Accepts(port); }, 15000)) {
+        return TestSupport::ReadFile(t + "/output.log") + TestSupport::ReadFile(t + "/apache/error.log");
+    }
+    return "";
 }
 
 }  // namespace AssetTest

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include <Poco/AutoPtr.h>
-#include <Poco/File.h>
 #include <gtest/gtest.h>
 
+#include "FakeHost.h"
 #include "asset/AssetDiscovery.h"
 #include "asset/AssetSyncTask.h"
 #include "framework/StatusBoard.h"
@@ -24,45 +24,13 @@ namespace {
 
 const std::string kContainerId = "4f1c9b7a2e3d5c6b8a9f0e1d2c3b4a5f6e7d8c9b0a1f2e3d4c5b6a7f8e9d0c1b";
 
-// A host tree with a /proc of processes the test describes.
-class FakeHost {
-public:
-    FakeHost() : m_dir("asset-fakehost")
+// A host tree whose /proc holds init and the processes the test describes.
+struct FakeHost : ContainerTest::FakeHost {
+    FakeHost()
     {
         AddProcess(1, 0, "systemd", {"/sbin/init"}, "/usr/lib/systemd/systemd");
-        m_dir.Symlink("mnt:[4026531840]", "proc/1/ns/mnt");
+        Dir().Symlink("mnt:[4026531840]", "proc/1/ns/mnt");
     }
-
-    std::string Root() const { return m_dir.Path(); }
-    TempDir& Dir() { return m_dir; }
-
-    void AddProcess(int pid, int ppid, const std::string& comm,
-                    const std::vector<std::string>& argv, const std::string& exe,
-                    const std::string& cgroup = "0::/init.scope\n",
-                    const std::vector<std::string>& environ = {})
-    {
-        const std::string base = "proc/" + std::to_string(pid) + "/";
-        m_dir.Write(base + "stat", std::to_string(pid) + " (" + comm + ") S " +
-                                       std::to_string(ppid) + " 1 1 0 -1 4194560 100 0 0 0\n");
-        auto nulJoined = [](const std::vector<std::string>& items) {
-            std::string out;
-            for (const auto& item : items) {
-                out += item + '\0';
-            }
-            return out;
-        };
-        m_dir.Write(base + "cmdline", nulJoined(argv));
-        m_dir.Write(base + "cgroup", cgroup);
-        m_dir.Write(base + "environ", nulJoined(environ));
-        if (!exe.empty()) {
-            m_dir.Symlink(exe, base + "exe");
-        }
-    }
-
-    void RemoveProcess(int pid) { Poco::File(m_dir.Join("proc/" + std::to_string(pid))).remove(true); }
-
-private:
-    TempDir m_dir;
 };
 
 // The host, a Docker container, a chroot jail, an Apache with children and a Tomcat.
@@ -309,8 +277,8 @@ TEST(AssetSyncTask, SubscribersGetAssetsAtOnceAndOnlyChangesAfterwards)
 
     // An unchanged round sends nothing; the next change is the very next message.
     task->DiscoverNow();
-    host.RemoveProcess(100);
-    host.RemoveProcess(101);
+    host.StopProcess(100);
+    host.StopProcess(101);
     task->DiscoverNow();
     ASSERT_TRUE(consumer->WaitForCount(3));
     auto msgs = consumer->MessagesOf<Engine::AssetMessage>();
@@ -329,8 +297,8 @@ TEST(AssetSyncTask, SubscribersGetAssetsAtOnceAndOnlyChangesAfterwards)
 
     // After unsubscribing from kind 0 only kind 4 changes reach the consumer.
     EXPECT_EQ(handle(new Engine::AssetUnRegisterMessage(0, consumer.get())), 0);
-    host.RemoveProcess(400);
-    host.RemoveProcess(500);
+    host.StopProcess(400);
+    host.StopProcess(500);
     task->DiscoverNow();
     ASSERT_TRUE(consumer->WaitForCount(4));
     msgs = consumer->MessagesOf<Engine::AssetMessage>();

@@ -11,7 +11,6 @@
 #include "ContainerCollectTask.h"
 #include "FakeHost.h"
 #include "container/ContainerMessage.h"
-#include "framework/StatusBoard.h"
 #include "message/AbstructMessage.h"
 #include "testsupport/TestSupport.h"
 
@@ -114,36 +113,6 @@ TEST_F(CollectTaskTest, LateSubscribersGetTheRunningSetAndUnsubscribingStopsEven
     SettleTwoPolls(*a);
     EXPECT_EQ(Events(*a).size(), aBefore);
     EXPECT_TRUE(Events(*c).empty());
-}
-
-TEST_F(CollectTaskTest, StatusShowsFollowedContainersAndSubscribers)
-{
-    const std::string id = HexId(4);
-    const std::string bundle = m_host.StartK8s(id, "shop-1", "prod", "php", "shop:2", 300);
-    m_host.Dir().Write(FakeHost::BundleRel("k8s.io", HexId(5)) + "/config.json", "{");
-    auto a = AddCapture("subscriber_a");
-    Subscribe(a.get(), true);
-    ASSERT_TRUE(WaitFor([&] { return Events(*a).size() == 1; }));
-
-    Json::Value status;
-    ASSERT_TRUE(WaitFor([&] {
-        // The board is process-wide: wait for this test's own poll, one
-        // that saw the broken bundle too (the task polls while it is written).
-        status = Framework::StatusBoard::Get("container");
-        return status.isObject() && status["subscribers"].asUInt() == 1 &&
-               status["host_root"].asString() == m_host.Root() && status["containers"].size() == 1 &&
-               status["problems"].size() == 1;
-    }));
-    const Json::Value& c = status["containers"][0];
-    std::vector<std::string> shown;
-    for (const char* key : {"id", "name", "image", "runtime", "rootPath", "pid", "pod"}) {
-        shown.push_back(c[key].asString());
-    }
-    EXPECT_EQ(shown, (std::vector<std::string>{id, "php", "shop:2", "containerd", bundle + "/rootfs",
-                                               "300", "prod/shop-1"}));
-    EXPECT_GT(status["last_poll_ms"].asInt64(), 0);
-    EXPECT_EQ(status["problems"][0]["path"].asString(),
-              m_host.Path(FakeHost::BundleRel("k8s.io", HexId(5)) + "/config.json"));
 }
 
 TEST_F(CollectTaskTest, EventsWaitForRoomAndVanishedSubscribersAreDropped)

@@ -2,7 +2,8 @@
 // A fake host tree as container runtimes leave it on disk, built in a temp
 // dir: containerd bundles (Docker's "moby" and Kubernetes' "k8s.io"
 // namespaces), Docker's own container records, CRI-O's containers/storage
-// directories, and DIR/proc/PID for running processes.
+// directories, and DIR/proc/PID for running processes. (The asset tests
+// describe their servers' processes with it too.)
 
 #include <cstdio>
 #include <string>
@@ -33,17 +34,10 @@ inline std::string ToJson(const Json::Value& v)
     return SDK::JsonUtils::JsonToString(v);
 }
 
-inline Json::Value FromJson(const std::string& text)
-{
-    Json::Value v;
-    SDK::JsonUtils::ParseJsonStr(text, v);
-    return v;
-}
-
 // An OCI runtime configuration as runc reads it.
 inline Json::Value OciConfig(const std::string& rootPath = "rootfs")
 {
-    Json::Value doc = FromJson(R"({"ociVersion": "1.0.2",
+    Json::Value doc = TestSupport::ParseJson(R"({"ociVersion": "1.0.2",
         "process": {"args": ["nginx", "-g", "daemon off;"], "env": ["PATH=/usr/sbin:/usr/bin", "NGINX_VERSION=1.25.3"]},
         "mounts": [{"destination": "/var/www/html/uploads", "type": "bind", "source": "/srv/uploads",
                     "options": ["rbind", "ro"]}],
@@ -84,15 +78,29 @@ public:
     }
 
     void StartProcess(long pid) { m_dir.MkDir("proc/" + std::to_string(pid)); }
-    // A runtime daemon's /proc entry: its name and command line.
-    void Daemon(long pid, const std::string& comm, const std::vector<std::string>& args)
+    // A process's /proc entry as the kernel shows it: stat, comm, cmdline,
+    // cgroup, environ and the exe link (none when `exe` is empty).
+    void AddProcess(long pid, long ppid, const std::string& comm, const std::vector<std::string>& argv,
+                    const std::string& exe = "", const std::string& cgroup = "0::/init.scope\n",
+                    const std::vector<std::string>& environ = {})
     {
-        std::string cmdline;
-        for (const auto& a : args) {
-            cmdline += a + '\0';
+        const std::string base = "proc/" + std::to_string(pid) + "/";
+        auto nulJoined = [](const std::vector<std::string>& items) {
+            std::string out;
+            for (const auto& item : items) {
+                out += item + '\0';
+            }
+            return out;
+        };
+        m_dir.Write(base + "stat", std::to_string(pid) + " (" + comm + ") S " + std::to_string(ppid) +
+                                       " 1 1 0 -1 4194560 100 0 0 0\n");
+        m_dir.Write(base + "comm", comm + "\n");
+        m_dir.Write(base + "cmdline", nulJoined(argv));
+        m_dir.Write(base + "cgroup", cgroup);
+        m_dir.Write(base + "environ", nulJoined(environ));
+        if (!exe.empty()) {
+            m_dir.Symlink(exe, base + "exe");
         }
-        m_dir.Write("proc/" + std::to_string(pid) + "/comm", comm + "\n");
-        m_dir.Write("proc/" + std::to_string(pid) + "/cmdline", cmdline);
     }
 
     void StopProcess(long pid) { Poco::File(m_dir.Join("proc/" + std::to_string(pid))).remove(true); }
@@ -102,7 +110,7 @@ public:
     void DockerRecord(const std::string& id, const std::string& name, const std::string& image,
                       long pid, bool running)
     {
-        Json::Value doc = FromJson(R"({"Config": {"Labels": {"maintainer": "ops@example.com"}, "ExposedPorts": {"80/tcp": {}}},
+        Json::Value doc = TestSupport::ParseJson(R"({"Config": {"Labels": {"maintainer": "ops@example.com"}, "ExposedPorts": {"80/tcp": {}}},
                                     "NetworkSettings": {"Networks": {"bridge": {}}}})");
         doc["ID"] = id;
         doc["Name"] = name;

@@ -216,7 +216,7 @@ TEST(ContainerRuntime, StateIsFoundWhereContainerdsConfigurationPutsItAndBadDaem
     Json::Value config = OciConfig();
     config["annotations"]["nerdctl/name"] = "plain";
     // containerd whose state directory is set in its configuration file.
-    host.Daemon(910, "containerd", {"containerd", "-c", "/etc/ctd.toml"});
+    host.AddProcess(910, 1, "containerd", {"containerd", "-c", "/etc/ctd.toml"});
     host.Dir().Write("etc/ctd.toml", "version = 2\nstate = \"/srv/ctd-state\"  # moved\n[grpc]\n  state = \"/no\"\n");
     const std::string ctdBundle = "srv/ctd-state/io.containerd.runtime.v2.task/default/" + ctdId;
     host.Dir().Write(ctdBundle + "/config.json", ToJson(config));
@@ -225,7 +225,7 @@ TEST(ContainerRuntime, StateIsFoundWhereContainerdsConfigurationPutsItAndBadDaem
     host.StartProcess(911);
     // What cannot be used: a daemon naming a directory that is not there, a
     // malformed index of Podman's.
-    host.Daemon(930, "dockerd", {"dockerd", "--data-root=/srv/gone"});
+    host.AddProcess(930, 1, "dockerd", {"dockerd", "--data-root=/srv/gone"});
     host.Dir().Write("var/lib/containers/storage/vfs-containers/containers.json", "[{\"id\": ");
 
     ContainerCollector collector(host.Root(), Poco::Logger::has("container_module"));

@@ -151,13 +151,10 @@ TEST(AllowQuarantineE2E, QuarantineAndRestoreRoundTrip)
     policy["content"]["quarantine_certain"] = true;
     const std::string policyFile = E2e::PolicyFile(dir, "policy.json", policy);
 
-    const std::string bin = TestSupport::AgentBinary();
-    std::string out;
-    EXPECT_EQ(1, TestSupport::RunCommand(bin + " scan -q --install-dir " + install + " --policy " + policyFile +
-                                             " --rules " + rules + " --events " + dir.Join("ev") + " " + www + " " +
-                                             shm + " 2>&1",
-                                         &out))
-        << out;
+    const E2e::Outcome scan = E2e::Run({"scan", "-q", "--install-dir", install, "--policy", policyFile, "--rules",
+                                        rules, "--events", dir.Join("ev"), www, shm});
+    EXPECT_EQ(1, scan.code) << scan.err;
+    const std::string& out = scan.err;
     std::map<std::string, Json::Value> events;
     for (const auto& event : TestSupport::ReadEvents(dir.Join("ev"))) {
         events[event["file_info"][0]["file_path"].asString()] = event;
@@ -176,24 +173,25 @@ TEST(AllowQuarantineE2E, QuarantineAndRestoreRoundTrip)
         EXPECT_EQ(TestSupport::ModeOf(store + id), 0600);
         EXPECT_EQ(ReadFile(store + id), o.content);
     }
-    std::string listed;
-    EXPECT_EQ(0, TestSupport::RunCommand(bin + " quarantine list --install-dir " + install, &listed));
+    E2e::Outcome listed = E2e::Run({"quarantine", "list", "--install-dir", install});
+    EXPECT_EQ(0, listed.code) << listed.err;
     for (const auto& o : originals) {
-        EXPECT_NE(listed.find(events[o.path]["quarantine_id"].asString()), std::string::npos) << listed;
-        EXPECT_NE(listed.find(o.path), std::string::npos) << listed;
+        EXPECT_NE(listed.out.find(events[o.path]["quarantine_id"].asString()), std::string::npos) << listed.out;
+        EXPECT_NE(listed.out.find(o.path), std::string::npos) << listed.out;
     }
 
     for (const auto& o : originals) {
-        const std::string restore =
-            bin + " quarantine restore " + events[o.path]["quarantine_id"].asString() + " --install-dir " + install;
+        const std::vector<std::string> restore = {"quarantine", "restore", events[o.path]["quarantine_id"].asString(),
+                                                  "--install-dir", install};
         WriteFile(o.path, "newer\n");
-        std::string refused;
-        EXPECT_EQ(2, TestSupport::RunCommand(restore + " 2>&1", &refused));
-        EXPECT_NE(refused.find("exists"), std::string::npos) << refused;
+        const E2e::Outcome refused = E2e::Run(restore);
+        EXPECT_EQ(2, refused.code);
+        EXPECT_NE(refused.err.find("exists"), std::string::npos) << refused.err;
         EXPECT_EQ(ReadFile(o.path), "newer\n");
         ASSERT_EQ(0, unlink(o.path.c_str()));
 
-        EXPECT_EQ(0, TestSupport::RunCommand(restore + " 2>&1", &out)) << out;
+        const E2e::Outcome restored = E2e::Run(restore);
+        EXPECT_EQ(0, restored.code) << restored.err;
         struct stat st;
         ASSERT_EQ(0, lstat(o.path.c_str(), &st)) << o.path;
         EXPECT_EQ(ReadFile(o.path), o.content);
@@ -203,6 +201,7 @@ TEST(AllowQuarantineE2E, QuarantineAndRestoreRoundTrip)
         EXPECT_EQ(Ns(st.st_atim), Ns(o.times[0]));
         EXPECT_EQ(Ns(st.st_mtim), Ns(o.times[1]));
     }
-    EXPECT_EQ(0, TestSupport::RunCommand(bin + " quarantine list --install-dir " + install + " 2>&1", &listed));
-    EXPECT_NE(listed.find("nothing is quarantined"), std::string::npos) << listed;
+    listed = E2e::Run({"quarantine", "list", "--install-dir", install});
+    EXPECT_EQ(0, listed.code);
+    EXPECT_NE((listed.out + listed.err).find("nothing is quarantined"), std::string::npos) << listed.out << listed.err;
 }

@@ -1,16 +1,20 @@
 // Web roots found by themselves, end to end: a real nginx serving a temp
 // root that no policy names, the real `ardent-agent run`, and a web shell
-// written under that root.
+// written under that root; and a real Apache, whose parent/child layout a
+// fake /proc only imitates.
 
 #include <chrono>
+#include <set>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "RealServer.h"
 #include "E2e.h"
+#include "RealServer.h"
+#include "asset/ProcessTable.h"
+#include "sdk/TimeUtils.h"
 
 namespace {
 
@@ -33,11 +37,12 @@ Json::Value AssetOf(const std::string& install, int pid)
 
 }  // namespace
 
-TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset)
+TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAssets)
 {
     const std::string nginxBin = AssetTest::FindProgram("nginx");
-    if (nginxBin.empty()) {
-        GTEST_SKIP() << "nginx is not installed (scripts/install-deps.sh installs nginx-light)";
+    if (nginxBin.empty() || AssetTest::FindProgram("apache2").empty() ||
+        access("/usr/lib/apache2/modules/mod_mpm_event.so", R_OK) != 0) {
+        GTEST_SKIP() << "nginx and apache2 are needed (scripts/install-deps.sh installs nginx-light and apache2)";
     }
     TempDir dir("asset-e2e");
     E2e::Agent agent(dir);
@@ -58,7 +63,6 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     policy["content"]["monitor_file_change"] = true;
 
     const int port = AssetTest::FreePort();
-    ASSERT_GT(port, 0);
     const std::string n = dir.Join("nginx");
     dir.Write("nginx/nginx.conf",
               AssetTest::NginxMainConf(n, "    server {\n"
@@ -70,8 +74,10 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
                             n + "/output.log"));
     ASSERT_TRUE(WaitFor([&] { return AssetTest::Accepts(port); }, 15000))
         << TestSupport::ReadFile(n + "/output.log") << TestSupport::ReadFile(n + "/error.log");
+    AssetTest::ServerProcess apache;
+    ASSERT_EQ(AssetTest::StartApache(dir, apache), "");
 
-    ASSERT_TRUE(agent.Start(policy, {"--host-root", "/"}));  // where nginx runs
+    ASSERT_TRUE(agent.Start(policy, {"--host-root", "/"}));  // where the servers run
 
     // `ctl status` lists the nginx asset with its root.
     Json::Value asset;
@@ -99,10 +105,41 @@ TEST(AssetE2E, WebShellUnderADiscoveredNginxRootIsReportedAndStatusListsTheAsset
     EXPECT_EQ(event["detect_module"].asString(), "webshell_module");
     EXPECT_EQ(event["file_info"][0]["file_sha256"].asString(), TestSupport::Sha256Sum(shell));
 
-    // Stopping nginx removes its asset at the next round.
-    const int pid = nginx.Pid();
-    nginx.Stop();
-    EXPECT_TRUE(WaitFor([&] { return AssetOf(install, pid).isNull(); }, 30000, 250));
+    // Apache with its web directories; only the parent is a server, not the
+    // children it forks when it is ready.
+    ASSERT_TRUE(WaitFor([&] { return (asset = AssetOf(install, apache.Pid())).isMember("server"); }, 30000, 250));
+    std::set<std::string> dirs;
+    for (const auto& d : asset["webDirs"]) {
+        dirs.insert(d["path"].asString());
+    }
+    const std::string a = dir.Path();
+    EXPECT_EQ(dirs, (std::set<std::string>{a + "/www/main", a + "/www/vhost", a + "/www/media"})) << asset;
+    std::vector<int> children;
+    EXPECT_TRUE(WaitFor([&] {
+        Asset::ProcessTable table("/");
+        table.Load();
+        children.clear();
+        for (const auto& kv : table.Processes()) {
+            if (kv.second.ppid == apache.Pid()) {
+                children.push_back(kv.first);
+            }
+        }
+        return !children.empty();
+    }, 15000));
+    // A round that saw them lists no asset of theirs.
+    const int64_t seen = SDK::TimeUtils::GetCurrentTimestampMS();
+    ASSERT_TRUE(WaitFor([&] { return E2e::Component(install, "asset")["last_discovery_ms"].asInt64() > seen; },
+                        30000, 250));
+    for (const int child : children) {
+        EXPECT_TRUE(AssetOf(install, child).isNull()) << child;
+    }
+
+    // A stopped server's asset goes at the next round.
+    for (AssetTest::ServerProcess* server : {&nginx, &apache}) {
+        const int pid = server->Pid();
+        server->Stop();
+        EXPECT_TRUE(WaitFor([&] { return AssetOf(install, pid).isNull(); }, 30000, 250)) << pid;
+    }
 
     EXPECT_EQ(agent.process.Stop(), 0) << agent.process.Stderr();
 }

@@ -6,7 +6,6 @@
 // own, reached through /proc. Real runtimes are in test_runtimes_e2e.cpp.
 
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -17,8 +16,8 @@
 #include <json/json.h>
 
 #include "FakeHost.h"
-#include "Namespaces.h"
 #include "E2e.h"
+#include "RealServer.h"
 
 namespace {
 
@@ -67,19 +66,32 @@ TEST_F(ContainerE2E, ADockerContainerIsWatchedReportedAndReleasedWhenItStops)
     FakeHost host;
     StartAgent(host.Root(), {"/var/www/html"});
 
+    // Beside it, a pod's container and a bundle that cannot be read.
+    host.StartK8s(HexId(4), "shop-1", "prod", "php", "shop:2", 300);
+    const std::string broken = host.Dir().Write(FakeHost::BundleRel("k8s.io", HexId(5)) + "/config.json", "{");
     const std::string id = HexId(1);
     const std::string bundle = host.StartDocker(id, "/web1", 4242);
     const std::string rootfs = bundle + "/rootfs";
     ASSERT_TRUE(WaitFor([&] { return IsWatched(m_install, rootfs + "/var/www/html"); }, 30000, 100))
         << m_agent.Diagnostics();
 
-    // `ctl status` shows the followed container and its subscriber.
-    const Json::Value container = E2e::Component(m_install, "container");
-    ASSERT_EQ(container["containers"].size(), 1u) << container;
-    const Json::Value& c = container["containers"][0];
-    EXPECT_EQ(c["name"].asString() + " " + c["image"].asString() + " " + c["runtime"].asString(), "web1 nginx:1.25 docker");
+    // `ctl status` shows the followed containers (in id order), their
+    // subscriber and the bundle it could not read.
+    Json::Value container;
+    ASSERT_TRUE(WaitFor([&] {
+        container = E2e::Component(m_install, "container");
+        return container["containers"].size() == 2 && container["problems"].size() == 1;
+    })) << container;
+    const Json::Value& c = container["containers"][1];
+    EXPECT_EQ(c["name"].asString() + " " + c["image"].asString() + " " + c["runtime"].asString() + " " +
+                  c["pid"].asString(),
+              "web1 nginx:1.25 docker 4242");
     EXPECT_EQ(c["rootPath"].asString(), rootfs);
+    EXPECT_EQ(container["containers"][0]["pod"].asString(), "prod/shop-1");
     EXPECT_EQ(container["subscribers"].asInt(), 1);
+    EXPECT_EQ(container["host_root"].asString(), host.Root());
+    EXPECT_GT(container["last_poll_ms"].asInt64(), 0);
+    EXPECT_EQ(container["problems"][0]["path"].asString(), broken);
 
     // A web shell written into the container's web root.
     host.Dir().Write(FakeHost::BundleRel("moby", id) + "/rootfs/var/www/html/x.php", kShell);
@@ -91,13 +103,13 @@ TEST_F(ContainerE2E, ADockerContainerIsWatchedReportedAndReleasedWhenItStops)
     EXPECT_EQ(event["resource_info"]["container_id"].asString(), id);
     EXPECT_EQ(event["resource_info"]["image_id"].asString(), "sha256:" + HexId(99));
 
-    // It stops: its watch goes, and the status no longer lists it.
+    // It stops: its watch goes, and the status lists only the pod's.
     host.StopProcess(4242);
     ASSERT_TRUE(WaitFor(
         [&] {
             Json::Value status = TestSupport::CtlStatus(m_install);
             return status.isObject() && TestSupport::WatchedRoots(status).count(rootfs + "/var/www/html") == 0 &&
-                   status["components"]["container"]["containers"].size() == 0;
+                   status["components"]["container"]["containers"].size() == 1;
         },
         30000, 100))
         << m_agent.Diagnostics();
@@ -123,30 +135,19 @@ TEST_F(ContainerE2E, ARealProcessInItsOwnMountNamespaceIsFollowedThroughProc)
     const std::string webPath = covered.Path() + "/var/www/html";
     const std::string script = "mount -t tmpfs tmpfs '" + covered.Path() + "' && mkdir -p '" +
                                webPath + "' && exec sleep 300";
-    pid_t unsharePid = ContainerTest::SpawnInNamespaces(script);
-    ASSERT_GT(unsharePid, 0);
+    // Stopped with SIGKILL: the namespace's first process ignores a SIGTERM
+    // sent from outside it.
+    AssetTest::ServerProcess ns;
+    ASSERT_TRUE(ns.Start(AssetTest::FindProgram("unshare"),
+                         {"unshare", "--mount", "--pid", "--fork", "--propagation", "private", "sh", "-c", script},
+                         "/dev/null"));
     long pid = 0;
-    auto cleanup = [&] {
-        if (pid > 0) {
-            kill(static_cast<pid_t>(pid), SIGKILL);
-        }
-        if (unsharePid > 0) {
-            kill(unsharePid, SIGKILL);
-            int status = 0;
-            waitpid(unsharePid, &status, 0);
-            unsharePid = -1;
-        }
-    };
-    const bool up = WaitFor([&] {
-        std::ifstream children("/proc/" + std::to_string(unsharePid) + "/task/" +
-                               std::to_string(unsharePid) + "/children");
+    ASSERT_TRUE(WaitFor([&] {
+        std::ifstream children("/proc/" + std::to_string(ns.Pid()) + "/task/" + std::to_string(ns.Pid()) +
+                               "/children");
         children >> pid;
         return pid > 0 && TestSupport::FileExists("/proc/" + std::to_string(pid) + "/root" + webPath);
-    });
-    if (!up) {
-        cleanup();
-        FAIL() << "the namespaced process did not come up";
-    }
+    })) << "the namespaced process did not come up";
 
     Json::Value config = ContainerTest::OciConfig("");
     config["annotations"]["nerdctl/name"] = "ns-web";
@@ -156,23 +157,15 @@ TEST_F(ContainerE2E, ARealProcessInItsOwnMountNamespaceIsFollowedThroughProc)
     const std::string procRoot = host.Path("proc/" + std::to_string(pid) + "/root");
 
     StartAgent(host.Root(), {"/var/www/html", webPath});
-    if (!HasFatalFailure()) {
-        const bool watched =
-            WaitFor([&] { return IsWatched(m_install, procRoot + webPath); }, 30000, 100);
-        EXPECT_TRUE(watched) << m_agent.Diagnostics();
-        if (watched) {
-            // Written through /proc/PID/root into the namespace's tmpfs: the
-            // host path of the same name stays empty.
-            std::ofstream(procRoot + webPath + "/x.php") << kShell;
-            EXPECT_FALSE(TestSupport::FileExists(webPath + "/x.php"));
-            EXPECT_TRUE(WaitFor(
-                [&] { return !ContainerEvents(m_events, "ns-web", webPath + "/x.php").empty(); },
-                10000))
-                << m_agent.Diagnostics();
-        }
-    }
-    cleanup();
-    if (m_agent.process.Running()) {
-        EXPECT_EQ(0, m_agent.process.Stop(15, 20000)) << m_agent.process.Stderr();
-    }
+    ASSERT_FALSE(HasFatalFailure());
+    ASSERT_TRUE(WaitFor([&] { return IsWatched(m_install, procRoot + webPath); }, 30000, 100))
+        << m_agent.Diagnostics();
+    // Written through /proc/PID/root into the namespace's tmpfs: the host
+    // path of the same name stays empty.
+    std::ofstream(procRoot + webPath + "/x.php") << kShell;
+    EXPECT_FALSE(TestSupport::FileExists(webPath + "/x.php"));
+    EXPECT_TRUE(WaitFor([&] { return !ContainerEvents(m_events, "ns-web", webPath + "/x.php").empty(); }, 10000))
+        << m_agent.Diagnostics();
+    ns.Stop(SIGKILL);
+    EXPECT_EQ(0, m_agent.process.Stop(15, 20000)) << m_agent.process.Stderr();
 }

@@ -12,8 +12,6 @@
 // own error text.
 
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -27,6 +25,7 @@
 #include <json/json.h>
 
 #include "E2e.h"
+#include "RealServer.h"
 
 namespace {
 
@@ -57,36 +56,6 @@ bool ShellAll(const std::vector<std::string>& commands, std::string& out)
     }
     return Shell(script + "test $rc = 0; }", &out) == 0;
 }
-
-// A daemon the test started, stopped by its pid: SIGTERM, then SIGKILL.
-class Daemon {
-public:
-    Daemon(const std::string& command, const std::string& log)
-    {
-        const std::string script = "exec " + command + " >'" + log + "' 2>&1";
-        const char* argv[] = {"sh", "-c", script.c_str(), nullptr};
-        if (posix_spawnp(&m_pid, "sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) {
-            m_pid = -1;
-        }
-    }
-    ~Daemon() { Stop(SIGTERM); }
-    bool Running() const { return m_pid > 0 && waitpid(m_pid, nullptr, WNOHANG) == 0; }
-    void Stop(int sig)
-    {
-        if (m_pid <= 0) {
-            return;
-        }
-        kill(m_pid, sig);
-        if (!WaitFor([&] { return waitpid(m_pid, nullptr, WNOHANG) != 0; }, 15000)) {
-            kill(m_pid, SIGKILL);
-            waitpid(m_pid, nullptr, 0);
-        }
-        m_pid = -1;
-    }
-
-private:
-    pid_t m_pid = -1;
-};
 
 // One runtime as the scenario drives it: shell commands for container NAME.
 struct Runtime {
@@ -143,9 +112,10 @@ protected:
                      std::string& why)
     {
         const std::string log = m_dir.Join(name + ".log." + std::to_string(m_daemons.size()));
-        m_daemons.push_back(std::make_unique<Daemon>(command, log));
-        Daemon& d = *m_daemons.back();
-        if (WaitFor([&] { return !d.Running() || Shell(ready) == 0; }, 30000, 50) && d.Running()) {
+        m_daemons.push_back(std::make_unique<AssetTest::ServerProcess>());
+        AssetTest::ServerProcess& d = *m_daemons.back();
+        if (d.Start("/bin/sh", {"sh", "-c", "exec " + command}, log) &&
+            WaitFor([&] { return !d.Running() || Shell(ready) == 0; }, 30000, 50) && d.Running()) {
             return true;
         }
         why = name + " did not start:\n" + Tail(log);
@@ -314,7 +284,7 @@ protected:
 
     TempDir m_dir{"e2e-runtimes"};
     E2e::Agent m_agent{m_dir, {"container", "webshell", "filenotify", "report"}};
-    std::vector<std::unique_ptr<Daemon>> m_daemons;
+    std::vector<std::unique_ptr<AssetTest::ServerProcess>> m_daemons;
     std::vector<std::string> m_cleanup;  // run in reverse order at the end
 };
 

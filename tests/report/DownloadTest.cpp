@@ -105,7 +105,7 @@ TEST(Download, SuccessesReplaceTheTargetWholeAndPrivateAndEveryFailureKeepsIt)
         {server.Url("/big"), Limits(), "larger than the cap"},
         {server.Url("/big-chunked"), Limits(), "larger than the cap"},
         {server.Url("/half"), Limits(), "connection closed after"},
-        {server.Url("/stall"), Limits(1024 * 1024, 1), "timed out after 1 s"},
+        {server.Url("/slow/rules"), Limits(1024 * 1024, 1), "timed out after 1 s"},
         {server.Url("/loop"), Limits(), "redirects"},
         {closed.Url("/rules"), Limits(), "refused"},
         {"http://" + hostPort + "/rules", Limits(1024, 1), "timed out after 1 s"},

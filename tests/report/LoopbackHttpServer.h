@@ -7,7 +7,6 @@
 //   /big           200, Content-Length larger than any cap the tests use
 //   /big-chunked   200, chunked, keeps sending until the client gives up
 //   /half          200, Content-Length N, N/2 bytes, then the connection closes
-//   /stall         200, Content-Length N, N/2 bytes, then nothing until Release()
 //   /redirect/<n>  302 to /ok/<n>
 //   /loop          302 to /loop
 //   /ingest        a receiver of POSTed JSON lines; what it does is set by
@@ -96,11 +95,7 @@ public:
     // Lines of every accepted batch, in order, and the last Authorization header.
     std::vector<std::string> Ingested() { return Locked(m_ingested); }
     std::string Authorization() { return Locked(m_authorization); }
-    int Hits(const std::string& path)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_hits[path];
-    }
+    int Hits(const std::string& path) { return Locked(m_hits)[path]; }
 
     std::string Url(const std::string& path, const std::string& host = "127.0.0.1") const
     {
@@ -113,10 +108,10 @@ public:
         m_bodies[name] = body;
     }
 
-    // True once a /stall or /slow request has sent its first half.
+    // True once a /slow request has sent its first half.
     bool Stalling() const { return m_stalling.load() > 0; }
 
-    // /stall and /slow wait again from now on.
+    // /slow waits again from now on.
     void Hold()
     {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -251,12 +246,9 @@ private:
                 response.setChunkedTransferEncoding(true);
             }
             Stream(response.send(), kBigBody, 'b');
-        } else if (path == "/half" || path == "/stall") {
+        } else if (path == "/half") {
             response.setContentLength64(2 * kHalfBody);
             Stream(response.send(), kHalfBody, 'h');
-            if (path == "/stall") {
-                WaitForRelease();
-            }
             Cut(request);  // the body half sent
         } else {
             response.setStatusAndReason(Status::HTTP_NOT_FOUND);

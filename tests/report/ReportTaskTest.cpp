@@ -139,12 +139,12 @@ TEST(DataCommReportTask, WritesEveryEventAsAJsonLineIncludingThoseQueuedAtStop)
     EXPECT_EQ(Figure(DataCommReportTask::kStatusKey, "written"), 202u);
 }
 
-TEST(FileCommReportTask, DownloadsAndReportsStateOnTheStatusBoard)
+TEST(FileCommReportTask, DownloadsReportTheirStateJoinTheRunningOneAndAStopCutsIt)
 {
     TestEngine env;
     LoopbackHttpServer server;
     server.SetBody("rules", "new rules\n");
-    Registered task(env.engine(), new FileCommReportTask(Config(env)), FileCommReportTask::kUploadsKey);
+    Registered task(env.engine(), new FileCommReportTask(Config(env, 300)), FileCommReportTask::kUploadsKey);
     const std::string target = env.InstallDir() + "data/webshell/webshell.dat";
     TempDir src;
     const std::string local = src.Write("rules.yar", "local rules\n");
@@ -183,19 +183,12 @@ TEST(FileCommReportTask, DownloadsAndReportsStateOnTheStatusBoard)
     Fetch(env, outside, "file://" + local);
     ASSERT_TRUE(Ends(outside, "failed"));
     EXPECT_FALSE(TestSupport::FileExists(outside));
-}
 
-TEST(FileCommReportTask, RequestsForATargetBeingFetchedJoinTheRunningDownloadAndAStopCutsIt)
-{
-    TestEngine env;
-    LoopbackHttpServer server;
+    // Requests for a target being fetched join the running download.
     const std::string body(200 * 1024, 'z');
-    server.SetBody("rules", body);
+    server.SetBody("big", body);
     server.SetBody("v2", "version two\n");
-    Registered task(env.engine(), new FileCommReportTask(Config(env, 300)), FileCommReportTask::kUploadsKey);
-    const std::string target = env.InstallDir() + "data/webshell/webshell.dat";
-    const std::string url = server.Url("/slow/rules");
-
+    const std::string url = server.Url("/slow/big");
     for (int i = 0; i < 3; ++i) {
         Fetch(env, target, url);
     }
@@ -205,10 +198,10 @@ TEST(FileCommReportTask, RequestsForATargetBeingFetchedJoinTheRunningDownloadAnd
     TempDir markers;
     Settle(env, markers);
     EXPECT_EQ(DownloadStatus(target)["state"].asString(), "running");
-    EXPECT_FALSE(TestSupport::FileExists(target));  // nothing half-written at the target
+    EXPECT_EQ(ReadFile(target), "local rules\n");  // nothing half-written at the target
     server.Release();
     ASSERT_TRUE(Ends(target, "done"));
-    EXPECT_EQ(server.Hits("/slow/rules"), 1);
+    EXPECT_EQ(server.Hits("/slow/big"), 1);
     EXPECT_EQ(DownloadStatus(target)["coalesced"].asUInt64(), 3u);
     EXPECT_EQ(ReadFile(target), body);
 
@@ -221,14 +214,14 @@ TEST(FileCommReportTask, RequestsForATargetBeingFetchedJoinTheRunningDownloadAnd
     EXPECT_EQ(server.Hits("/ok/v2"), 0);
     server.Release();
     ASSERT_TRUE(WaitFor([&] { return ReadFile(target) == "version two\n"; }));
-    EXPECT_EQ(server.Hits("/slow/rules"), 2);
+    EXPECT_EQ(server.Hits("/slow/big"), 2);
     EXPECT_EQ(server.Hits("/ok/v2"), 1);
 
     // A stop while a download hangs is prompt, far below the 300 s transfer
     // timeout: the connection is cut, and the target and its directory keep
     // what they held.
     server.Hold();
-    Fetch(env, target, server.Url("/stall"));
+    Fetch(env, target, url);
     ASSERT_TRUE(WaitFor([&] { return server.Stalling(); }, 10000));
     const int64_t begin = SDK::TimeUtils::GetCurrentTimestampMS();
     EXPECT_EQ(task.Stop(), 1);

@@ -1,17 +1,13 @@
 #pragma once
 // Debian's rsyslogd (apt-get install rsyslog) for the delivery tests.
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <string>
 #include <vector>
 
 #include <Poco/Net/DatagramSocket.h>
 #include <Poco/Net/ServerSocket.h>
-#include <Poco/Net/StreamSocket.h>
 
+#include "RealServer.h"
 #include "testsupport/TestSupport.h"
 
 // Debian's rsyslogd in the foreground, listening on loopback (UDP and TCP)
@@ -34,26 +30,10 @@ public:
             "input(type=\"imtcp\" address=\"127.0.0.1\" port=\"" + std::to_string(tcpPort) + "\")\n"
             "template(name=\"t\" type=\"string\" string=\"%pri%|%app-name%|%msgid%|%msg%\\n\")\n"
             "*.* action(type=\"omfile\" file=\"" + m_out + "\" template=\"t\")\n");
-        const std::string pidFile = dir.Join("rsyslog.pid");
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::execl("/usr/sbin/rsyslogd", "rsyslogd", "-n", "-f", conf.c_str(), "-i", pidFile.c_str(),
-                    static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ready = TestSupport::WaitFor([&] {
-            try {
-                Poco::Net::StreamSocket(Poco::Net::SocketAddress("127.0.0.1", tcpPort));
-                return TestSupport::FileExists(socket);
-            } catch (const Poco::Exception&) {
-                return false;
-            }
-        }, 10000, 50);
-    }
-    ~RsyslogServer()
-    {
-        ::kill(m_pid, SIGTERM);
-        ::waitpid(m_pid, nullptr, 0);
+        ready = m_process.Start("/usr/sbin/rsyslogd", {"rsyslogd", "-n", "-f", conf, "-i", dir.Join("rsyslog.pid")},
+                                dir.Join("rsyslogd.out")) &&
+                TestSupport::WaitFor([&] { return AssetTest::Accepts(tcpPort) && TestSupport::FileExists(socket); },
+                                     10000, 50);
     }
     std::vector<std::string> Lines() const { return TestSupport::ReadLines(m_out); }
 
@@ -63,5 +43,5 @@ public:
 
 private:
     std::string m_out;
-    pid_t m_pid = -1;
+    AssetTest::ServerProcess m_process;
 };
