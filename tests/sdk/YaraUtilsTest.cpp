@@ -184,28 +184,6 @@ TEST(YaraUtils, BadOrDamagedRuleFilesLeaveTheGoodOnesInForce)
     EXPECT_TRUE(again.LoadRuleFromFile(good)) << again.LastError();
 }
 
-TEST(YaraUtils, SlowScanTimesOut)
-{
-    TempDir dir("ardent-yara");
-    // Quadratic in the file size: far longer than a second on 64 KiB.
-    const std::string rules = dir.Write("slow.yar", R"(
-rule slow
-{
-    condition:
-        for all i in (0..filesize - 1) : (
-            for all j in (0..filesize - 1) : ( uint8(i) + uint8(j) < 600 )
-        )
-}
-)");
-    const std::string big = dir.Write("big.php", std::string(64 * 1024, 'a'));
-    YaraUtils yara(Record);
-    ASSERT_TRUE(yara.LoadRuleFromFile(rules)) << yara.LastError();
-    Seen seen;
-    EXPECT_FALSE(yara.CheckFile(big, &seen, 1));
-    EXPECT_NE(std::string::npos, yara.LastError().find("timed out")) << yara.LastError();
-    EXPECT_NE(std::string::npos, yara.LastError().find(big));
-}
-
 // One wrapper object per thread, several threads at once.
 TEST(YaraUtils, ObjectsScanConcurrently)
 {
@@ -245,8 +223,9 @@ TEST(YaraUtils, ObjectsScanConcurrently)
 }
 
 // Rules see the path of what they scan and what its content looks like,
-// and public-style rules written against those variables compile.
-TEST(YaraUtils, RulesSeeThePathAndTheSignalsOfTheScannedBuffer)
+// and public-style rules written against those variables compile; a slow
+// scan times out.
+TEST(YaraUtils, RulesSeeThePathAndTheSignalsOfTheScannedBufferAndSlowScansTimeOut)
 {
     TempDir dir("ardent-yara");
     const std::string rules = dir.Write("vars.yar", R"(
@@ -297,4 +276,20 @@ rule layer_two { condition: layer_depth == 2 }
     Seen seen;
     ASSERT_TRUE(yara.CheckBuffer(layer.data(), layer.size(), &seen, 5, context)) << yara.LastError();
     EXPECT_EQ(seen.rules, (std::vector<std::string>{"layer_two"}));
+
+    // A slow rule times out, naming the file. Quadratic in the file size:
+    // far longer than a second on 64 KiB.
+    ASSERT_TRUE(yara.LoadRuleFromFile(dir.Write("slow.yar", R"(
+rule slow
+{
+    condition:
+        for all i in (0..filesize - 1) : (
+            for all j in (0..filesize - 1) : ( uint8(i) + uint8(j) < 600 )
+        )
+}
+)"))) << yara.LastError();
+    const std::string big = dir.Write("big.php", std::string(64 * 1024, 'a'));
+    EXPECT_FALSE(yara.CheckFile(big, &seen, 1));
+    EXPECT_NE(std::string::npos, yara.LastError().find("timed out")) << yara.LastError();
+    EXPECT_NE(std::string::npos, yara.LastError().find(big));
 }

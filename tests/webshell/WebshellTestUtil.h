@@ -3,6 +3,7 @@
 // tasks standing in for the agent's services, rule libraries, policy
 // documents, and the one fixture for a task under test.
 
+#include <algorithm>
 #include <list>
 #include <map>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "filenotify/FileNotifyMessage.h"
 #include "testsupport/TestSupport.h"
 #include "webshell/DetectWebshellPolicy.h"
+#include "webshell/ScanWebshellTask.h"
 
 namespace WebshellTest {
 
@@ -55,6 +57,13 @@ public:
     {
         Barrier(service);
         return Capture(service).MessagesOf<T>();
+    }
+    // How many of those `pred` holds for.
+    template <typename T, typename Pred>
+    size_t CountSent(const std::string& service, Pred pred)
+    {
+        const auto sent = Sent<T>(service);
+        return static_cast<size_t>(std::count_if(sent.begin(), sent.end(), [&](auto& m) { return pred(*m); }));
     }
     void ClearCaptures();
 
@@ -95,6 +104,10 @@ struct PolicyDoc {
 
 // A parsed policy (the caller holds the reference).
 Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc);
+
+// A once-scan task on `policy`, initialised; un-initialised when the last
+// reference goes.
+std::shared_ptr<Engine::OnceScanWebshellTask> StartOnce(Engine::DetectWebshellPolicy* policy);
 
 // Rules used across the tests. Marks are plain strings a test writes into
 // files; rule order matters (the first matching rule wins).
