@@ -1,10 +1,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -182,44 +180,6 @@ TEST(YaraUtils, BadOrDamagedRuleFilesLeaveTheGoodOnesInForce)
     EXPECT_NE(std::string::npos, again.LastError().find("failed its check before")) << again.LastError();
     EXPECT_TRUE(again.LoadRuleFromFile(compiled)) << again.LastError();
     EXPECT_TRUE(again.LoadRuleFromFile(good)) << again.LastError();
-}
-
-// One wrapper object per thread, several threads at once.
-TEST(YaraUtils, ObjectsScanConcurrently)
-{
-    TempDir dir("ardent-yara");
-    const std::string source = dir.Write("rules.yar", kRules);
-    std::vector<std::string> files;
-    for (int i = 0; i < 40; ++i) {
-        files.push_back(dir.Write("www/f" + std::to_string(i) + ".php",
-                                  i % 4 == 0 ? "<?php eval($_POST['x']);" : "<?php echo 1;"));
-    }
-    std::atomic<int> matches{0};
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            YaraUtils yara(Record);
-            if (!yara.LoadRuleFromFile(source)) {
-                ++failures;
-                return;
-            }
-            for (int round = 0; round < 5; ++round) {
-                for (const std::string& f : files) {
-                    Seen seen;
-                    if (!yara.CheckFile(f, &seen, 5)) {
-                        ++failures;
-                    }
-                    matches += static_cast<int>(seen.rules.size());
-                }
-            }
-        });
-    }
-    for (auto& t : threads) {
-        t.join();
-    }
-    EXPECT_EQ(0, failures.load());
-    EXPECT_EQ(4 * 5 * 10, matches.load());
 }
 
 // Rules see the path of what they scan and what its content looks like,
