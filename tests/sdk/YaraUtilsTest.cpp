@@ -77,7 +77,7 @@ int Record(void* context, int message, void* messageData, void* userData)
 
 }  // namespace
 
-TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
+TEST(YaraUtils, LoadsSourceAndCompiledRulesScansFilesAndKeepsGoodRulesOverBadOnes)
 {
     TempDir dir("ardent-yara");
     const std::string shell = dir.Write("www/shell.php", "<?php eval($_POST['c']); ?>");
@@ -85,8 +85,9 @@ TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
     const std::string both = dir.Write("www/both.php",
                                        "eval($_POST[1]); Runtime.getRuntime().exec(x)");
 
-    for (const std::string& rules :
-         {dir.Write("rules.yar", kRules), TestSupport::WriteRules(dir, "compiled.yarc", kRules, true)}) {
+    const std::string good = dir.Write("good.yar", kRules);
+    const std::string compiled = TestSupport::WriteRules(dir, "compiled.yarc", kRules, true);
+    for (const std::string& rules : {good, compiled}) {
         SCOPED_TRACE(rules);
         YaraUtils yara(Record);
         EXPECT_FALSE(yara.HasRules());
@@ -121,13 +122,8 @@ TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
         yara.CleanUsedRules();
         EXPECT_FALSE(yara.CheckFile(shell, &seen, 5)) << "no rules loaded";
     }
-}
 
-TEST(YaraUtils, BadOrDamagedRuleFilesLeaveTheGoodOnesInForce)
-{
-    TempDir dir("ardent-yara");
-    const std::string good = dir.Write("good.yar", kRules);
-    const std::string compiled = TestSupport::WriteRules(dir, "compiled.yarc", kRules, true);
+    // Bad or damaged rule files leave the good ones in force.
     const std::string syntax = dir.Write("broken.yar", "rule ok { condition: true }\n\nrule broken {\n  condition: true or or\n}\n");
     const std::string original = TestSupport::ReadFile(compiled);
     const std::string truncated = dir.Write("truncated.yarc", original.substr(0, original.size() / 2));
