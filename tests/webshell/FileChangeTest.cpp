@@ -16,9 +16,7 @@ using namespace WebshellTest;
 
 namespace {
 
-// Policy paths as a container sees them; chosen so that they do not exist
-// on the machine running the tests.
-const std::string kHtml = "/ardent-test-www/html";
+// A second container path beside kHtml.
 const std::string kApp = "/ardent-test-srv/app";
 
 const uint32_t kInCreate = 0x100;

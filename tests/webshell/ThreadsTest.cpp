@@ -21,12 +21,6 @@
 
 using namespace WebshellTest;
 
-namespace {
-
-const std::string kHtml = "/ardent-test-www/html";
-
-}  // namespace
-
 TEST(WebshellThreads, PassesNotificationsContainerEventsAndModuleShutdownRunTogether)
 {
     Env env;

@@ -32,6 +32,10 @@ inline const char* const kFileNotify = "filenotify_task";
 inline const char* const kMsgSync = "msg_sync_task";
 inline const char* const kContainerCollect = "container_collect_task";
 
+// A web root as a container sees it; chosen so that it does not exist on the
+// machine running the tests.
+inline const std::string kHtml = "/ardent-test-www/html";
+
 // A real engine whose install dir is a temp tree, with capture tasks
 // registered under the service names.
 class Env {
