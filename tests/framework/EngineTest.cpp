@@ -12,26 +12,15 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include "../e2e/E2e.h"
 #include "framework/Engine.h"
 #include "framework/Topics.h"
-#include "testsupport/TestSupport.h"
 
-using TestSupport::TempDir;
 using TestSupport::WaitFor;
 
 namespace {
 
 const char* const kPolicy = R"({"feature_name":"test_feature","hash":"h1","content":{}})";
-
-std::string Log(const std::string& install)
-{
-    return TestSupport::ReadFile(install + "log/agent.log");
-}
-
-bool LogHas(const std::string& install, const std::string& text, int timeoutMs = 10000)
-{
-    return WaitFor([&] { return Log(install).find(text) != std::string::npos; }, timeoutMs);
-}
 
 // One request on the control socket; the reply.
 std::string Request(const std::string& socketPath, const std::string& bytes)
@@ -67,8 +56,9 @@ size_t ProcFigure(pid_t pid, const std::string& what)
     return at == std::string::npos ? 0 : std::stoul(status.substr(at + what.size() + 1));
 }
 
-// A module whose policy callback (id 20001) registers a scheduled task and
-// gives it a schedule through the policy.
+// A module whose policy callback (id 20001) registers a scheduled task. (A
+// schedule reaching a task through the policy is the end-to-end policy
+// test's: the periodic pass follows it.)
 class PolicyModule : public Framework::Module {
 public:
     PolicyModule() : Framework::Module("policy_module") {}
@@ -79,13 +69,8 @@ public:
     }
     Framework::Policy* OnPolicy(const std::string& feature, const std::string&, Framework::Policy*& current)
     {
-        struct Schedule : Framework::FeaturePolicy {
-            explicit Schedule(const std::string& name) : Framework::FeaturePolicy(name)
-            {
-                auto* schedule = new Framework::TaskPolicy("test_scheduled_task");
-                schedule->ParseCondition(R"({"type":"interval","interval_s":1,"delay_s":0})");
-                Add(schedule);
-            }
+        struct Plain : Framework::FeaturePolicy {
+            using Framework::FeaturePolicy::FeaturePolicy;
             bool Parse(const std::string&) override { return true; }
         };
         struct Scheduled : Framework::Task {
@@ -101,7 +86,7 @@ public:
             m_scheduled = new Scheduled();
             RegisterTask(m_scheduled.get(), false);
         }
-        return new Schedule(feature);
+        return new Plain(feature);
     }
 
 private:
@@ -110,7 +95,7 @@ private:
 
 }  // namespace
 
-TEST(Engine, LoadsModulesSkipsFilesWithoutEntryPointAndAppliesPolicies)
+TEST(Engine, LoadsModulesSkipsFilesWithoutEntryPointAppliesPoliciesAndRunsTasklets)
 {
     TestSupport::TestEngine env({"report"});
     auto& engine = env.engine();
@@ -141,12 +126,6 @@ TEST(Engine, LoadsModulesSkipsFilesWithoutEntryPointAndAppliesPolicies)
     env.Dir().Write("install/policy/20001.json", R"({"feature_name":"test_feature","hash":"h2","content":{}})");
     EXPECT_EQ(engine.ApplyPolicyDirectory(false), 1);
 
-    // The dispatch gave every task of the feature the policy and the schedule.
-    auto* scheduled = engine.FindTask("test_scheduled_task");
-    ASSERT_NE(scheduled, nullptr);
-    EXPECT_NE(scheduled->GetFeaturePolicy(), nullptr);
-    EXPECT_TRUE(scheduled->GetCondition().HasSchedule());
-
     // An unknown id is refused. (A rejected document keeping the policy in
     // force is the end-to-end policy test's.)
     std::string error;
@@ -163,17 +142,8 @@ TEST(Engine, LoadsModulesSkipsFilesWithoutEntryPointAndAppliesPolicies)
     EXPECT_EQ(log.Count("20002.json", Poco::Message::PRIO_ERROR), 1u);
     Framework::Topics::Unsubscribe(Framework::kPolicyAppliedTopic, Framework::MailboxRef(applied));
 
-    engine.UnloadModules();
-    EXPECT_EQ(engine.FindTask("test_scheduled_task"), nullptr);
-    EXPECT_TRUE(engine.GetModuleNames().empty());
-}
-
-TEST(Engine, LongTaskletRunsOnceAtATime)
-{
-    TestSupport::TestEngine env({"none"});
-    auto& engine = env.engine();
-    // An on-demand task of the module: no thread, its messages are handled
-    // before the tasklet runs.
+    // A long tasklet runs once at a time. The module's on-demand task has no
+    // thread: its messages are handled before the tasklet runs.
     class Idle : public Framework::Task {
     public:
         Idle() : Framework::Task("idle", "test_feature", Framework::TaskCondition::TASK_TYPE_ONDEMAND, 8) {}
@@ -221,6 +191,10 @@ TEST(Engine, LongTaskletRunsOnceAtATime)
     EXPECT_EQ(engine.InvokeTasklet("slow", "", true, rc), Framework::Engine::TASKLET_DONE);
     EXPECT_EQ(rc, 7);
     EXPECT_EQ(module->started.load(), 2);
+
+    engine.UnloadModules();
+    EXPECT_EQ(engine.FindTask("test_scheduled_task"), nullptr);
+    EXPECT_TRUE(engine.GetModuleNames().empty());
 }
 
 // Loading modules, applying policies, `ctl status`, `ctl scan-now` and the
@@ -228,19 +202,21 @@ TEST(Engine, LongTaskletRunsOnceAtATime)
 // must withstand is here.
 TEST(Agent, ControlSocketIsPrivateRefusesStrangersAndOutlivesItsClients)
 {
-    TempDir dir("ardent-agent-e2e");
-    const std::string install = TestSupport::MakeInstallTree(dir, {"none"});
-    TestSupport::AgentProcess agent;
-    ASSERT_TRUE(agent.Start({"run", "--install-dir", install}));
-    ASSERT_TRUE(WaitFor([&] { return TestSupport::CtlStatus(install)["ok"].asBool(); }, 10000)) << Log(install);
-    std::string reply;
+    TestSupport::TempDir dir("ardent-agent-e2e");
+    E2e::Agent agent(dir, {"none"});
+    const std::string& install = agent.install;
+    ASSERT_TRUE(agent.Start(Json::Value()));
+    ASSERT_TRUE(WaitFor([&] { return agent.Status()["ok"].asBool(); }, 10000)) << agent.Log();
+    const auto logHas = [&](const std::string& text) {
+        return WaitFor([&] { return agent.Log().find(text) != std::string::npos; }, 10000);
+    };
 
     // Garbage gets an error reply; another user is refused; the agent lives on.
     const std::string sock = install + "run/agent.sock";
     struct stat st;
     ASSERT_EQ(stat(sock.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-    reply = Request(sock, std::string("\x01\x02garbage\xff\n", 12));
+    std::string reply = Request(sock, std::string("\x01\x02garbage\xff\n", 12));
     EXPECT_NE(reply.find("\"ok\":false"), std::string::npos) << reply;
     EXPECT_NE(reply.find("unknown request"), std::string::npos) << reply;
     // Let the other user reach the peer check itself.
@@ -253,30 +229,29 @@ TEST(Agent, ControlSocketIsPrivateRefusesStrangersAndOutlivesItsClients)
                                     TestSupport::AgentBinary() + " ctl status --install-dir " + install,
                                 &reply);
         EXPECT_NE(reply.find("permission denied"), std::string::npos) << reply;
-        EXPECT_TRUE(LogHas(install, "Control socket: refused a peer of uid"));
+        EXPECT_TRUE(logHas("Control socket: refused a peer of uid"));
     }
 
     // Served requests leave nothing behind: threads are joined as they end,
     // so neither the thread count nor the mappings (their stacks) grow.
-    const size_t threads = ProcFigure(agent.Pid(), "Threads");
-    const size_t maps = ProcFigure(agent.Pid(), "maps");
+    const size_t threads = ProcFigure(agent.process.Pid(), "Threads");
+    const size_t maps = ProcFigure(agent.process.Pid(), "maps");
     for (int i = 0; i < 2000; ++i) {
         ASSERT_NE(Request(sock, "status\n").find("\"ok\":true"), std::string::npos) << i;
     }
-    EXPECT_TRUE(WaitFor([&] { return ProcFigure(agent.Pid(), "Threads") <= threads; }));
-    EXPECT_LT(ProcFigure(agent.Pid(), "maps"), maps + 100);
+    EXPECT_TRUE(WaitFor([&] { return ProcFigure(agent.process.Pid(), "Threads") <= threads; }));
+    EXPECT_LT(ProcFigure(agent.process.Pid(), "maps"), maps + 100);
 
     // A second agent on the same install dir is refused the socket, not crashed.
     TestSupport::AgentProcess second;
     ASSERT_TRUE(second.Start({"run", "--install-dir", install}));
-    EXPECT_TRUE(LogHas(install, "another agent already listens"));
+    EXPECT_TRUE(logHas("another agent already listens"));
     EXPECT_EQ(second.Stop(SIGTERM), 0);
 
-    EXPECT_EQ(agent.Stop(SIGTERM, 20000), 0);
+    EXPECT_EQ(agent.process.Stop(SIGTERM, 20000), 0);
 
     // A limit out of range is refused with exit 2 and says which option.
-    TestSupport::AgentProcess bad;
-    ASSERT_TRUE(bad.Start({"run", "--cpu-limit", "250", "--install-dir", install}));
-    EXPECT_EQ(bad.Wait(), 2);
-    EXPECT_NE(bad.Stderr().find("--cpu-limit"), std::string::npos);
+    const E2e::Outcome bad = E2e::Run({"run", "--cpu-limit", "250", "--install-dir", install});
+    EXPECT_EQ(bad.code, 2);
+    EXPECT_NE(bad.err.find("--cpu-limit"), std::string::npos);
 }

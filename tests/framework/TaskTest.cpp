@@ -99,7 +99,7 @@ TaskCondition Every(int intervalS)
 
 }  // namespace
 
-TEST(Task, EachTypeRunsAsItsTypeSays)
+TEST(Task, EachTypeRunsAsItsTypeSaysAndAReplacedPolicyOutlivesItsReaders)
 {
     TestSupport::TestEngine env;
     auto& engine = env.engine();
@@ -147,9 +147,47 @@ TEST(Task, EachTypeRunsAsItsTypeSays)
     EXPECT_EQ(held->NextFireMs(), -1);
     EXPECT_EQ(engine.UnRegisterTask("held"), 1);
     EXPECT_EQ(held->runs.load(), 0);
+
+    // A policy replaced under a running task stays alive while it reads it.
+    std::atomic<int> destroyed{0};
+    std::atomic<long> reads{0};
+    class Reader : public Framework::Task {
+    public:
+        explicit Reader(std::atomic<long>* reads)
+            : Framework::Task("reader", "test_feature", TaskCondition::TASK_TYPE_RESIDENT, 64), m_reads(reads) {}
+        int Run() override
+        {
+            while (!IsCancelling()) {
+                if (auto* p = dynamic_cast<NamedPolicy*>(GetFeaturePolicy())) {
+                    // Hold the raw pointer across several reads, as a scan does.
+                    size_t sum = 0;
+                    for (int i = 0; i < 50; ++i) {
+                        sum += p->payload.size() + p->GetName().size();
+                    }
+                    if (sum > 0) {
+                        ++*m_reads;
+                    }
+                }
+                GetEventWaiter().WaitAndHandleEvent(0, 4);
+            }
+            return 0;
+        }
+        std::atomic<long>* m_reads;
+    };
+    Poco::AutoPtr<Reader> reader(new Reader(&reads));
+    ASSERT_EQ(env.engine().RegisterTask(reader.get(), nullptr), 0);
+    const int kPolicies = 300;
+    for (int i = 0; i < kPolicies; ++i) {
+        Poco::AutoPtr<NamedPolicy> policy(new NamedPolicy("test_feature", &destroyed));
+        policy->Dispatch(nullptr);  // the engine's reference goes with `policy`
+    }
+    EXPECT_TRUE(WaitFor([&] { return reads.load() > 100; }));
+    env.engine().UnRegisterTask("reader");
+    reader.reset();
+    EXPECT_EQ(destroyed.load(), kPolicies) << "every policy is freed once nobody holds it";
 }
 
-TEST(Mailbox, MessagesAreHandledAtMostMaxAtATimeAndUndeliverableOnesFreedCountedAndWarnedAbout)
+TEST(Mailbox, MessagesAreHandledAtMostMaxAtATimeUndeliverableOnesFreedCountedAndWarnedAboutNoneLost)
 {
     std::atomic<int> destroyed{0};
     std::atomic<int> handled{0};
@@ -196,6 +234,29 @@ TEST(Mailbox, MessagesAreHandledAtMostMaxAtATimeAndUndeliverableOnesFreedCounted
     EXPECT_FALSE(handle.Empty());
     EXPECT_FALSE(handle.Post(std::make_shared<ProbeMessage>(&destroyed, &handled)));
     EXPECT_EQ(destroyed.load(), 4);
+
+    // Many producers, one consumer: nothing lost.
+    Poco::AutoPtr<TestSupport::CaptureTask> sink(new TestSupport::CaptureTask("sink", 1024));
+    ASSERT_EQ(env.engine().RegisterTask(sink.get(), nullptr), 0);
+    const int kThreads = 4;
+    const int kEach = 2000;
+    std::vector<std::thread> producers;
+    for (int t = 0; t < kThreads; ++t) {
+        producers.emplace_back([&] {
+            for (int i = 0; i < kEach; ++i) {
+                // Retry on a full queue, as a service would.
+                while (!env.engine().SendDirectMsg("sink", new Framework::Message("m"))) {
+                    std::this_thread::yield();
+                }
+            }
+        });
+    }
+    for (auto& p : producers) {
+        p.join();
+    }
+    EXPECT_TRUE(sink->WaitForCount(kThreads * kEach, 30000));
+    EXPECT_EQ(sink->Count(), static_cast<size_t>(kThreads * kEach));
+    env.engine().UnRegisterTask("sink");
 }
 
 TEST(Mailbox, ConsumerTablesAndTopicsHoldHandles)
@@ -232,71 +293,4 @@ TEST(Mailbox, ConsumerTablesAndTopicsHoldHandles)
     EXPECT_EQ(a->QueueDepth(), 2u);
     Framework::Topics::Unsubscribe(topic, a->GetMailbox());
     EXPECT_EQ(Framework::Topics::Post(topic, std::make_shared<Framework::Message>("m")), 0);
-}
-
-TEST(Task, ManyProducersOneConsumerLoseNothing)
-{
-    TestSupport::TestEngine env;
-    Poco::AutoPtr<TestSupport::CaptureTask> sink(new TestSupport::CaptureTask("sink", 1024));
-    ASSERT_EQ(env.engine().RegisterTask(sink.get(), nullptr), 0);
-    const int kThreads = 4;
-    const int kEach = 2000;
-    std::vector<std::thread> producers;
-    for (int t = 0; t < kThreads; ++t) {
-        producers.emplace_back([&] {
-            for (int i = 0; i < kEach; ++i) {
-                // Retry on a full queue, as a service would.
-                while (!env.engine().SendDirectMsg("sink", new Framework::Message("m"))) {
-                    std::this_thread::yield();
-                }
-            }
-        });
-    }
-    for (auto& p : producers) {
-        p.join();
-    }
-    EXPECT_TRUE(sink->WaitForCount(kThreads * kEach, 30000));
-    EXPECT_EQ(sink->Count(), static_cast<size_t>(kThreads * kEach));
-    env.engine().UnRegisterTask("sink");
-}
-
-TEST(Task, ReplacedPolicyStaysAliveWhileTheTaskReadsIt)
-{
-    TestSupport::TestEngine env;
-    std::atomic<int> destroyed{0};
-    std::atomic<long> reads{0};
-    class Reader : public Framework::Task {
-    public:
-        explicit Reader(std::atomic<long>* reads)
-            : Framework::Task("reader", "test_feature", TaskCondition::TASK_TYPE_RESIDENT, 64), m_reads(reads) {}
-        int Run() override
-        {
-            while (!IsCancelling()) {
-                if (auto* p = dynamic_cast<NamedPolicy*>(GetFeaturePolicy())) {
-                    // Hold the raw pointer across several reads, as a scan does.
-                    size_t sum = 0;
-                    for (int i = 0; i < 50; ++i) {
-                        sum += p->payload.size() + p->GetName().size();
-                    }
-                    if (sum > 0) {
-                        ++*m_reads;
-                    }
-                }
-                GetEventWaiter().WaitAndHandleEvent(0, 4);
-            }
-            return 0;
-        }
-        std::atomic<long>* m_reads;
-    };
-    Poco::AutoPtr<Reader> reader(new Reader(&reads));
-    ASSERT_EQ(env.engine().RegisterTask(reader.get(), nullptr), 0);
-    const int kPolicies = 300;
-    for (int i = 0; i < kPolicies; ++i) {
-        Poco::AutoPtr<NamedPolicy> policy(new NamedPolicy("test_feature", &destroyed));
-        policy->Dispatch(nullptr);  // the engine's reference goes with `policy`
-    }
-    EXPECT_TRUE(WaitFor([&] { return reads.load() > 100; }));
-    env.engine().UnRegisterTask("reader");
-    reader.reset();
-    EXPECT_EQ(destroyed.load(), kPolicies) << "every policy is freed once nobody holds it";
 }

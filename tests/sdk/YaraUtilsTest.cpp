@@ -1,10 +1,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -79,7 +77,7 @@ int Record(void* context, int message, void* messageData, void* userData)
 
 }  // namespace
 
-TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
+TEST(YaraUtils, LoadsSourceAndCompiledRulesScansFilesAndKeepsGoodRulesOverBadOnes)
 {
     TempDir dir("ardent-yara");
     const std::string shell = dir.Write("www/shell.php", "<?php eval($_POST['c']); ?>");
@@ -87,8 +85,9 @@ TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
     const std::string both = dir.Write("www/both.php",
                                        "eval($_POST[1]); Runtime.getRuntime().exec(x)");
 
-    for (const std::string& rules :
-         {dir.Write("rules.yar", kRules), TestSupport::WriteRules(dir, "compiled.yarc", kRules, true)}) {
+    const std::string good = dir.Write("good.yar", kRules);
+    const std::string compiled = TestSupport::WriteRules(dir, "compiled.yarc", kRules, true);
+    for (const std::string& rules : {good, compiled}) {
         SCOPED_TRACE(rules);
         YaraUtils yara(Record);
         EXPECT_FALSE(yara.HasRules());
@@ -123,13 +122,8 @@ TEST(YaraUtils, LoadsSourceAndCompiledRulesAndScansFiles)
         yara.CleanUsedRules();
         EXPECT_FALSE(yara.CheckFile(shell, &seen, 5)) << "no rules loaded";
     }
-}
 
-TEST(YaraUtils, BadOrDamagedRuleFilesLeaveTheGoodOnesInForce)
-{
-    TempDir dir("ardent-yara");
-    const std::string good = dir.Write("good.yar", kRules);
-    const std::string compiled = TestSupport::WriteRules(dir, "compiled.yarc", kRules, true);
+    // Bad or damaged rule files leave the good ones in force.
     const std::string syntax = dir.Write("broken.yar", "rule ok { condition: true }\n\nrule broken {\n  condition: true or or\n}\n");
     const std::string original = TestSupport::ReadFile(compiled);
     const std::string truncated = dir.Write("truncated.yarc", original.substr(0, original.size() / 2));
@@ -184,69 +178,10 @@ TEST(YaraUtils, BadOrDamagedRuleFilesLeaveTheGoodOnesInForce)
     EXPECT_TRUE(again.LoadRuleFromFile(good)) << again.LastError();
 }
 
-TEST(YaraUtils, SlowScanTimesOut)
-{
-    TempDir dir("ardent-yara");
-    // Quadratic in the file size: far longer than a second on 64 KiB.
-    const std::string rules = dir.Write("slow.yar", R"(
-rule slow
-{
-    condition:
-        for all i in (0..filesize - 1) : (
-            for all j in (0..filesize - 1) : ( uint8(i) + uint8(j) < 600 )
-        )
-}
-)");
-    const std::string big = dir.Write("big.php", std::string(64 * 1024, 'a'));
-    YaraUtils yara(Record);
-    ASSERT_TRUE(yara.LoadRuleFromFile(rules)) << yara.LastError();
-    Seen seen;
-    EXPECT_FALSE(yara.CheckFile(big, &seen, 1));
-    EXPECT_NE(std::string::npos, yara.LastError().find("timed out")) << yara.LastError();
-    EXPECT_NE(std::string::npos, yara.LastError().find(big));
-}
-
-// One wrapper object per thread, several threads at once.
-TEST(YaraUtils, ObjectsScanConcurrently)
-{
-    TempDir dir("ardent-yara");
-    const std::string source = dir.Write("rules.yar", kRules);
-    std::vector<std::string> files;
-    for (int i = 0; i < 40; ++i) {
-        files.push_back(dir.Write("www/f" + std::to_string(i) + ".php",
-                                  i % 4 == 0 ? "<?php eval($_POST['x']);" : "<?php echo 1;"));
-    }
-    std::atomic<int> matches{0};
-    std::atomic<int> failures{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            YaraUtils yara(Record);
-            if (!yara.LoadRuleFromFile(source)) {
-                ++failures;
-                return;
-            }
-            for (int round = 0; round < 5; ++round) {
-                for (const std::string& f : files) {
-                    Seen seen;
-                    if (!yara.CheckFile(f, &seen, 5)) {
-                        ++failures;
-                    }
-                    matches += static_cast<int>(seen.rules.size());
-                }
-            }
-        });
-    }
-    for (auto& t : threads) {
-        t.join();
-    }
-    EXPECT_EQ(0, failures.load());
-    EXPECT_EQ(4 * 5 * 10, matches.load());
-}
-
 // Rules see the path of what they scan and what its content looks like,
-// and public-style rules written against those variables compile.
-TEST(YaraUtils, RulesSeeThePathAndTheSignalsOfTheScannedBuffer)
+// and public-style rules written against those variables compile; a slow
+// scan times out.
+TEST(YaraUtils, RulesSeeThePathAndTheSignalsOfTheScannedBufferAndSlowScansTimeOut)
 {
     TempDir dir("ardent-yara");
     const std::string rules = dir.Write("vars.yar", R"(
@@ -297,4 +232,20 @@ rule layer_two { condition: layer_depth == 2 }
     Seen seen;
     ASSERT_TRUE(yara.CheckBuffer(layer.data(), layer.size(), &seen, 5, context)) << yara.LastError();
     EXPECT_EQ(seen.rules, (std::vector<std::string>{"layer_two"}));
+
+    // A slow rule times out, naming the file. Quadratic in the file size:
+    // far longer than a second on 64 KiB.
+    ASSERT_TRUE(yara.LoadRuleFromFile(dir.Write("slow.yar", R"(
+rule slow
+{
+    condition:
+        for all i in (0..filesize - 1) : (
+            for all j in (0..filesize - 1) : ( uint8(i) + uint8(j) < 600 )
+        )
+}
+)"))) << yara.LastError();
+    const std::string big = dir.Write("big.php", std::string(64 * 1024, 'a'));
+    EXPECT_FALSE(yara.CheckFile(big, &seen, 1));
+    EXPECT_NE(std::string::npos, yara.LastError().find("timed out")) << yara.LastError();
+    EXPECT_NE(std::string::npos, yara.LastError().find(big));
 }

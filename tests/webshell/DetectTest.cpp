@@ -150,7 +150,7 @@ struct Hidden {
 
 }  // namespace
 
-TEST_F(DetectTest, MarkerHiddenUnderEachEncodingIsReportedWithItsKeyword)
+TEST_F(DetectTest, MarkerHiddenUnderEachEncodingIsReportedWithItsKeywordAndScoresCanMakeCertain)
 {
     const std::string payload = std::string("echo \"") + kMarker + "\";";
     const std::string marker = kMarker;
@@ -213,6 +213,35 @@ TEST_F(DetectTest, MarkerHiddenUnderEachEncodingIsReportedWithItsKeyword)
     }
     EXPECT_EQ(Events(), expected) << log.Dump();
     EXPECT_TRUE(env.UploadPaths().empty());
+
+    // An untagged rule with a score at the setting becomes certain.
+    // Uploaded files are not uploaded again: each round has its own.
+    auto scanRound = [&](const std::string& dir) {
+        std::map<std::string, std::string> paths;
+        for (const char* text : {"ARDENT-SCORE-HIGH", "ARDENT-SCORE-LOW", "ARDENT-SCORE-EXTRA",
+                                 "ARDENT-SCORE-LOW ARDENT-SCORE-HIGH"}) {
+            const std::string path = web.Write(dir + "/" + std::to_string(paths.size()) + ".php", text);
+            task->ScanFromFile(path, Engine::ContainerCacheInfo());
+            paths[text] = path;
+        }
+        return paths;
+    };
+
+    // Off unless set: every scored match is an upload.
+    env.ClearCaptures();
+    scanRound("off");
+    EXPECT_TRUE(Events().empty());
+    EXPECT_EQ(env.UploadPaths().size(), 4u);
+
+    // At 80: the rule scored 80 is certain, also behind an earlier
+    // suspicious match; a deciding tag keeps its meaning whatever the score.
+    env.ClearCaptures();
+    doc.certainMinScore = 80;
+    Scanning();
+    std::map<std::string, std::string> on = scanRound("on");
+    EXPECT_EQ(Events(), (std::map<std::string, std::string>{{on["ARDENT-SCORE-HIGH"], "ARDENT-SCORE-HIGH"},
+                                                           {on["ARDENT-SCORE-LOW ARDENT-SCORE-HIGH"], "ARDENT-SCORE-HIGH"}}));
+    EXPECT_EQ(env.UploadPaths(), (std::set<std::string>{on["ARDENT-SCORE-LOW"], on["ARDENT-SCORE-EXTRA"]}));
 }
 
 TEST_F(DetectTest, HostileInputIsBoundedAndTheFileIsStillScannedAsItIs)
@@ -285,35 +314,4 @@ TEST_F(DetectTest, HostileInputIsBoundedAndTheFileIsStillScannedAsItIs)
     }
     EXPECT_TRUE(Events().empty());
     EXPECT_EQ(env.UploadPaths(), uploads);
-}
-
-TEST_F(DetectTest, UntaggedRuleWithAScoreAtTheSettingBecomesCertain)
-{
-    // Uploaded files are not uploaded again: each round has its own.
-    auto scanRound = [&](const std::string& dir) {
-        std::map<std::string, std::string> paths;
-        for (const char* text : {"ARDENT-SCORE-HIGH", "ARDENT-SCORE-LOW", "ARDENT-SCORE-EXTRA",
-                                 "ARDENT-SCORE-LOW ARDENT-SCORE-HIGH"}) {
-            const std::string path = web.Write(dir + "/" + std::to_string(paths.size()) + ".php", text);
-            task->ScanFromFile(path, Engine::ContainerCacheInfo());
-            paths[text] = path;
-        }
-        return paths;
-    };
-
-    // Off unless set: every scored match is an upload.
-    Scanning();
-    scanRound("off");
-    EXPECT_TRUE(Events().empty());
-    EXPECT_EQ(env.UploadPaths().size(), 4u);
-
-    // At 80: the rule scored 80 is certain, also behind an earlier
-    // suspicious match; a deciding tag keeps its meaning whatever the score.
-    env.ClearCaptures();
-    doc.certainMinScore = 80;
-    Scanning();
-    std::map<std::string, std::string> on = scanRound("on");
-    EXPECT_EQ(Events(), (std::map<std::string, std::string>{{on["ARDENT-SCORE-HIGH"], "ARDENT-SCORE-HIGH"},
-                                                           {on["ARDENT-SCORE-LOW ARDENT-SCORE-HIGH"], "ARDENT-SCORE-HIGH"}}));
-    EXPECT_EQ(env.UploadPaths(), (std::set<std::string>{on["ARDENT-SCORE-LOW"], on["ARDENT-SCORE-EXTRA"]}));
 }

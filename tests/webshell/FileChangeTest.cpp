@@ -16,9 +16,7 @@ using namespace WebshellTest;
 
 namespace {
 
-// Policy paths as a container sees them; chosen so that they do not exist
-// on the machine running the tests.
-const std::string kHtml = "/ardent-test-www/html";
+// A second container path beside kHtml.
 const std::string kApp = "/ardent-test-srv/app";
 
 const uint32_t kInCreate = 0x100;
@@ -156,9 +154,7 @@ TEST_F(FileChangeTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
         return task->GetContainerCache("feed", c);
     }));
 
-    Poco::AutoPtr<Engine::OnceScanWebshellTask> once(new Engine::OnceScanWebshellTask());
-    once->SetFeaturePolicy(policy.get());
-    ASSERT_EQ(once->Init(), 0);
+    const auto once = StartOnce(policy.get());
     once->Run();
 
     auto events = env.Events();
@@ -176,19 +172,12 @@ TEST_F(FileChangeTest, FullPassWalksContainerRootsAfterTheHostWithOneVisitedSet)
     env.ClearCaptures();
     PolicyDoc overlap = doc;
     overlap.defaultPaths = {web.Join("host/www"), html};
-    Poco::AutoPtr<Engine::DetectWebshellPolicy> overlapPolicy = MakePolicy(overlap);
-    Poco::AutoPtr<Engine::OnceScanWebshellTask> third(new Engine::OnceScanWebshellTask());
-    third->SetFeaturePolicy(overlapPolicy.get());
-    ASSERT_EQ(third->Init(), 0);
-    third->Run();
+    StartOnce(MakePolicy(overlap).get())->Run();
     EXPECT_EQ(env.EventPaths(), (std::set<std::string>{hostShell, shell}));
-
     EXPECT_EQ(env.engine().UnRegisterTask("detect_file_change_wehshell_task"), 1);
-    third->UnInit();
-    once->UnInit();
 }
 
-TEST_F(FileChangeTest, WatchesFollowThePolicyOneRequestPerChangeInPathOrder)
+TEST_F(FileChangeTest, WatchesFollowThePolicyInPathOrderAndOddNotificationsAreHandled)
 {
     // No policy, then no root that exists: no request.
     ASSERT_EQ(task->Init(), 0);
@@ -232,16 +221,12 @@ TEST_F(FileChangeTest, WatchesFollowThePolicyOneRequestPerChangeInPathOrder)
     task->RegisterFileMonitorMessage();
     EXPECT_TRUE(env.TakeWatches().empty());
     EXPECT_EQ(task->GetMonitorDirs(), (std::set<std::string>{b, c}));
-}
 
-// Written files are reported end to end; here what the task does with odd
-// notifications.
-TEST_F(FileChangeTest, NotificationsScanChangedFilesAndIgnoreDirectories)
-{
+    // Written files are reported end to end; here what the task does with odd
+    // notifications.
     const std::string www = web.MkDir("www");
     doc.defaultPaths = {www};
     Apply(false);
-    ASSERT_EQ(task->Init(), 0);
 
     // A directory event is not scanned, whatever else is set.
     const std::string dirShell = web.Write("www/sub.php", std::string("<?php ") + kCertainMark);

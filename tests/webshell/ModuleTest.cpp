@@ -1,5 +1,5 @@
 // The module through the real framework: callbacks, policies creating and
-// retargeting the tasks, the user-triggered scan, shutdown; and what the
+// retargeting the tasks, the user-triggered scan; and what the
 // shared library exports (the agent loads it in the end-to-end tests, and
 // from an installed package in the package test).
 
@@ -67,13 +67,10 @@ TEST(WebshellModule, PolicyCreatesRegistersAndRetargetsTasks)
     EXPECT_EQ(env.engine().FindTask(kOnce), nullptr) << "the once task is never registered";
 
     EXPECT_TRUE(TestSupport::WaitFor([&] {
-        for (auto& m : env.Sent<Engine::FileNotifyWatchMessage>(kFileNotify)) {
-            if (m->GetSender() == fileChange->GetMailbox() && m->GetPath() == web.Join("www") &&
-                m->GetOpt().addWatch == 1) {
-                return true;
-            }
-        }
-        return false;
+        return env.CountSent<Engine::FileNotifyWatchMessage>(kFileNotify, [&](auto& m) {
+            return m.GetSender() == fileChange->GetMailbox() && m.GetPath() == web.Join("www") &&
+                   m.GetOpt().addWatch == 1;
+        }) > 0;
     })) << "the file-change task was never initialised";
     // Each subscribes to the asset kinds 0 (HTTP servers) and 4 (Java application servers).
     auto kinds = [&](Framework::Task* task) {
@@ -89,11 +86,8 @@ TEST(WebshellModule, PolicyCreatesRegistersAndRetargetsTasks)
     EXPECT_EQ(kinds(fileChange), (std::vector<unsigned>{0, 4}));
     // Only the file-change task follows containers.
     auto containerSubscriptions = [&](Framework::Task* task, bool subscribe) {
-        size_t n = 0;
-        for (auto& m : env.Sent<Engine::ContainerRegisterMessage>(kContainerCollect)) {
-            n += m->task == task && m->subscribe == subscribe ? 1 : 0;
-        }
-        return n;
+        return env.CountSent<Engine::ContainerRegisterMessage>(
+            kContainerCollect, [&](auto& m) { return m.task == task && m.subscribe == subscribe; });
     };
     EXPECT_EQ(containerSubscriptions(fileChange, true), 1u);
     EXPECT_EQ(containerSubscriptions(autoTask, true), 0u);
@@ -105,11 +99,8 @@ TEST(WebshellModule, PolicyCreatesRegistersAndRetargetsTasks)
     ASSERT_EQ(Apply(env, doc.ToJson()), "");
     EXPECT_EQ(env.engine().FindTask(kFileChange), nullptr);
     EXPECT_EQ(containerSubscriptions(fileChange, false), 1u);
-    size_t assetKinds = 0;
-    for (auto& m : env.Sent<Engine::AssetUnRegisterMessage>(kMsgSync)) {
-        assetKinds += m->task == fileChange ? 1 : 0;
-    }
-    EXPECT_EQ(assetKinds, 2u);
+    EXPECT_EQ(env.CountSent<Engine::AssetUnRegisterMessage>(kMsgSync, [&](auto& m) { return m.task == fileChange; }),
+              2u);
     EXPECT_EQ(module->GetFileChangeTask(), fileChange);
     EXPECT_EQ(env.engine().FindTask(kAuto), autoTask);
 
@@ -121,10 +112,6 @@ TEST(WebshellModule, PolicyCreatesRegistersAndRetargetsTasks)
     auto* newest = dynamic_cast<Engine::DetectWebshellPolicy*>(fileChange->GetFeaturePolicy());
     ASSERT_NE(newest, nullptr);
     EXPECT_EQ(newest->GetMaxFileSize(), 4096);
-
-    env.engine().UnloadModules();
-    EXPECT_EQ(env.engine().FindTask(kAuto), nullptr);
-    EXPECT_EQ(env.engine().FindTask(kFileChange), nullptr);
 }
 
 TEST(WebshellModuleLibrary, SharedLibraryExportsOnlyCreateModule)

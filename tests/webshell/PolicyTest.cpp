@@ -34,8 +34,6 @@ bool Parses(const Json::Value& doc, Poco::AutoPtr<Engine::DetectWebshellPolicy>*
     return ok;
 }
 
-bool ParsesText(const std::string& text) { return Poco::AutoPtr(new Engine::DetectWebshellPolicy("x"))->Parse(text); }
-
 // The text of `doc` with its "PLACEHOLDER" value replaced by JSON text
 // written by hand.
 std::string WithText(const Json::Value& doc, const std::string& json)
@@ -104,7 +102,7 @@ TEST(DetectWebshellPolicy, MissingOrMistypedRequiredKeysRefuseTheDocument)
     };
     // JSON that is not an object (malformed text is the parser's own test).
     for (const std::string text : {"[]", "[1, 2]", "\"detect_webshell\"", "42", "null", "true"}) {
-        EXPECT_FALSE(ParsesText(text)) << text;
+        EXPECT_FALSE(Poco::AutoPtr(new Engine::DetectWebshellPolicy("x"))->Parse(text)) << text;
     }
     for (const auto& [name, edit] : edits) {
         Json::Value doc = ValidDoc();

@@ -27,17 +27,6 @@ namespace {
 
 using ScanTest = TaskFixture<Engine::OnceScanWebshellTask>;
 
-std::vector<std::shared_ptr<Framework::FileMessage>> Downloads(Env& env)
-{
-    std::vector<std::shared_ptr<Framework::FileMessage>> out;
-    for (auto& m : env.Sent<Framework::FileMessage>(kFileReport)) {
-        if (m->GetTaskType() == Framework::FileMessage::DOWNLOAD) {
-            out.push_back(m);
-        }
-    }
-    return out;
-}
-
 std::string Certain(const std::string& prefix = "<?php ") { return prefix + kCertainMark + "\n"; }
 
 std::set<std::string> Keys(const Json::Value& object)
@@ -152,8 +141,9 @@ TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
     env.ClearCaptures();
     EXPECT_FALSE(task->ParsePolicyContent());
     EXPECT_FALSE(task->ParsePolicyContent());
-    auto downloads = Downloads(env);
+    auto downloads = env.Sent<Framework::FileMessage>(kFileReport);
     ASSERT_EQ(downloads.size(), 2u);
+    EXPECT_EQ(downloads[0]->GetTaskType(), Framework::FileMessage::DOWNLOAD);
     EXPECT_EQ(downloads[0]->GetFilePath(), env.LibPath());
     EXPECT_EQ(downloads[0]->GetKind(), doc.libHash);  // installed only with this digest
     EXPECT_EQ(downloads[0]->GetExtra(), doc.libUrl);
@@ -166,7 +156,7 @@ TEST_F(ScanTest, RuleLibraryIsVerifiedDownloadedAndLoadedByVersion)
     Apply();
     EXPECT_TRUE(task->ParsePolicyContent());
     EXPECT_EQ(task->GetLoadedLibVersion(), "1");
-    EXPECT_TRUE(Downloads(env).empty());
+    EXPECT_TRUE(env.Sent<Framework::FileMessage>(kFileReport).empty());
 
     // New content under the same version is not reloaded: the old rules,
     // which know the mark, still find it.
@@ -222,13 +212,19 @@ TEST_F(ScanTest, HostFileEventHasTheKnownKeysAndFiguresAndIsSentOncePerTask)
     events = env.Events();
     ASSERT_EQ(events.size(), 2u);
     EXPECT_NE(events[0]["event_id"].asString(), events[1]["event_id"].asString());
-    Poco::AutoPtr<Engine::OnceScanWebshellTask> other(new Engine::OnceScanWebshellTask());
-    other->SetFeaturePolicy(policy.get());
-    ASSERT_EQ(other->Init(), 0);
+    const auto other = StartOnce(policy.get());
     ASSERT_TRUE(other->ParsePolicyContent());
     other->ScanFromFile(shell, Engine::ContainerCacheInfo());
     EXPECT_EQ(env.Events().size(), 3u);
-    other->UnInit();
+
+    // An event without a key word (a private string) has no file_key_word
+    // (an extra_php tag making an upload is the decoding tests' case).
+    const std::string privateOnly = web.Write("www/private.php", kPrivateMark);
+    task->ScanFromFile(privateOnly, Engine::ContainerCacheInfo());
+    events = env.Events();
+    ASSERT_EQ(events.size(), 4u);
+    EXPECT_EQ(events[3]["file_info"][0]["file_path"].asString(), privateOnly);
+    EXPECT_FALSE(events[3]["file_info"][0].isMember("file_key_word"));
 }
 
 TEST_F(ScanTest, WalkOverAHostileTreeChecksExactlyTheRightFiles)
@@ -299,7 +295,7 @@ TEST_F(ScanTest, WalkOverAHostileTreeChecksExactlyTheRightFiles)
     EXPECT_EQ(pass["roots"][0].asString(), root);
 }
 
-TEST_F(ScanTest, LinkArrangementsEndAndReportEachShellOnce)
+TEST_F(ScanTest, LinkArrangementsEndAndReportEachShellOnceAlsoBeyondFourKilobytePaths)
 {
     TestSupport::TempDir outside("ardent-outside");
     outside.Write("o.php", Certain());
@@ -342,12 +338,7 @@ TEST_F(ScanTest, LinkArrangementsEndAndReportEachShellOnce)
         }
         env.ClearCaptures();
         doc.defaultPaths = {root.Path()};
-        Poco::AutoPtr<Engine::DetectWebshellPolicy> own = MakePolicy(doc);
-        Poco::AutoPtr<Engine::OnceScanWebshellTask> once(new Engine::OnceScanWebshellTask());
-        once->SetFeaturePolicy(own.get());
-        ASSERT_EQ(once->Init(), 0);
-        EXPECT_TRUE(PassEnds(*once)) << "the pass did not end";
-        once->UnInit();
+        EXPECT_TRUE(PassEnds(*StartOnce(MakePolicy(doc).get()))) << "the pass did not end";
 
         std::vector<std::string> reported;
         for (auto& e : env.Events()) {
@@ -362,14 +353,10 @@ TEST_F(ScanTest, LinkArrangementsEndAndReportEachShellOnce)
             EXPECT_EQ(times, 1u) << shell.back() << " reported " << times << " times";
         }
     }
-}
 
-TEST_F(ScanTest, ShellsBeyondFourKilobytePathsAreReported)
-{
     // 45 levels of 100-byte names (a 4.5 KB path, deeper than the walk keeps
     // descriptors open), a shell on every level, and from the bottom a link
     // into another 40 levels outside the root.
-    TestSupport::TempDir outside("ardent-outside");
     std::vector<std::string> outsideShells;
     MakeDeepTree(outside.Path(), "far", 40, outsideShells);
     const std::string far0 = outsideShells.front().substr(0, outsideShells.front().rfind('/'));
@@ -380,6 +367,8 @@ TEST_F(ScanTest, ShellsBeyondFourKilobytePathsAreReported)
     }
     ASSERT_GT(shells.back().size(), 8000u);
 
+    env.ClearCaptures();
+    log.Clear();
     doc.defaultPaths = {web.Join("www")};
     Apply();
     EXPECT_TRUE(PassEnds(*task));
@@ -391,7 +380,7 @@ TEST_F(ScanTest, ShellsBeyondFourKilobytePathsAreReported)
     EXPECT_EQ(log.Texts("", Poco::Message::PRIO_WARNING), std::vector<std::string>{});
 }
 
-TEST_F(ScanTest, SuffixFilterUsesTheLastDotOfTheWholePath)
+TEST_F(ScanTest, SuffixFilterUsesTheLastDotOfTheWholePathAndNoSizeLimitIsZeroOrLess)
 {
     // An empty text lets every file through; ",," gives empty pieces that
     // match only a path ending in a dot.
@@ -418,10 +407,8 @@ TEST_F(ScanTest, SuffixFilterUsesTheLastDotOfTheWholePath)
             EXPECT_FALSE(task->CheckFileType(path)) << c.fileType << " " << path;
         }
     }
-}
 
-TEST_F(ScanTest, SizeLimitOfZeroOrLessMeansNoLimit)
-{
+    // A size limit of zero or less means no limit.
     for (int limit : {0, -1}) {
         env.ClearCaptures();
         const std::string dir = "www" + std::to_string(limit);
@@ -474,17 +461,6 @@ TEST_F(ScanTest, MatchCallbackReadsTagsInOrderAndTheLastMatchedText)
         EXPECT_EQ(r.extraPhp, c.extraPhp) << c.path;
         EXPECT_FALSE(r.extraJsp) << c.path;
     }
-
-    // Through the task: an event without a key word has no file_key_word
-    // (an extra_php tag making an upload is the decoding tests' case).
-    doc.defaultPaths = {web.Join("f")};
-    Apply();
-    ASSERT_TRUE(task->ParsePolicyContent());
-    task->ScanFromFile(privateOnly, Engine::ContainerCacheInfo());
-    const auto events = env.Events();
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0]["file_info"][0]["file_path"].asString(), privateOnly);
-    EXPECT_FALSE(events[0]["file_info"][0].isMember("file_key_word"));
 }
 
 TEST_F(ScanTest, CancellingDuringAWalkStopsAtTheNextEntry)

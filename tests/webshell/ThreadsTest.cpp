@@ -1,7 +1,8 @@
 // The tasks on their own threads at once: the file-change task handling
 // container events and file notifications on its thread while full passes
 // copy its cache from other threads, the policy is replaced under them and
-// the CPU limiter's throttle points are shared. Built for ThreadSanitizer.
+// the CPU limiter's throttle points are shared; then the module shuts down
+// while its tasks are busy. Built for ThreadSanitizer.
 
 #include <atomic>
 #include <set>
@@ -20,18 +21,12 @@
 
 using namespace WebshellTest;
 
-namespace {
-
-const std::string kHtml = "/ardent-test-www/html";
-
-}  // namespace
-
-TEST(WebshellThreads, PassesNotificationsAndContainerEventsRunTogether)
+TEST(WebshellThreads, PassesNotificationsContainerEventsAndModuleShutdownRunTogether)
 {
     Env env;
     TestSupport::TempDir web("ardent-web");
-    for (int d = 0; d < 8; ++d) {
-        for (int f = 0; f < 25; ++f) {
+    for (int d = 0; d < 20; ++d) {
+        for (int f = 0; f < 20; ++f) {
             web.Write("host/www/d" + std::to_string(d) + "/f" + std::to_string(f) + ".php", "<?php echo 1;");
         }
     }
@@ -52,16 +47,11 @@ TEST(WebshellThreads, PassesNotificationsAndContainerEventsRunTogether)
     std::atomic<bool> stop{false};
     std::atomic<int> passes{0};
     std::thread scanner([&] {
-        Poco::AutoPtr<Engine::OnceScanWebshellTask> once(new Engine::OnceScanWebshellTask());
-        once->SetFeaturePolicy(policy.get());
-        if (once->Init() != 0) {
-            return;
-        }
+        const auto once = StartOnce(policy.get());
         while (!stop.load()) {
             once->Run();
             ++passes;
         }
-        once->UnInit();
     });
 
     // Containers come and go while the passes copy the cache.
@@ -119,29 +109,14 @@ TEST(WebshellThreads, PassesNotificationsAndContainerEventsRunTogether)
     // Its UnInit, run by the framework, removed every container watch.
     Engine::ContainerCacheInfo none;
     EXPECT_FALSE(fileChange->GetContainerCache("id-c1", none));
-    size_t removals = 0;
-    for (auto& m : env.Sent<Engine::FileNotifyWatchMessage>(kFileNotify)) {
-        removals += m->GetOpt().removeWatch == 1 && m->GetOpt().extParm != 0 ? 1 : 0;
-    }
-    EXPECT_EQ(removals, 20u) << "7 stopped containers and 13 cleared at UnInit, one web root each";
-}
+    EXPECT_EQ(env.CountSent<Engine::FileNotifyWatchMessage>(
+                  kFileNotify, [](auto& m) { return m.GetOpt().removeWatch == 1 && m.GetOpt().extParm != 0; }),
+              20u)
+        << "7 stopped containers and 13 cleared at UnInit, one web root each";
 
-TEST(WebshellThreads, ModuleShutsDownWhileItsTasksAreBusy)
-{
-    Env env;
-    TestSupport::TempDir web("ardent-web");
-    for (int d = 0; d < 20; ++d) {
-        for (int f = 0; f < 20; ++f) {
-            web.Write("www/d" + std::to_string(d) + "/f" + std::to_string(f) + ".php", "<?php echo 1;");
-        }
-    }
-    PolicyDoc doc;
-    doc.defaultPaths = {web.Join("www")};
-    doc.libHash = env.InstallRules(kTestRules);
-    doc.monitorFileChange = true;
+    // The module shuts down while its tasks are busy.
     doc.intervalS = 1;
     doc.delayS = 0;  // the periodic task starts passing at once
-
     auto* module = new Engine::DetectWebshellModule();
     ASSERT_TRUE(env.engine().AddModule(module));
     std::string error;

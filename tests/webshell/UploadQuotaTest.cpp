@@ -41,7 +41,7 @@ bool Upload(Engine::WebshellFileUploadRecorder& recorder, const std::string& pat
 // The first check opens the period and ignores the quota; then files pass
 // while "count <= quota" (50 admits 51 below, 0 admits 1 end to end, and a
 // negative quota only the first file).
-TEST(WebshellFileUploadRecorder, PeriodRenewsLazilyAfterTwentyFourHours)
+TEST(WebshellFileUploadRecorder, PeriodRenewsLazilyAfterTwentyFourHoursAndRacersStayNearTheQuota)
 {
     FakeClock clock;
     Engine::WebshellFileUploadRecorder negative(clock.Fn());
@@ -76,19 +76,16 @@ TEST(WebshellFileUploadRecorder, PeriodRenewsLazilyAfterTwentyFourHours)
     EXPECT_FALSE(Upload(recorder, "/d"));
     clock.now = second + kDayMs + 1;
     EXPECT_TRUE(Upload(recorder, "/d"));
-}
 
-TEST(WebshellFileUploadRecorder, ConcurrentUploadersStayWithinQuotaPlusRacers)
-{
-    FakeClock clock;
-    Engine::WebshellFileUploadRecorder recorder(clock.Fn());
-    recorder.SetUploadFileCountPerDay(50);
+    // Concurrent uploaders stay within the quota plus the racers.
+    Engine::WebshellFileUploadRecorder shared(clock.Fn());
+    shared.SetUploadFileCountPerDay(50);
     std::atomic<int> admitted{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < 200; ++i) {
-                admitted += Upload(recorder, "/t" + std::to_string(t) + "/" + std::to_string(i)) ? 1 : 0;
+                admitted += Upload(shared, "/t" + std::to_string(t) + "/" + std::to_string(i)) ? 1 : 0;
             }
         });
     }
@@ -98,7 +95,7 @@ TEST(WebshellFileUploadRecorder, ConcurrentUploadersStayWithinQuotaPlusRacers)
     // Check and record are separate calls: racing threads may each pass.
     EXPECT_GE(admitted.load(), 51);
     EXPECT_LE(admitted.load(), 51 + 4);
-    EXPECT_EQ(recorder.GetUploadFileCount(), admitted.load());
+    EXPECT_EQ(shared.GetUploadFileCount(), admitted.load());
 }
 
 // The only test in this binary that uses the process-wide recorder. The
@@ -110,10 +107,7 @@ TEST(WebshellUpload, PathsLongerThan256BytesAreNeverUploadedNorCounted)
     doc.defaultPaths = {env.Dir().MkDir("www")};
     doc.libHash = env.InstallRules(kTestRules);
     doc.uploadPerDay = 10;
-    Poco::AutoPtr<Engine::DetectWebshellPolicy> policy = MakePolicy(doc);
-    Poco::AutoPtr<Engine::OnceScanWebshellTask> task(new Engine::OnceScanWebshellTask());
-    task->SetFeaturePolicy(policy.get());
-    ASSERT_EQ(task->Init(), 0);
+    const auto task = StartOnce(MakePolicy(doc).get());
 
     const std::string tooLong = "/" + std::string(256, 'p');
     const std::string exact = "/" + std::string(255, 'q');
@@ -123,5 +117,4 @@ TEST(WebshellUpload, PathsLongerThan256BytesAreNeverUploadedNorCounted)
     task->SendFileUploadMsg(tooLong);
     EXPECT_EQ(env.UploadPaths(), (std::set<std::string>{exact}));
     EXPECT_EQ(Engine::WebshellFileUploadRecorder::GetInstance().GetUploadFileCount(), 1);
-    task->UnInit();
 }

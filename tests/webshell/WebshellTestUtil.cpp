@@ -160,4 +160,17 @@ Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc)
     return policy;
 }
 
+std::shared_ptr<Engine::OnceScanWebshellTask> StartOnce(Engine::DetectWebshellPolicy* policy)
+{
+    std::shared_ptr<Engine::OnceScanWebshellTask> task(new Engine::OnceScanWebshellTask(), [](auto* t) {
+        t->UnInit();
+        t->release();
+    });
+    task->SetFeaturePolicy(policy);
+    if (task->Init() != 0) {
+        throw std::runtime_error("a once-scan task did not start");
+    }
+    return task;
+}
+
 }  // namespace WebshellTest

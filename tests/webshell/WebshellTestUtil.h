@@ -3,6 +3,7 @@
 // tasks standing in for the agent's services, rule libraries, policy
 // documents, and the one fixture for a task under test.
 
+#include <algorithm>
 #include <list>
 #include <map>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "filenotify/FileNotifyMessage.h"
 #include "testsupport/TestSupport.h"
 #include "webshell/DetectWebshellPolicy.h"
+#include "webshell/ScanWebshellTask.h"
 
 namespace WebshellTest {
 
@@ -29,6 +31,10 @@ inline const char* const kFileReport = "file_comm_report_task";
 inline const char* const kFileNotify = "filenotify_task";
 inline const char* const kMsgSync = "msg_sync_task";
 inline const char* const kContainerCollect = "container_collect_task";
+
+// A web root as a container sees it; chosen so that it does not exist on the
+// machine running the tests.
+inline const std::string kHtml = "/ardent-test-www/html";
 
 // A real engine whose install dir is a temp tree, with capture tasks
 // registered under the service names.
@@ -55,6 +61,13 @@ public:
     {
         Barrier(service);
         return Capture(service).MessagesOf<T>();
+    }
+    // How many of those `pred` holds for.
+    template <typename T, typename Pred>
+    size_t CountSent(const std::string& service, Pred pred)
+    {
+        const auto sent = Sent<T>(service);
+        return static_cast<size_t>(std::count_if(sent.begin(), sent.end(), [&](auto& m) { return pred(*m); }));
     }
     void ClearCaptures();
 
@@ -95,6 +108,10 @@ struct PolicyDoc {
 
 // A parsed policy (the caller holds the reference).
 Poco::AutoPtr<Engine::DetectWebshellPolicy> MakePolicy(const PolicyDoc& doc);
+
+// A once-scan task on `policy`, initialised; un-initialised when the last
+// reference goes.
+std::shared_ptr<Engine::OnceScanWebshellTask> StartOnce(Engine::DetectWebshellPolicy* policy);
 
 // Rules used across the tests. Marks are plain strings a test writes into
 // files; rule order matters (the first matching rule wins).
