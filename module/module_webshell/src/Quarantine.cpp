@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <sstream>
 
 #include <Poco/Base64Decoder.h>
@@ -122,27 +123,40 @@ std::string GroupName(gid_t gid)
                                                                                     : std::to_string(gid);
 }
 
-// Copies all of `from` (from its start) into `to` and syncs it.
-SDK::Status CopyAndSync(int from, int to, const std::string& what)
+// Hands each chunk of `fd`, from its start, to `use` until the end or until
+// `use` returns false; false on a read error too (errno says which).
+bool ForEachChunk(int fd, const std::function<bool(const char*, size_t)>& use)
 {
     std::string chunk(kCopyChunk, '\0');
     off_t at = 0;
     for (;;) {
-        const ssize_t n = pread(from, &chunk[0], chunk.size(), at);
+        const ssize_t n = pread(fd, &chunk[0], chunk.size(), at);
         if (n < 0 && errno == EINTR) {
             continue;
         }
-        if (n < 0) {
-            return Errno("cannot read " + what);
+        if (n <= 0) {
+            return n == 0;
         }
-        if (n == 0) {
-            break;
-        }
-        const SDK::Status written = SDK::WriteAll(to, chunk.substr(0, static_cast<size_t>(n)), what);
-        if (!written) {
-            return written;
+        if (!use(chunk.data(), static_cast<size_t>(n))) {
+            return false;
         }
         at += n;
+    }
+}
+
+// Copies all of `from` (from its start) into `to` and syncs it.
+SDK::Status CopyAndSync(int from, int to, const std::string& what)
+{
+    SDK::Status written;
+    const bool read = ForEachChunk(from, [&](const char* data, size_t size) {
+        written = SDK::WriteAll(to, std::string(data, size), what);
+        return static_cast<bool>(written);
+    });
+    if (!written) {
+        return written;
+    }
+    if (!read) {
+        return Errno("cannot read " + what);
     }
     return fsync(to) == 0 ? SDK::Status::Ok() : Errno("cannot sync the copy of " + what);
 }
@@ -221,23 +235,11 @@ std::string Sha256Of(const std::string& data)
 std::string Sha256OfFd(int fd)
 {
     Poco::SHA2Engine engine(Poco::SHA2Engine::SHA_256);
-    std::string chunk(kCopyChunk, '\0');
-    off_t at = 0;
-    for (;;) {
-        const ssize_t n = pread(fd, &chunk[0], chunk.size(), at);
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            return std::string();
-        }
-        if (n == 0) {
-            break;
-        }
-        engine.update(chunk.data(), static_cast<unsigned>(n));
-        at += n;
-    }
-    return Poco::DigestEngine::digestToHex(engine.digest());
+    const bool read = ForEachChunk(fd, [&](const char* data, size_t size) {
+        engine.update(data, static_cast<unsigned>(size));
+        return true;
+    });
+    return read ? Poco::DigestEngine::digestToHex(engine.digest()) : std::string();
 }
 
 Json::Value QuarantineRecord::ToJson() const
